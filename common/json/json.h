@@ -1,0 +1,24 @@
+// Owned JSON trees and the member lookups that every reader of JSON here shares.
+#pragma once
+
+#include <cjson/cJSON.h>
+
+#include <memory>
+
+#include "common/text/text.h"
+
+struct DeleteJson {
+    void operator()(cJSON* tree) const { cJSON_Delete(tree); }
+};
+using OwnedJson = std::unique_ptr<cJSON, DeleteJson>;
+
+/// Parses `text` (null gives null): the tree, or null when it is not JSON or memory is short. What follows the first
+/// JSON value is ignored. Any thread.
+[[nodiscard]] OwnedJson parseJson(const char* text);
+
+/// The text of the member `name` of `object`, looked up without regard to case, the first match winning; null when
+/// `object` is null, has no such member, or the member is no text. The text belongs to the tree. Any thread.
+const char* jsonTextMember(const cJSON* object, const char* name);
+
+/// Prints `tree` without white space into a new text; null when memory is short. Any thread.
+[[nodiscard]] OwnedText printJson(const cJSON* tree);

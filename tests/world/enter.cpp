@@ -1,0 +1,141 @@
+// enter COMMAND [ARGUMENT...]: runs a command in a private world and ends with its status. The world is a user, mount
+// and PID namespace of its own, with empty folders at /var/run, /media and /var/log; everything that the command starts
+// ends with it. Inside a world it only runs the command. Where the kernel refuses namespaces and the user is root in a
+// container, the real folders serve, one world at a time.
+#include <fcntl.h>
+#include <sched.h>
+#include <signal.h>
+#include <sys/file.h>
+#include <sys/mount.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <initializer_list>
+
+static pid_t iChild;
+
+static void forwardSignal(int number) { kill(iChild, number); }
+
+[[noreturn]] static void fail(const char* what) {
+    fprintf(stderr, "enter: %s: %s\n", what, strerror(errno));
+    exit(125);
+}
+
+static void writeMap(const char* path, const char* text) {
+    const int file = open(path, O_WRONLY | O_CLOEXEC);
+    if (file < 0 || write(file, text, strlen(text)) < 0) fail(path);
+    close(file);
+}
+
+static void becomeRootOfOwnNamespace(uid_t user, gid_t group) {
+    char map[64];
+    writeMap("/proc/self/setgroups", "deny");
+    snprintf(map, sizeof map, "0 %u 1", user);
+    writeMap("/proc/self/uid_map", map);
+    snprintf(map, sizeof map, "0 %u 1", group);
+    writeMap("/proc/self/gid_map", map);
+}
+
+static bool isContainer() {
+    return access("/.dockerenv", F_OK) == 0 || access("/run/.containerenv", F_OK) == 0 ||
+           getenv("container") != nullptr;
+}
+
+static void mountEmptyFolder(const char* path) {
+    char real[PATH_MAX];
+    if (!realpath(path, real)) fail(path);
+    if (mount("world", real, "tmpfs", 0, "mode=0755") != 0) fail(real);
+}
+
+static void emptyFolder(const char* path) {
+    char command[PATH_MAX];
+    snprintf(command, sizeof command, "rm -rf %s/orvoservice* %s/pcb_sys %s/kelm.*", path, path, path);
+    if (system(command) != 0) fail(path);
+}
+
+[[noreturn]] static void runCommand(char** command) {
+    if (mkdir("/var/run/dbus", 0755) != 0 && errno != EEXIST) fail("/var/run/dbus");
+    setenv("ORSM_WORLD", "1", 1);
+    execvp(command[0], command);
+    fail(command[0]);
+}
+
+static int statusOf(int status) { return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status); }
+
+// The first process of the PID namespace: it starts the command, reaps what is left behind by others, and takes the
+// whole namespace with it when it ends.
+[[noreturn]] static void runInit(char** command) {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) fail("making mounts private");
+    // Refused where parts of the outer /proc are covered; the outer one serves then, with outer numbers.
+    (void)mount("proc", "/proc", "proc", MS_NOSUID | MS_NODEV | MS_NOEXEC, nullptr);
+    for (const char* folder : {"/var/run", "/media", "/var/log"}) {
+        mountEmptyFolder(folder);
+    }
+    iChild = fork();
+    if (iChild < 0) fail("fork");
+    if (iChild == 0) runCommand(command);
+    for (int number : {SIGINT, SIGTERM, SIGHUP}) {
+        signal(number, forwardSignal);
+    }
+    for (;;) {
+        int status = 0;
+        const pid_t ended = wait(&status);
+        if (ended == iChild) _exit(statusOf(status));
+    }
+}
+
+int main(int argc, char** argv) {
+    if (argc < 2) {
+        fputs("usage: enter COMMAND [ARGUMENT...]\n", stderr);
+        return 125;
+    }
+    if (getenv("ORSM_WORLD")) runCommand(argv + 1);
+
+    const uid_t user = geteuid();
+    const gid_t group = getegid();
+    bool isolated = unshare(CLONE_NEWUSER | CLONE_NEWNS | CLONE_NEWPID) == 0;
+    if (isolated) {
+        becomeRootOfOwnNamespace(user, group);
+    } else {
+        isolated = user == 0 && unshare(CLONE_NEWNS | CLONE_NEWPID) == 0;
+    }
+    if (!isolated) {
+        if (user != 0 || !isContainer()) {
+            fputs(
+                "enter: this kernel lets nobody make namespaces; enable unprivileged user namespaces "
+                "(sysctl kernel.unprivileged_userns_clone=1 and user.max_user_namespaces=10000), "
+                "or run as root in a container\n",
+                stderr);
+            return 125;
+        }
+        const int lock = open("/tmp/orsm-world.lock", O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+        if (lock < 0 || flock(lock, LOCK_EX) != 0) fail("/tmp/orsm-world.lock");
+        for (const char* folder : {"/var/run", "/media", "/var/log"}) {
+            emptyFolder(folder);
+        }
+        prctl(PR_SET_CHILD_SUBREAPER, 1);
+    }
+
+    iChild = fork();
+    if (iChild < 0) fail("fork");
+    if (iChild == 0) {
+        if (isolated) runInit(argv + 1);
+        runCommand(argv + 1);
+    }
+    for (int number : {SIGINT, SIGTERM, SIGHUP}) {
+        signal(number, forwardSignal);
+    }
+    int status = 0;
+    while (waitpid(iChild, &status, 0) < 0) {
+        if (errno != EINTR) fail("waitpid");
+    }
+    return statusOf(status);
+}

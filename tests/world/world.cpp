@@ -1,0 +1,199 @@
+#include "tests/world/world.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+
+namespace world {
+
+static const char KDbusConfiguration[] =
+    R"(<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
+ "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
+<busconfig><type>system</type><listen>unix:path=/var/run/dbus/system_bus_socket</listen><auth>EXTERNAL</auth>
+<policy context="default"><allow user="*"/><allow own="*"/><allow send_type="method_call"/>
+<allow send_destination="*"/><allow receive_type="method_call"/><allow receive_type="method_return"/>
+<allow receive_type="error"/><allow receive_type="signal"/><allow send_type="signal"/></policy></busconfig>
+)";
+
+// What ran in this test, for the report when it fails.
+static std::vector<std::string>& outputs() {
+    static std::vector<std::string> paths;
+    return paths;
+}
+
+class PrintOutputsOfFailure : public testing::EmptyTestEventListener {
+    void OnTestEnd(const testing::TestInfo& test) override {
+        if (!test.result()->Failed()) return;
+        for (const std::string& path : outputs()) {
+            fprintf(stderr, "----- %s\n%s", path.c_str(), readFile(path).c_str());
+        }
+    }
+};
+
+class World : public testing::Environment {
+    void SetUp() override {
+        if (!getenv("ORSM_WORLD")) {
+            fputs("Run tests through the world's door: tests/world/enter TEST\n", stderr);
+            _exit(125);
+        }
+        signal(SIGPIPE, SIG_IGN);
+    }
+};
+
+[[maybe_unused]] static const testing::Environment* const KWorld = [] {
+    testing::UnitTest::GetInstance()->listeners().Append(new PrintOutputsOfFailure);
+    return testing::AddGlobalTestEnvironment(new World);
+}();
+
+Process::Process(std::vector<std::string> arguments, std::map<std::string, std::string> environment) {
+    static std::atomic<int> serial = 0;
+    const std::string name = arguments[0].substr(arguments[0].rfind('/') + 1);
+    outputPath_ = "/var/log/output." + name + "." + std::to_string(++serial);
+    outputs().push_back(outputPath_);
+    const int file = open(outputPath_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_APPEND, 0644);
+    std::vector<char*> raw;
+    for (std::string& argument : arguments) {
+        raw.push_back(argument.data());
+    }
+    raw.push_back(nullptr);
+    pid_ = fork();
+    if (pid_ < 0 || file < 0) throw std::runtime_error("cannot start " + name);
+    if (pid_ == 0) {
+        for (const auto& [key, value] : environment) {
+            setenv(key.c_str(), value.c_str(), 1);
+        }
+        dup2(open("/dev/null", O_RDONLY | O_CLOEXEC), 0);
+        dup2(file, 1);
+        dup2(file, 2);
+        signal(SIGPIPE, SIG_DFL);
+        execvp(raw[0], raw.data());
+        dprintf(2, "cannot execute %s\n", raw[0]);
+        _exit(127);
+    }
+    close(file);
+}
+
+Process::~Process() {
+    if (!running()) return;
+    send(SIGKILL);
+    waitpid(pid_, nullptr, 0);
+}
+
+bool Process::running() {
+    if (!ended_ && waitpid(pid_, &status_, WNOHANG) == pid_) ended_ = true;
+    return !ended_;
+}
+
+void Process::send(int signalNumber) const { kill(pid_, signalNumber); }
+
+int Process::wait() {
+    if (!waitFor([this] { return !running(); })) return -1;
+    return WIFEXITED(status_) ? WEXITSTATUS(status_) : 128 + WTERMSIG(status_);
+}
+
+std::string Process::output() const { return readFile(outputPath_); }
+
+int run(std::vector<std::string> arguments, std::string* output) {
+    Process process(std::move(arguments));
+    const int status = process.wait();
+    if (output) *output = process.output();
+    return status;
+}
+
+bool waitFor(const std::function<bool()>& condition) {
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > end) return false;
+        poll(nullptr, 0, 5);
+    }
+    return true;
+}
+
+std::string binary(const std::string& name) { return std::string(ORSM_BINARY_FOLDER "/") + name; }
+
+std::string readFile(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    std::ostringstream content;
+    content << file.rdbuf();
+    return content.str();
+}
+
+void writeFile(const std::string& path, std::string_view content) {
+    std::ofstream(path, std::ios::binary).write(content.data(), static_cast<std::streamsize>(content.size()));
+}
+
+std::string LogReader::next(std::string_view text) {
+    std::string line;
+    (void)waitFor([&] {
+        const std::string all = content();
+        const size_t found = all.find(text, position_);
+        if (found == std::string::npos) return false;
+        const size_t end = all.find('\n', found);
+        if (end == std::string::npos) return false;
+        const size_t begin = all.rfind('\n', found) + 1;
+        line = all.substr(begin, end - begin);
+        position_ = end + 1;
+        return true;
+    });
+    EXPECT_FALSE(line.empty()) << "no log line holds: " << text;
+    return line;
+}
+
+bool LogReader::holdsBefore(std::string_view text, std::string_view marker) {
+    const size_t begin = position_;
+    next(marker);
+    return content().substr(begin, position_ - begin).find(text) != std::string::npos;
+}
+
+size_t LogReader::count(std::string_view text) const {
+    size_t lines = 0;
+    std::istringstream all(content());
+    for (std::string line; std::getline(all, line);) {
+        if (line.find(text) != std::string::npos) ++lines;
+    }
+    return lines;
+}
+
+static bool listens(const char* path) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    snprintf(address.sun_path, sizeof address.sun_path, "%s", path);
+    const int connection = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const bool connected = connect(connection, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+    close(connection);
+    return connected;
+}
+
+static std::unique_ptr<Process> startListener(std::vector<std::string> arguments, const char* socketPath) {
+    unlink(socketPath);
+    auto process = std::make_unique<Process>(std::move(arguments));
+    if (!waitFor([&] { return listens(socketPath) || !process->running(); }) || !process->running()) {
+        throw std::runtime_error("nothing listens at " + std::string(socketPath) + ": " + process->output());
+    }
+    return process;
+}
+
+std::unique_ptr<Process> startDbusDaemon() {
+    writeFile("/var/run/dbus/bus.conf", KDbusConfiguration);
+    return startListener({"dbus-daemon", "--nofork", "--nopidfile", "--config-file=/var/run/dbus/bus.conf"},
+                         "/var/run/dbus/system_bus_socket");
+}
+
+std::unique_ptr<Process> startPcbBus(const std::string& definition) {
+    return startListener({binary("pcb-bus"), "--socket", "/var/run/pcb_sys", "--definition",
+                          definition.empty() ? ORSM_SOURCE_FOLDER "/platform/bus/gateway.odl" : definition},
+                         "/var/run/pcb_sys");
+}
+
+}  // namespace world

@@ -1,0 +1,76 @@
+// What a test finds in its private world: real processes, real files, and one way to wait for things.
+#pragma once
+
+#include <signal.h>
+#include <sys/types.h>
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace world {
+
+/// A running program whose standard output and error go to one file; killed and reaped at the end of its life.
+class Process {
+  public:
+    /// Starts `arguments[0]` (a path, or a name looked up in PATH) with extra environment entries.
+    explicit Process(std::vector<std::string> arguments, std::map<std::string, std::string> environment = {});
+    ~Process();
+    Process(const Process&) = delete;
+    Process& operator=(const Process&) = delete;
+
+    pid_t pid() const { return pid_; }
+    bool running();
+    void send(int signalNumber) const;
+    /// Waits for the end: the exit status, or 128 + the signal that killed it; -1 when it does not end in time.
+    int wait();
+    std::string output() const;
+
+  private:
+    pid_t pid_ = -1;
+    int status_ = -1;
+    bool ended_ = false;
+    std::string outputPath_;
+};
+
+/// Runs a program to its end; its output goes into `output` when given. The exit status as Process::wait.
+int run(std::vector<std::string> arguments, std::string* output = nullptr);
+
+/// Waits until `condition` holds, looking again every few milliseconds; false after a generous bound (30 s).
+[[nodiscard]] bool waitFor(const std::function<bool()>& condition);
+
+/// The path of a program of this build, such as binary("pcb-bus").
+std::string binary(const std::string& name);
+
+std::string readFile(const std::string& path);
+void writeFile(const std::string& path, std::string_view content);
+
+/// Reads a growing log file from the front; each match is searched behind the one before.
+class LogReader {
+  public:
+    explicit LogReader(std::string path) : path_(std::move(path)) {}
+    /// Waits for the next line that holds `text` and moves behind it; empty when none comes in time.
+    std::string next(std::string_view text);
+    /// Whether a line that holds `text` stands between the last match and the next line that holds `marker`; waits for
+    /// the marker and moves behind it.
+    bool holdsBefore(std::string_view text, std::string_view marker);
+    /// How many lines hold `text`, in the whole file.
+    size_t count(std::string_view text) const;
+    std::string content() const { return readFile(path_); }
+
+  private:
+    std::string path_;
+    size_t position_ = 0;
+};
+
+/// Starts a bus at /var/run/dbus/system_bus_socket, and waits until it listens.
+std::unique_ptr<Process> startDbusDaemon();
+
+/// Starts the data-model bus at /var/run/pcb_sys with the gateway's own definition or another one, and waits until it
+/// listens.
+std::unique_ptr<Process> startPcbBus(const std::string& definition = "");
+
+}  // namespace world
