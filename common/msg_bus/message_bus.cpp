@@ -1,0 +1,1 @@
+#include "common/msg_bus/message_bus.h"
