@@ -1,3 +1,247 @@
 #include "common/log/log.h"
 
-void _log(const char*, int, const char*, ssize_t, const char*, ...) {}
+#include <fcntl.h>
+#include <pthread.h>
+#include <signal.h>
+#include <strings.h>
+#include <sys/stat.h>
+#include <sys/time.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <climits>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+
+#include "common/text/text.h"
+
+static constexpr size_t KLineRoom = 7999;
+static constexpr char KDefaultFolder[] = "/var/log";
+
+struct LevelRow {
+    const char* name;
+    int priority;
+};
+static constexpr LevelRow KLevels[] = {
+    {"TRACE",  LOG_DEBUG  },
+    {"DEBUG",  LOG_INFO   },
+    {"INFO",   LOG_NOTICE },
+    {"WARN",   LOG_WARNING},
+    {"ERROR",  LOG_ERR    },
+    {"SYSLOG", LOG_NOTICE },
+};
+
+constinit LogSettings iLogSettings;
+LogCategory* categories = nullptr;
+
+// Recursive, because a reload logs while it holds the log.
+static pthread_mutex_t iLock = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
+static std::atomic<bool> iHangupSeen = false;
+static_assert(std::atomic<bool>::is_always_lock_free, "set by a signal handler");
+static void (*iReload)() = nullptr;
+static bool iReloading = false;
+
+namespace {
+
+struct KeepErrno {
+    const int value = errno;
+    ~KeepErrno() { errno = value; }
+};
+
+// An output whose reader is gone is a failure like any other, and silent: for its scope no SIGPIPE reaches the process.
+struct WithoutBrokenPipe {
+    WithoutBrokenPipe() {
+        sigemptyset(&signal_);
+        sigaddset(&signal_, SIGPIPE);
+        pthread_sigmask(SIG_BLOCK, &signal_, &before_);
+    }
+    ~WithoutBrokenPipe() {
+        static constexpr timespec KNow = {};
+        if (sigismember(&before_, SIGPIPE) == 0) sigtimedwait(&signal_, nullptr, &KNow);
+        pthread_sigmask(SIG_SETMASK, &before_, nullptr);
+    }
+    WithoutBrokenPipe(const WithoutBrokenPipe&) = delete;
+    WithoutBrokenPipe& operator=(const WithoutBrokenPipe&) = delete;
+
+  private:
+    sigset_t signal_;
+    sigset_t before_;
+};
+
+// The line under construction: at most KLineRoom bytes of text, then the newline in the place of the zero byte.
+struct Line {
+    char text[KLineRoom + 1];
+    size_t length;
+    size_t levelName;  // where the level name begins
+};
+
+}  // namespace
+
+LogLock::LogLock() { pthread_mutex_lock(&iLock); }
+
+LogLock::~LogLock() { pthread_mutex_unlock(&iLock); }
+
+int logLevelFromText(const char* text) {
+    int level = LEVEL_TRACE;
+    while (level < LEVEL_SYSLOG && strcasecmp(text, KLevels[level].name) != 0) {
+        ++level;
+    }
+    return level;
+}
+
+static void noteHangup(int) { iHangupSeen.store(true); }
+
+void reloadLogOnHangup(void (*reload)()) {
+    iReload = reload;
+    signal(SIGHUP, noteHangup);
+}
+
+// A hang-up that comes during a reload is left to the next call, so the reload's own lines never start another.
+static void reloadIfAsked() {
+    if (iReloading || !iHangupSeen.exchange(false)) return;
+    const KeepErrno keep;  // the message may still be formatted with it
+    iReloading = true;
+    iReload();
+    iReloading = false;
+}
+
+static const LogCategory* findCategory(const char* name) {
+    for (LogCategory** link = &categories; *link; link = &(*link)->next) {
+        LogCategory* const found = *link;
+        if (strcmp(found->name, name) != 0) continue;
+        *link = found->next;
+        found->next = categories;
+        categories = found;
+        return found;
+    }
+    return nullptr;
+}
+
+static bool passesFilter(const char* category, int level) {
+    if (level < LEVEL_TRACE || level > LEVEL_SYSLOG) return false;
+    if (level == LEVEL_SYSLOG) return true;
+    if (!iLogSettings.enabled) return false;
+    const LogCategory* const own = findCategory(category);
+    return level >= (own ? own->level : iLogSettings.level);
+}
+
+static bool appendFormatted(Line& line, const char* format, va_list arguments) {
+    const size_t room = KLineRoom - line.length;
+    const int length = vsnprintf(line.text + line.length, room + 1, format, arguments);
+    if (length < 0) return false;
+    line.length += std::min(static_cast<size_t>(length), room);
+    return true;
+}
+
+__attribute__((format(printf, 2, 3))) static void append(Line& line, const char* format, ...) {
+    va_list arguments;
+    va_start(arguments, format);
+    (void)appendFormatted(line, format, arguments);
+    va_end(arguments);
+}
+
+static void beginLine(Line& line, int level, const char* file, ssize_t lineNumber) {
+    timeval now = {};
+    gettimeofday(&now, nullptr);
+    tm local = {};
+    localtime_r(&now.tv_sec, &local);
+    line.length = strftime(line.text, sizeof line.text, "%F %T", &local);
+    append(line, ".%03ld ", static_cast<long>(now.tv_usec / 1000));
+    line.levelName = line.length;
+    append(line, "%5.10s ", KLevels[level].name);
+    if (iLogSettings.lineAndFile) append(line, "file: %s, line: %zd - ", file, lineNumber);
+}
+
+// One write call a line, so that the lines of several writers never mix; a buffered stream would split the long ones.
+// Made again only when a signal cut it before its first byte.
+static void writeOnce(int file, const Line& line) {
+    while (write(file, line.text, line.length) < 0 && errno == EINTR) {
+    }
+}
+
+static void writeToStandardOutput(const Line& line) {
+    fflush(stdout);  // what the program printed before stands before
+    writeOnce(STDOUT_FILENO, line);
+}
+
+static void appendToFile(const char* path, const Line& line) {
+    const int file = open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666);
+    if (file < 0) return;
+    writeOnce(file, line);
+    close(file);
+}
+
+static const char* rotatedFolder() {
+    if (!iLogSettings.rollingFilePath) iLogSettings.rollingFilePath = copyText(KDefaultFolder).release();
+    return iLogSettings.rollingFilePath ? iLogSettings.rollingFilePath : KDefaultFolder;
+}
+
+static bool formatRotatedPath(char (&path)[PATH_MAX], const char* folder, int index) {
+    const int length = snprintf(path, sizeof path, "%s/kelm.%d.log", folder, index);
+    return length >= 0 && static_cast<size_t>(length) < sizeof path;
+}
+
+static void rotate(const char* folder) {
+    // The log is held meanwhile, so the count is bounded; a count that allows no file at all means the current one.
+    const int last = std::clamp(iLogSettings.maxFileCount, 1, 1000) - 1;
+    char to[PATH_MAX];
+    char from[PATH_MAX];
+    if (!formatRotatedPath(to, folder, last)) return;
+    unlink(to);
+    for (int index = last; index >= 1; --index) {
+        if (!formatRotatedPath(to, folder, index) || !formatRotatedPath(from, folder, index - 1)) return;
+        rename(from, to);
+    }
+}
+
+static void writeToRotatedFiles(const Line& line) {
+    const char* const folder = rotatedFolder();
+    struct stat status = {};
+    if (stat(folder, &status) != 0 && mkdir(folder, 0744) != 0) return;
+    char path[PATH_MAX];
+    if (!formatRotatedPath(path, folder, 0)) return;
+    if (stat(path, &status) == 0) {
+        if (status.st_size > iLogSettings.maxFileSize) rotate(folder);
+    } else if (errno != ENOENT) {
+        return;
+    }
+    appendToFile(path, line);
+}
+
+static void writeToSystemLog(int level, const Line& line) {
+    const int length = static_cast<int>(line.length - line.levelName);
+    syslog(KLevels[level].priority, "%.*s", length, line.text + line.levelName);
+}
+
+static void writeToOutputs(int level, Line& line) {
+    const WithoutBrokenPipe guard;
+    line.text[line.length++] = '\n';
+    if (iLogSettings.standardOutput) writeToStandardOutput(line);
+    if (iLogSettings.file) appendToFile(iLogSettings.filename, line);
+    if (level == LEVEL_SYSLOG) writeToRotatedFiles(line);
+    if (iLogSettings.systemLog) writeToSystemLog(level, line);
+}
+
+void _log(const char* category, int level, const char* file, ssize_t line, const char* format, ...) {
+    const KeepErrno keep;
+    const LogLock lock;
+    reloadIfAsked();
+    if (!passesFilter(category, level)) return;
+
+    Line built;
+    beginLine(built, level, file, line);
+    va_list arguments;
+    va_start(arguments, format);
+    const bool complete = appendFormatted(built, format, arguments);
+    va_end(arguments);
+    if (!complete) {
+        fprintf(stderr, "vsnprintf failed due to error %d\n", errno);
+        return;
+    }
+    writeToOutputs(level, built);
+}

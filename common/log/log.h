@@ -5,6 +5,8 @@
 
 #include <sys/types.h>
 
+#include <cstdint>
+
 enum LogLevel { LEVEL_TRACE = 0, LEVEL_DEBUG, LEVEL_INFO, LEVEL_WARN, LEVEL_ERROR, LEVEL_SYSLOG };
 
 /// Logs one message: filters it, builds the line and writes it to every output that is switched on. `level` is 0 to 5;
@@ -38,3 +40,49 @@ inline void checkLogFormat(const char*, ...) {}
 
 /// LOG(INFO, "format", ...): logs at the named level, otherwise as LOG_AT.
 #define LOG(level, ...) LOG_AT(LEVEL_##level, __VA_ARGS__)
+
+// From here on: for the module that changes the settings.
+
+/// A category with a threshold of its own, which takes the place of the global one.
+struct LogCategory {
+    char* name;  // owned
+    int level;
+    LogCategory* next;
+};
+
+/// What is logged and where to. The initial values are those of a process that was not configured yet.
+struct LogSettings {
+    bool enabled = true;
+    int level = LEVEL_ERROR;
+    char filename[256] = "";
+    bool file = false;
+    bool network = false;  // kept, without an effect
+    bool standardOutput = false;
+    bool protocol = false;  // kept, without an effect
+    bool lineAndFile = false;
+    int32_t maxFileCount = 5;
+    int32_t maxFileSize = 204800;     // bytes
+    char* rollingFilePath = nullptr;  // owned
+    bool systemLog = false;
+    char* systemLogIdentity = nullptr;  // owned; the system log keeps the pointer while it is open
+};
+
+/// Holds the log for its scope: no line is written and no setting changes meanwhile. May nest in one thread. Any
+/// thread.
+struct LogLock {
+    LogLock();
+    ~LogLock();
+    LogLock(const LogLock&) = delete;
+    LogLock& operator=(const LogLock&) = delete;
+};
+
+/// Both are read and written by holders of a LogLock only.
+extern LogSettings iLogSettings;
+extern LogCategory* categories;
+
+/// The level that a text names, in any case of letters; 5 for every text that is not "TRACE" to "ERROR". Any thread.
+int logLevelFromText(const char* text);
+
+/// From now on a SIGHUP lets the next log call run `reload` before its own line, even if that line is dropped. `reload`
+/// runs in the thread of that call and holds the lock; it may log and change the settings. Needs a LogLock.
+void reloadLogOnHangup(void (*reload)());
