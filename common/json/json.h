@@ -20,5 +20,9 @@ using OwnedJson = std::unique_ptr<cJSON, DeleteJson>;
 /// `object` is null, has no such member, or the member is no text. The text belongs to the tree. Any thread.
 const char* jsonTextMember(const cJSON* object, const char* name);
 
+/// Adds the member `key` to `object`: `text` as a JSON string, or JSON null for a null text. False when memory is short
+/// (the object stays as it was). Any thread.
+[[nodiscard]] bool addJsonStringOrNull(cJSON* object, const char* key, const char* text);
+
 /// Prints `tree` without white space into a new text; null when memory is short. Any thread.
 [[nodiscard]] OwnedText printJson(const cJSON* tree);

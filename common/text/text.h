@@ -15,6 +15,10 @@ using OwnedText = std::unique_ptr<char, FreeText>;
 /// A copy of `text` (not null); null when memory is short. Any thread.
 [[nodiscard]] OwnedText copyText(const char* text);
 
+/// A copy of `text` in `copy`, which is null for a null text. False, with a null `copy`, when memory is short. Any
+/// thread.
+[[nodiscard]] bool duplicateStringOrNull(const char* text, OwnedText* copy);
+
 /// `text` itself, or the empty text for null. Any thread.
 inline const char* textOrEmpty(const char* text) { return text ? text : ""; }
 

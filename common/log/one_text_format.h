@@ -1,0 +1,23 @@
+// A log format that stands in a table: checked at compile time although the call that uses it is not.
+#pragma once
+
+#include "common/log/log.h"
+
+/// A format with exactly one conversion, "%s". Anything else does not compile.
+struct OneTextFormat {
+    const char* text;
+
+    consteval OneTextFormat(const char* format) : text(format) {
+        int conversions = 0;
+        for (const char* c = format; *c; ++c) {
+            if (*c != '%') continue;
+            ++c;
+            if (*c != 's') throw "only %s may stand in a table's format";
+            ++conversions;
+        }
+        if (conversions != 1) throw "a table's format has exactly one %s";
+    }
+};
+
+/// Logs `value` (null is rendered as an empty text) with a table's format, otherwise as LOG_AT.
+#define LOG_TEXT(level, format, value) logLine(KLogCategory, level, KLogModule, __LINE__, (format).text, value)
