@@ -37,7 +37,7 @@ static constexpr LevelRow KLevels[] = {
 };
 
 constinit LogSettings iLogSettings;
-LogCategory* categories = nullptr;
+constinit LogCategory* categories = nullptr;
 
 // Recursive, because a reload logs while it holds the log.
 static pthread_mutex_t iLock = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
@@ -130,7 +130,7 @@ static bool passesFilter(const char* category, int level) {
     return level >= (own ? own->level : iLogSettings.level);
 }
 
-static bool appendFormatted(Line& line, const char* format, va_list arguments) {
+__attribute__((format(printf, 2, 0))) static bool appendFormatted(Line& line, const char* format, va_list arguments) {
     const size_t room = KLineRoom - line.length;
     const int length = vsnprintf(line.text + line.length, room + 1, format, arguments);
     if (length < 0) return false;
@@ -227,7 +227,9 @@ static void writeToOutputs(int level, Line& line) {
     if (iLogSettings.systemLog) writeToSystemLog(level, line);
 }
 
-void _log(const char* category, int level, const char* file, ssize_t line, const char* format, ...) {
+// A printf format here, not in the header: LOG has checked it, and hands it on from where it is no literal any more.
+__attribute__((format(printf, 5, 6))) void _log(const char* category, int level, const char* file, ssize_t line,
+                                                const char* format, ...) {
     const KeepErrno keep;
     const LogLock lock;
     reloadIfAsked();

@@ -1,0 +1,157 @@
+#include "common/conffile/conffile.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <utility>
+
+#include "common/log/log.h"
+
+static constexpr char KLogCategory[] = "unassigned";
+static constexpr char KLogModule[] = "common/conffile/conffile";
+
+static constexpr size_t KFileContentSize = 4096;
+static constexpr char KLineEnds[] = "\r\n";
+static constexpr char KBlanks[] = " \t\v\f";
+
+void configFileFree(ConfigFile* config) {
+    if (!config) return;
+    while (ConfigPair* const pair = config->head) {
+        config->head = pair->next;
+        free(pair);
+    }
+    free(config->content);
+    free(config);
+}
+
+static OwnedConfig makeConfig(size_t contentSize) {
+    OwnedConfig config(static_cast<ConfigFile*>(calloc(1, sizeof(ConfigFile))));
+    if (!config) {
+        LOG(WARN, "cannot allocate memory for ConfigFile");
+        return nullptr;
+    }
+    config->content = static_cast<char*>(malloc(contentSize));
+    if (!config->content) {
+        LOG(WARN, "cannot allocate memory for ConfigFile content");
+        return nullptr;
+    }
+    return config;
+}
+
+// The text of a field that begins behind its opening quote: up to the closing one, or to the end without it.
+static char* unquote(char* const text) {
+    char* to = text;
+    for (const char* from = text; *from && *from != '"'; ++from) {
+        if (from[0] == '\\' && from[1] == '"') ++from;
+        *to++ = *from;
+    }
+    *to = '\0';
+    return text;
+}
+
+static char* cleanField(char* piece) {
+    char* const field = piece + strspn(piece, KBlanks);
+    if (*field == '"') return unquote(field + 1);
+    field[strcspn(field, KBlanks)] = '\0';
+    return field;
+}
+
+static bool addPair(ConfigFile* config, char* line) {
+    char* const separator = strchr(line, '=');
+    if (!separator) {
+        LOG(WARN, "syntax error in configuration");
+        return false;
+    }
+    *separator = '\0';
+    auto* const pair = static_cast<ConfigPair*>(malloc(sizeof(ConfigPair)));
+    if (!pair) {
+        LOG(WARN, "cannot allocate memory for ConfigPair");
+        return false;
+    }
+    *pair = {cleanField(line), cleanField(separator + 1), config->head};
+    config->head = pair;
+    return true;
+}
+
+// The content needs room for one byte more than its length, unless that is the size of a file's buffer.
+static OwnedConfig parse(OwnedConfig config, bool hasContent) {
+    if (!hasContent) {
+        LOG(WARN, "cannot load configuration");
+        return nullptr;
+    }
+    const size_t length = config->contentLength;
+    config->content[length == KFileContentSize ? length - 1 : length] = '\0';
+    char* rest = nullptr;
+    for (char* line = strtok_r(config->content, KLineEnds, &rest); line; line = strtok_r(nullptr, KLineEnds, &rest)) {
+        if (!addPair(config.get(), line)) return nullptr;
+    }
+    return config;
+}
+
+static bool readContent(ConfigFile* config, int file) {
+    ssize_t length = 0;
+    do {
+        length = read(file, config->content, KFileContentSize);
+    } while (length < 0 && errno == EINTR);
+    if (length < 0) return false;
+    config->contentLength = static_cast<uint32_t>(length);
+    return true;
+}
+
+OwnedConfig configFileLoad(const char* path) {
+    if (!path) {
+        LOG(DEBUG, "path is null");
+        return nullptr;
+    }
+    LOG(INFO, "parsing configuration file: %s", path);
+    const int file = open(path, O_RDONLY | O_CLOEXEC);
+    if (file < 0) {
+        LOG(DEBUG, "cannot open file: %s", path);
+        return nullptr;
+    }
+    OwnedConfig config = makeConfig(KFileContentSize);
+    const bool hasContent = config && readContent(config.get(), file);
+    close(file);
+    return config ? parse(std::move(config), hasContent) : nullptr;
+}
+
+OwnedConfig configFileLoadFromBytes(const void* bytes, size_t length) {
+    LOG(INFO, "parsing configuration from server");
+    // A length that its field cannot hold is more than there is memory for.
+    OwnedConfig config = makeConfig(length < UINT32_MAX ? length + 1 : SIZE_MAX);
+    if (!config) return nullptr;
+    if (bytes) memcpy(config->content, bytes, length);
+    config->contentLength = static_cast<uint32_t>(length);
+    return parse(std::move(config), bytes != nullptr);
+}
+
+const char* configFileValue(const ConfigFile* config, const char* key) {
+    if (!key) {
+        LOG(WARN, "key is null");
+        return nullptr;
+    }
+    if (!config) {
+        LOG(WARN, "cfile is null");
+        return nullptr;
+    }
+    if (!config->head) {
+        LOG(WARN, "cfile does not contain any key-value pairs");
+        return nullptr;
+    }
+    for (const ConfigPair* pair = config->head; pair; pair = pair->next) {
+        if (strcmp(pair->key, key) == 0) return pair->value;
+    }
+    return nullptr;
+}
+
+const ConfigPair* configFileNextKVPair(const ConfigFile* config, const ConfigPair* current) {
+    if (current) return config ? current->next : nullptr;
+    return config ? config->head : nullptr;
+}
+
+const char* configFilePairGetKey(const ConfigPair* pair) { return pair->key; }
+
+const char* configFilePairGetValue(const ConfigPair* pair) { return pair->value; }
