@@ -23,6 +23,13 @@ struct OutsideGate {
     bool held_;
 };
 
+/// Calls `call` with the gate given up, as in an OutsideGate scope, and gives its result.
+template <class Call>
+auto outsideGate(const Call& call) {
+    const OutsideGate outside;
+    return call();
+}
+
 /// Takes the gate for good: no other thread's InsideGate or OutsideGate scope ever passes it again. Only for the end of
 /// the process; waits for the holder to reach something that blocks.
 void closeGateForever();

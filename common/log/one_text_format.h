@@ -3,6 +3,9 @@
 
 #include "common/log/log.h"
 
+/// Not defined, and no constant expression: naming it is how a bad format stops the compiler.
+void aTablesFormatHasExactlyOneTextConversion();
+
 /// A format with exactly one conversion, "%s". Anything else does not compile.
 struct OneTextFormat {
     const char* text;
@@ -12,10 +15,10 @@ struct OneTextFormat {
         for (const char* c = format; *c; ++c) {
             if (*c != '%') continue;
             ++c;
-            if (*c != 's') throw "only %s may stand in a table's format";
+            if (*c != 's') aTablesFormatHasExactlyOneTextConversion();
             ++conversions;
         }
-        if (conversions != 1) throw "a table's format has exactly one %s";
+        if (conversions != 1) aTablesFormatHasExactlyOneTextConversion();
     }
 };
 

@@ -1,0 +1,183 @@
+// Function calls on data-model objects, and their results as JSON.
+#include <sys/time.h>
+
+#include "common/gate/gate.h"
+#include "common/json/json.h"
+#include "pcblib/pcbclient_internal.h"
+
+static PcbFunctionCallback iFunctionExecuteCallback;
+static char* iLastFunctionResult;  // owned; of the last call of easyExecutePcbFunction
+
+void setPcbFunctionCallback(PcbFunctionCallback callback) { iFunctionExecuteCallback = callback; }
+
+// ----- Building and sending
+
+static request_t* createRequest(const char* path, const char* function, uint32_t flags) {
+    request_t* request = request_create_executeFunction(path, function, flags);
+    if (!request) LOG(ERROR, "Failed to create request (0x%8.8X - %s)", pcb_error, error_string(pcb_error));
+    return request;
+}
+
+request_t* prepareToExecutePcbFunction(const char* path, const char* function) {
+    return createRequest(path, function, REQUEST_FUNCTION_ASYNCHRONOUS);
+}
+
+// Adds what `fill` puts into a variant; nothing when there is no request or `fill` fails.
+template <class Fill>
+static int addParameter(request_t* request, const char* name, const Fill& fill) {
+    if (!request) return 0;
+    variant_t variant;
+    if (!variant_initialize(&variant)) return 0;
+    const bool added = fill(&variant) && request_addParameter(request, name, &variant);
+    variant_cleanup(&variant);
+    return added;
+}
+
+int addStringParameter(request_t* request, const char* name, const char* value) {
+    return addParameter(request, name, [&](variant_t* variant) { return variant_setChar(variant, value); });
+}
+
+int addMapParameter(request_t* request, const char* name, variant_map_t* map) {
+    return addParameter(request, name, [&](variant_t* variant) { return variant_setMapMove(variant, map); });
+}
+
+variant_map_t* createMapParameter() {
+    variant_map_t* map = static_cast<variant_map_t*>(malloc(sizeof(variant_map_t)));
+    if (map) variant_map_initialize(map);
+    return map;
+}
+
+int addStringParameterToMap(variant_map_t* map, const char* key, const char* value) {
+    return variant_map_addChar(map, key, value);
+}
+
+int addIntParameterToMap(variant_map_t* map, const char* key, int value) {
+    return variant_map_addInt32(map, key, value);
+}
+
+int addBoolParameterToMap(variant_map_t* map, const char* key, int flag) {
+    return variant_map_addBool(map, key, flag != 0);
+}
+
+void freeMapParameter(variant_map_t* map) {
+    if (!map) return;
+    // Empty after it was added to a call; a map that never was still owns its entries.
+    variant_map_cleanup(map);
+    free(map);
+}
+
+bool sendPreparedFunction(request_t* request) {
+    request_setReplyItemHandler(request, handleAsyncFunctionReturn);
+    return sendRequest(iPcbContext, request);
+}
+
+request_t* executePreparedPcbFunction(request_t* request) {
+    if (!request || sendPreparedFunction(request)) return request;
+    freePcbRequestObject(request);
+    return nullptr;
+}
+
+request_t* executePreparedPcbFunctionAsync(request_t* request) {
+    if (!request) return nullptr;
+    if (!pushPendingExecution(request)) {
+        LOG(ERROR, "No memory to queue request");
+        freePcbRequestObject(request);
+        return nullptr;
+    }
+    wakeEventLoop();
+    return request;
+}
+
+request_t* executePcbFunction(const char* path, const char* function) {
+    return executePreparedPcbFunction(prepareToExecutePcbFunction(path, function));
+}
+
+// ----- Results
+
+static bool addArguments(cJSON* result, reply_item_t* item) {
+    for (argument_value_t* argument = argument_valueFirstArgument(reply_item_returnArguments(item)); argument;
+         argument = argument_valueNextArgument(argument)) {
+        const char* name = textOrEmpty(argument_valueName(argument));
+        const OwnedText value(variant_char(argument_value(argument)));
+        LOG(DEBUG, "Arg: name = %s, value = %s", name, value.get());
+        if (!addJsonStringOrNull(result, name, value.get())) return false;
+    }
+    return true;
+}
+
+// Null when memory is short: a result that lacks a member would look like another answer.
+static OwnedText functionReturnToJson(reply_item_t* item) {
+    const OwnedJson result(cJSON_CreateObject());
+    const OwnedText returned(variant_char(reply_item_returnValue(item)));
+    if (!addJsonStringOrNull(result.get(), "returns", returned.get())) return nullptr;
+    if (!addArguments(result.get(), item)) return nullptr;
+    return printJson(result.get());
+}
+
+OwnedText functionExecutionResultToJson(reply_item_t* item) {
+    if (reply_item_type(item) != REPLY_ITEM_FUNCTION_RETURN) return nullptr;
+    return functionReturnToJson(item);
+}
+
+int handleAsyncFunctionReturn(request_t* request, reply_item_t* item) {
+    LOG(DEBUG, "Pcb function return");
+    const int type = reply_item_type(item);
+    if (type == REPLY_ITEM_ERROR) logErrorItem(item);
+    if (type == REPLY_ITEM_FUNCTION_RETURN && iFunctionExecuteCallback) {
+        const OwnedText result = functionReturnToJson(item);
+        iFunctionExecuteCallback(request_path(request), request_functionName(request), result.get());
+    }
+    return 1;
+}
+
+// ----- The call that waits
+
+static int handleSyncFunctionReturn(request_t* request, reply_item_t* item) {
+    LOG(DEBUG, "Pcb function return");
+    const int type = reply_item_type(item);
+    if (type == REPLY_ITEM_ERROR) logErrorItem(item);
+    if (type == REPLY_ITEM_FUNCTION_RETURN) {
+        LOG(DEBUG, "Function executed: object = %s, function = %s", request_path(request),
+            request_functionName(request));
+        free(iLastFunctionResult);
+        iLastFunctionResult = functionReturnToJson(item).release();
+    }
+    return 1;
+}
+
+// One wait, whatever it brings: events that are not the answer use it up.
+static void waitForResult(connection_info_t* connection) {
+    llist_t connections;
+    llist_initialize(&connections);
+    llist_append(&connections, connection_listLink(connection));
+    timeval limit = {5, 0};
+    const int events = outsideGate([&] { return connection_waitForEvents(&connections, &limit); });
+    if (events < 0) {
+        LOG(ERROR, "Error %d (%s)", static_cast<int>(pcb_error), error_string(pcb_error));
+    } else if (events == 0) {
+        LOG(WARN, "Easy execute PCB function - timeout");
+    } else {
+        connection_handleEvents(&connections);
+    }
+    llist_cleanup(&connections);
+}
+
+const char* easyExecutePcbFunction(PcbContext* context, const char* path, const char* function) {
+    if (!context) return nullptr;
+    LOG(DEBUG, "Easy execute PCB function - start");
+    request_t* request = createRequest(path, function, REQUEST_FUNCTION_SYNCHRONOUS);
+    if (!request) return nullptr;
+    request_setReplyItemHandler(request, handleSyncFunctionReturn);
+    if (!sendRequest(context, request)) {
+        request_destroy(request);
+        return nullptr;
+    }
+    connection_info_t* connection = pcb_connection(context->pcb);
+    if (!connection) pcb_error = PCB_ERROR_NOT_CONNECTED;
+    free(iLastFunctionResult);
+    iLastFunctionResult = nullptr;
+    waitForResult(connection);
+    LOG(DEBUG, "Easy execute PCB function - finished");
+    request_destroy(request);
+    return iLastFunctionResult;
+}

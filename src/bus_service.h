@@ -1,0 +1,54 @@
+// What the daemon's D-Bus services share: the method table, the dispatch of calls to it, and the registration.
+#pragma once
+
+#include <dbus/dbus.h>
+#include <event2/event.h>
+
+#include <memory>
+#include <span>
+
+#include "common/msg_bus/message_bus.h"
+
+struct ReleaseUnanswered {
+    void operator()(DBusMessage* message) const { message_bus_send_no_reply(nullptr, message); }
+};
+
+/// A call that waits for its one answer. Answering takes the message out, so it cannot be answered twice; a call that
+/// goes out of scope unanswered is released, and its client is left to its own time-out.
+struct MethodCall {
+    message_bus* bus;
+    const char* firstArgument;  // null when it has no text form; belongs to the message
+    std::unique_ptr<DBusMessage, ReleaseUnanswered> message;
+};
+
+struct Method {
+    const char* name;
+    void (*answer)(MethodCall& call);
+};
+
+/// All that makes one service: who it is on the bus, its methods in the order of their registration, and the log lines
+/// of its registration that are its own.
+struct BusService {
+    const char* interface;
+    const char* path;
+    std::span<const Method> methods;
+    message_bus_method_callback handler;
+    const char* enablingLine;
+    const char* cannotCreateLine;
+    const char* createdLine;
+};
+
+/// Makes the service's bus object, asks for the daemon's bus name and listens for the methods. The object, to be freed
+/// with message_bus_free, or null when any of it failed (logged, nothing left behind). Blocks for the bus's answers.
+/// Main thread, before the bus thread runs.
+[[nodiscard]] message_bus* offerService(const BusService& service, struct event_base* base);
+
+/// The body of every service's method callback: logs the call and has the method of that name answer it, holding the
+/// gate; a call of any other name is logged and released without an answer. Bus thread.
+void dispatchMethodCall(std::span<const Method> methods, message_bus* bus, const char* method,
+                        const char* firstArgument, DBusMessage* call);
+
+/// Answers the call; a reply that cannot be sent is logged by the message bus. `text` is not null. Bus thread; blocks
+/// until the reply is written.
+void replyText(MethodCall& call, const char* text);
+void replyBool(MethodCall& call, bool value);

@@ -1,0 +1,193 @@
+#include "src/dbusinterface/dyndns_sync.h"
+
+#include <cstring>
+
+#include "common/gate/gate.h"
+#include "common/json/json.h"
+#include "common/log/one_text_format.h"
+#include "common/text/text.h"
+#include "common/timer/timer.h"
+#include "src/dbusinterface/gateway_client.h"
+#include "src/dbusinterface/service_store.h"
+#include "src/dyndnsrequest.h"
+
+static constexpr char KLogCategory[] = "orvoservicemanager";
+static constexpr char KLogModule[] = "src/dbusinterface";
+
+static constexpr char KHostName[] = "HostName";
+static constexpr char KSyncNotFinished[] = "SyncNotFinished";
+
+static constexpr int KStartDelay = 1;          // seconds
+static constexpr int KFirstRetryInterval = 5;  // seconds, also what every retry adds
+static constexpr int KLongestRetryInterval = 3600;
+
+struct event_base* iBusEventBase;
+struct event* iDynDnsSyncTimer;
+int iDynDnsSyncRetryInterval = KFirstRetryInterval;
+
+SyncDecision decideSync(const SyncState& s) {
+    if (!*s.haId) return {SyncAction::SwitchOff, LEVEL_WARN, "HA-ID is empty"};
+    if (s.homeAutomationEnable == TRI_UNKNOWN) return {SyncAction::RetryLater, LEVEL_INFO, "HA enable - state unknown"};
+    if (s.homeAutomationEnable == TRI_FALSE) return {SyncAction::SwitchOff, LEVEL_INFO, "HA is disabled"};
+    if (s.dnsServerStatus != TRI_TRUE) return {SyncAction::RetryLater, LEVEL_INFO, "DNS server is not yet ready"};
+    if (s.isBehindCgNat == TRI_UNKNOWN) return {SyncAction::RetryLater, LEVEL_INFO, "CG-NAT check - state unknown"};
+    if (s.isBehindCgNat == TRI_TRUE) return {SyncAction::SwitchOff, LEVEL_INFO, "CG-NAT check - we are behind CG-NAT"};
+    if (!s.applicationServerUrlDefined) {
+        return {SyncAction::RetryLater, LEVEL_WARN, "Application server URL is not defined"};
+    }
+    return {SyncAction::FetchAndStore, LEVEL_INFO, nullptr};
+}
+
+static void armSyncTimer(int seconds) {
+    // Without its timer a synchronization would rest until the next trigger; that must not go unseen.
+    if (!armTimer(iDynDnsSyncTimer, seconds, 0)) LOG(ERROR, "Cannot arm sync dyndns timer");
+}
+
+void synchronizeDynDnsConfiguration() {
+    if (!iDynDnsSyncTimer) {
+        LOG(INFO, "DynDns sync timer has to be created");
+        iDynDnsSyncTimer = event_new(iBusEventBase, -1, 0, runDynDnsSyncStep, nullptr);
+        if (!iDynDnsSyncTimer) {
+            LOG(ERROR, "Cannot create sync dyndns timer");
+            return;
+        }
+    } else {
+        LOG(INFO, "Pending event for DynDns sync timer has to be cancelled");
+        event_del(iDynDnsSyncTimer);
+    }
+    armSyncTimer(KStartDelay);
+    iDynDnsSyncRetryInterval = KFirstRetryInterval;
+    LOG(INFO, "Sync dyndns timer started");
+}
+
+static void retryLater() {
+    armSyncTimer(iDynDnsSyncRetryInterval);
+    iDynDnsSyncRetryInterval += KFirstRetryInterval;
+    if (iDynDnsSyncRetryInterval >= KLongestRetryInterval) iDynDnsSyncRetryInterval = KLongestRetryInterval;
+}
+
+static void markSyncUnfinished() {
+    if (!easySetPcbParamBoolValue(iBusPcbClient, getPcbObjectPathForDynDns(), KSyncNotFinished, 1)) {
+        LOG(WARN, "Cannot set dyn dns SyncNotFinished=1");
+        return;
+    }
+    saveOrvoServiceData();
+}
+
+static void markSyncFinished() {
+    if (!easySetPcbParamBoolValue(iBusPcbClient, getPcbObjectPathForDynDns(), KSyncNotFinished, 0)) {
+        LOG(WARN, "Cannot set dyn dns SyncNotFinished=0");
+    }
+    saveOrvoServiceData();
+}
+
+static bool storeEnable(bool enable) {
+    if (!easySetPcbParamBoolValue(iBusPcbClient, getPcbObjectPathForDynDns(), getPcbParameterDynDnsEnable(), enable)) {
+        return false;
+    }
+    // Set before the data model reports the change, so that this write's own echo pushes nothing back to the server.
+    iDynDnsEnable = enable ? TRI_TRUE : TRI_FALSE;
+    LOG(INFO, enable ? "DynDNS enable=true saved in PCB" : "DynDNS enable=false saved in PCB");
+    return true;
+}
+
+static bool clearHostName() {
+    if (!easyClearPcbParam(iBusPcbClient, getPcbObjectPathForDynDns(), KHostName)) {
+        LOG(ERROR, "Cannot clear DynDNS hostname value in PCB");
+        return false;
+    }
+    LOG(INFO, "DynDNS empty hostname saved in PCB");
+    return true;
+}
+
+static bool storeHostName(const char* name) {
+    if (!*name) return clearHostName();
+    if (!easySetPcbParam(iBusPcbClient, getPcbObjectPathForDynDns(), KHostName, name)) {
+        LOG(ERROR, "Cannot set DynDNS hostname value in PCB");
+        return false;
+    }
+    LOG(INFO, "DynDNS hostname %s saved in PCB", name);
+    return true;
+}
+
+void disableDynDnsInPcb() {
+    if (iDynDnsEnable != TRI_TRUE) return;
+    if (!storeEnable(false)) {
+        LOG(ERROR, "Cannot set DynDNS enable=false value in PCB");
+        return;
+    }
+    (void)clearHostName();
+    saveOrvoServiceData();
+}
+
+// The parsed answer when its status is "SUCCESS", else null.
+static OwnedJson parseSuccessfulAnswer(const char* body, const OneTextFormat& statusWarning) {
+    OwnedJson answer = parseJson(body);
+    const char* status = jsonTextMember(answer.get(), "status");
+    if (!status) return nullptr;
+    if (strcmp(status, "SUCCESS") == 0) return answer;
+    LOG_TEXT(LEVEL_WARN, statusWarning, status);
+    return nullptr;
+}
+
+// Asks the server and stores what it says; false when any of it failed (logged).
+static bool fetchAndStore() {
+    const OwnedText body = withGatewayClient([] { return getDynDnsConfiguration(iHomeAutomationId); });
+    if (!body) {
+        LOG(ERROR, "Get dyn dns configuration error");
+        return false;
+    }
+    LOG(INFO, "Get dyn dns configuration OK: %s", body.get());
+    const OwnedJson answer = parseSuccessfulAnswer(body.get(), "Dyn DNS status error: %s");
+    if (!answer) {
+        LOG(ERROR, "Server error or error during parsing server response");
+        return false;
+    }
+    const cJSON* registration = cJSON_GetObjectItem(answer.get(), "dynDNS");
+    const char* name = textOrEmpty(jsonTextMember(registration, "name"));
+    if (!storeEnable(cJSON_IsTrue(cJSON_GetObjectItem(registration, "enabled")))) {
+        LOG(ERROR, "Cannot set DynDNS enable value in PCB");
+        return false;
+    }
+    return storeHostName(name);
+}
+
+void runDynDnsSyncStep(evutil_socket_t, short, void*) {
+    const InsideGate inside;
+    const SyncDecision decision = decideSync({iHomeAutomationId, iHomeAutomationEnable, iDnsServerStatus,
+                                              iIsBehindCgNat, iApplicationServerUrlDefined != 0});
+    if (decision.reason) LOG_AT(decision.level, "%s", decision.reason);
+    switch (decision.action) {
+        case SyncAction::SwitchOff: return disableDynDnsInPcb();
+        case SyncAction::RetryLater: return retryLater();
+        case SyncAction::FetchAndStore:
+            markSyncUnfinished();
+            return fetchAndStore() ? markSyncFinished() : retryLater();
+    }
+}
+
+bool setupDynDnsOnServer() {
+    LOG(INFO, "Setup dyn dns on server");
+    if (!*iHomeAutomationId || iHomeAutomationEnable != TRI_TRUE || iIsBehindCgNat == TRI_TRUE) {
+        LOG(INFO, "No possibility to setup dyn dns on server");
+        return false;
+    }
+    const OwnedText name = easyGetPcbParamAsString(iBusPcbClient, getPcbObjectPathForDynDns(), KHostName);
+    if (!name) {
+        LOG(ERROR, "Read dyn dns error");
+        return false;
+    }
+    if (!*name) {
+        LOG(INFO, "Dyn DNS name is empty, enabling/disabling is irrelevant");
+        return true;
+    }
+    LOG(INFO, "Setting dyn dns configuration");
+    const DynDnsConfiguration record = {iHomeAutomationId, name.get(), iDynDnsEnable == TRI_TRUE};
+    const OwnedText body = withGatewayClient([&] { return setDynDnsConfiguration(record); });
+    if (!body) {
+        LOG(ERROR, "Set dyn dns configuration  error");
+        return false;
+    }
+    LOG(INFO, "Dyn DNS Configure OK: %s", body.get());
+    return parseSuccessfulAnswer(body.get(), "Failed to configure DynDNS: %s") != nullptr;
+}

@@ -1,0 +1,12 @@
+// The event pipe: the one road from the main thread to the bus thread.
+#pragma once
+
+#include <event2/event.h>
+
+/// Makes the pipe and registers its read end on `base` with handleEventPipeRecord. The two descriptors, read end first,
+/// which live as long as the process; null when it cannot be made (logged, nothing left behind). Once, before the bus
+/// thread runs.
+[[nodiscard]] int* createPipeForProvidingChangesInDataModel(struct event_base* base);
+
+/// Reads one record and reacts to it; the read end's callback. Holds the gate. Bus thread.
+void handleEventPipeRecord(evutil_socket_t readEnd, short, void*);

@@ -1,0 +1,24 @@
+// The GatewayClient guard: a server request is made while the gateway's connection to the application server is up.
+#pragma once
+
+/// Makes sure that the GatewayClient is connected, waiting for it if need be (see below). True when it switched the
+/// connection mode to "on": the caller then calls setGatewayClienModeOnDemand after its request. Bus thread; blocks.
+[[nodiscard]] bool ensureGatewayClientIsConnected();
+
+/// Asks for a connection and waits until it stands, looking every 200 ms for about 10 s of wall-clock time, and never
+/// more than 12 s whatever the clock does; a connection that does not come is logged. Does not wait at all when the
+/// mode cannot be read. True when it switched the mode to "on". Bus thread; blocks.
+[[nodiscard]] bool waitForGatewayClientConnection();
+
+/// Sets the connection mode back to "ondemand" and saves the tree; a failure is logged. Bus thread; blocks.
+void setGatewayClienModeOnDemand();
+
+/// Runs `request` through the guard and gives its result; the request is made whatever the wait's outcome, and the mode
+/// is put back, if it was switched, before the result is looked at. Bus thread; blocks for the wait and the request.
+template <class Request>
+[[nodiscard]] auto withGatewayClient(const Request& request) {
+    const bool switched = ensureGatewayClientIsConnected();
+    auto answer = request();
+    if (switched) setGatewayClienModeOnDemand();
+    return answer;
+}

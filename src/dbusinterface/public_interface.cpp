@@ -1,0 +1,28 @@
+#include "src/dbusinterface/public_interface.h"
+
+#include "common/msg_bus/message_bus.h"
+#include "src/dbusinterface/dyndns_sync.h"
+#include "src/dbusinterface/service_store.h"
+#include "src/orvoservicesinfo.h"
+
+static constexpr char KSystemBusAddress[] = "unix:path=/var/run/dbus/system_bus_socket";
+
+static bool bringUp(struct event_base* base) {
+    // Without memory for the address the services would land on another bus, or none: that shows when they connect.
+    (void)message_bus_set_dbus_socket(KSystemBusAddress);
+    iBusPcbClient = easyCreatePcbDataModelClient();
+    return iBusPcbClient && enableDbusForOrvoServicesInfo(base);
+}
+
+bool enableDbusPublicInterface(struct event_base* base) {
+    const bool up = bringUp(base);
+    iBusEventBase = base;
+    if (!up) disableDbusPublicInterface();
+    return up;
+}
+
+void disableDbusPublicInterface() {
+    disableDbusForOrvoServicesInfo();
+    easyDestroyPcbDataModelClient(iBusPcbClient);
+    iBusPcbClient = nullptr;
+}

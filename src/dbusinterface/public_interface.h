@@ -1,0 +1,11 @@
+// The public bus interface: brings the bus thread's data-model client and the D-Bus services up, as one.
+#pragma once
+
+#include <event2/event.h>
+
+/// Brings everything up on `base`. True, or false when any of it failed (the failing step has logged why; what was made
+/// before is released). Once, on the main thread, before the bus thread runs.
+[[nodiscard]] bool enableDbusPublicInterface(struct event_base* base);
+
+/// Takes the services and the client down. Only while no thread runs the base.
+void disableDbusPublicInterface();

@@ -1,0 +1,31 @@
+#include "src/dbusinterface/service_store.h"
+
+#include "common/log/log.h"
+
+static constexpr char KLogCategory[] = "orvoservicemanager";
+static constexpr char KLogModule[] = "src/dbusinterface";
+
+static constexpr char KStoreFolder[] = "/media";
+static constexpr char KStoreFile[] = "orvoservice.odl";
+static constexpr char KStoreObject[] = "OrvoService";
+
+PcbContext* iBusPcbClient;
+
+PcbContext* helperPcbDataModelClient() { return iBusPcbClient; }
+
+void loadOrvoServiceData() {
+    if (!easyPcbDatamodelLoad_v2(iBusPcbClient, KStoreFolder, KStoreFile, KStoreObject)) {
+        LOG(ERROR, "Cannot load OrvoService object");
+    }
+}
+
+void saveOrvoServiceData() {
+    // Fetched one by one so that the client holds the current values of all four; what fails is logged there.
+    for (const char* object :
+         {"OrvoService.DynDNS", "OrvoService.Voltaro", "OrvoService.GatewayClient", "OrvoService.HomeAutomation"}) {
+        (void)easyGetPcbObject(iBusPcbClient, object);
+    }
+    if (!easyPcbDatamodelSave_v2(iBusPcbClient, KStoreFolder, KStoreFile, KStoreObject)) {
+        LOG(ERROR, "Cannot save OrvoService object");
+    }
+}

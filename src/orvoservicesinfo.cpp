@@ -1,0 +1,57 @@
+#include "src/orvoservicesinfo.h"
+
+#include "common/log/log.h"
+#include "common/text/text.h"
+#include "src/bus_service.h"
+
+static constexpr char KLogCategory[] = "orvoservicemanager";
+static constexpr char KLogModule[] = "src/orvoservicesinfo";
+
+message_bus* iOrvoServicesInfoMessageBus;
+
+static char* iOrvoServicesInfo;  // owned
+
+int initOrvoServicesInfo(const char* text) {
+    OwnedText copy;
+    if (!duplicateStringOrNull(text, &copy)) return 0;
+    cleanOrvoServicesInfo();
+    iOrvoServicesInfo = copy.release();
+    return 1;
+}
+
+void cleanOrvoServicesInfo() {
+    free(iOrvoServicesInfo);
+    iOrvoServicesInfo = nullptr;
+}
+
+static void answerGet(MethodCall& call) {
+    LOG(INFO, "OrvoServicesInfo Get requested");
+    replyText(call, iOrvoServicesInfo ? iOrvoServicesInfo : R"({"status":"ERROR"})");
+    LOG(INFO, "OrvoServicesInfo Get finished");
+}
+
+static constexpr Method KMethods[] = {
+    {"Get", answerGet},
+};
+
+void handleOrvoServicesInfoMethodCall(message_bus* bus, const char* method, const char* firstArgument,
+                                      DBusMessage* call) {
+    dispatchMethodCall(KMethods, bus, method, firstArgument, call);
+}
+
+static constexpr BusService KService = {
+    .interface = "com.corvane.orsm.orvoservicesinfo",
+    .path = "/orvoservicesinfo",
+    .methods = KMethods,
+    .handler = handleOrvoServicesInfoMethodCall,
+    .enablingLine = "Enabling orvoServicesInfo dbus",
+    .cannotCreateLine = "Cannot create OrvoServicesInfo message bus",
+    .createdLine = "OrvoServicesInfo message bus created",
+};
+
+int enableDbusForOrvoServicesInfo(struct event_base* base) {
+    iOrvoServicesInfoMessageBus = offerService(KService, base);
+    return iOrvoServicesInfoMessageBus != nullptr;
+}
+
+void disableDbusForOrvoServicesInfo() { message_bus_free(&iOrvoServicesInfoMessageBus); }
