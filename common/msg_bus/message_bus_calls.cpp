@@ -1,1 +1,290 @@
+// What goes over the bus: incoming calls and signals with their arguments and replies, outgoing calls and signals.
+#include <cstring>
+
+#include "common/gate/gate.h"
+#include "common/log/log.h"
 #include "common/msg_bus/message_bus.h"
+#include "common/msg_bus/message_bus_internal.h"
+
+static constexpr char KLogCategory[] = "message_bus";
+static constexpr char KLogModule[] = "common/msg_bus/message_bus";
+
+// The bus drops whoever sends more than it lets through at a time; no text of the daemon comes near this.
+static constexpr size_t KLongestText = 1024UL * 1024;
+
+// Texts from servers and from the data model hold any byte, and libdbus ends the process on what is not UTF-8.
+static bool isSendable(const char* text) {
+    return text && strnlen(text, KLongestText + 1) <= KLongestText && dbus_validate_utf8(text, nullptr);
+}
+
+// --- Incoming ---
+
+static const char* get_dbus_message_contents(DBusMessage* message) {
+    DBusMessageIter arguments;
+    if (!dbus_message_iter_init(message, &arguments)) {
+        LOG(DEBUG, "cannot get dbus message contents");
+        return nullptr;
+    }
+    const int type = dbus_message_iter_get_arg_type(&arguments);
+    if (type == DBUS_TYPE_BOOLEAN) {
+        dbus_bool_t value = FALSE;
+        dbus_message_iter_get_basic(&arguments, &value);
+        return value ? "true" : "false";
+    }
+    if (type == DBUS_TYPE_STRING) {
+        const char* value = nullptr;
+        dbus_message_iter_get_basic(&arguments, &value);
+        return value;
+    }
+    LOG(WARN, "unsupported type in dbus message: %d", type);
+    return nullptr;
+}
+
+// The first listener whose name is the member of a message of this kind for the object; the interface may be missing.
+static const listener* findListener(const listener* list, const message_bus* bus, DBusMessage* message,
+                                    dbus_bool_t (*matches)(DBusMessage*, const char*, const char*)) {
+    while (list && !matches(message, bus->name.get(), list->name.get())) {
+        list = list->next;
+    }
+    return list;
+}
+
+DBusHandlerResult handle_message(DBusConnection*, DBusMessage* message, void* data) {
+    auto* bus = static_cast<message_bus*>(data);
+    if (const listener* found = findListener(bus->signalListeners, bus, message, dbus_message_is_signal)) {
+        if (!bus->signalCallback) return DBUS_HANDLER_RESULT_NOT_YET_HANDLED;
+        bus->signalCallback(bus, found->name.get(), get_dbus_message_contents(message));
+        return DBUS_HANDLER_RESULT_HANDLED;
+    }
+    if (const listener* found = findListener(bus->methodListeners, bus, message, dbus_message_is_method_call)) {
+        if (!bus->methodCallback) return DBUS_HANDLER_RESULT_NOT_YET_HANDLED;
+        DBusMessage* call = dbus_message_ref(message);  // the reply operation drops it
+        bus->methodCallback(bus, found->name.get(), get_dbus_message_contents(message), call);
+        return DBUS_HANDLER_RESULT_HANDLED;
+    }
+    return DBUS_HANDLER_RESULT_NOT_YET_HANDLED;
+}
+
+// Reads the argument of this number, which has to be of this type.
+static bool readArgument(DBusMessage* message, int number, int type, const char* typeName, void* value) {
+    DBusMessageIter arguments;
+    if (!message || !dbus_message_iter_init(message, &arguments)) {
+        LOG(WARN, "No arguments");
+        return false;
+    }
+    for (int i = 2; i <= number; ++i) {
+        if (!dbus_message_iter_next(&arguments)) {
+            LOG(WARN, "No argument %d", i);
+            return false;
+        }
+    }
+    if (dbus_message_iter_get_arg_type(&arguments) != type) {
+        LOG(WARN, "Wrong argument %d type, required: %s", number, typeName);
+        return false;
+    }
+    dbus_message_iter_get_basic(&arguments, value);
+    return true;
+}
+
+static const char* readString(DBusMessage* message, int number) {
+    const char* text = nullptr;
+    if (!readArgument(message, number, DBUS_TYPE_STRING, "string", &text)) return nullptr;
+    if (!text) LOG(WARN, "Null argument %d", number);
+    return text;
+}
+
+int get_first_argument_bool_value(DBusMessage* message, int* value) {
+    dbus_bool_t read = FALSE;
+    if (!readArgument(message, 1, DBUS_TYPE_BOOLEAN, "boolean", &read)) return 0;
+    *value = read ? 1 : 0;
+    return 1;
+}
+
+const char* get_first_argument_string_value(DBusMessage* message) { return readString(message, 1); }
+
+const char* get_second_argument_string_value(DBusMessage* message) { return readString(message, 2); }
+
+// --- Replies ---
+
+// The bus may be slow to read, which must not hold up the end of the process.
+static void flush(message_bus* bus) {
+    const OutsideGate outside;
+    dbus_connection_flush(bus->connection.get());
+}
+
+static bool sendMessage(message_bus* bus, DBusMessage* message) {
+    if (!message || !dbus_connection_send(bus->connection.get(), message, nullptr)) return false;
+    flush(bus);
+    return true;
+}
+
+static OwnedMessage newReply(DBusMessage* call, int type, const void* value) {
+    OwnedMessage reply(dbus_message_new_method_return(call));
+    if (!reply || !dbus_message_append_args(reply.get(), type, value, DBUS_TYPE_INVALID)) return nullptr;
+    return reply;
+}
+
+// Releases the call whatever happens. `value` is null when it cannot go onto the bus.
+static int sendReply(message_bus* bus, DBusMessage* raw, int type, const void* value) {
+    const OwnedMessage call(raw);
+    if (call && dbus_message_get_no_reply(call.get())) return 1;
+    if (call && value && sendMessage(bus, newReply(call.get(), type, value).get())) return 1;
+    LOG(WARN, "failed to send DBus method response");
+    // The client would wait for its time-out otherwise.
+    if (call)
+        (void)sendMessage(
+            bus, OwnedMessage(dbus_message_new_error(call.get(), DBUS_ERROR_FAILED, "No reply can be sent")).get());
+    return 0;
+}
+
+int message_bus_send_string_reply(message_bus* bus, DBusMessage* call, const char* text) {
+    return sendReply(bus, call, DBUS_TYPE_STRING, isSendable(text) ? &text : nullptr);
+}
+
+int message_bus_send_bool_reply(message_bus* bus, DBusMessage* call, int value) {
+    const dbus_bool_t answer = value ? TRUE : FALSE;
+    return sendReply(bus, call, DBUS_TYPE_BOOLEAN, &answer);
+}
+
+void message_bus_send_no_reply(message_bus*, DBusMessage* call) { const OwnedMessage released(call); }
+
+// --- Outgoing ---
+
+struct UnrefPendingCall {
+    void operator()(DBusPendingCall* call) const { dbus_pending_call_unref(call); }
+};
+using OwnedPendingCall = std::unique_ptr<DBusPendingCall, UnrefPendingCall>;
+
+// What an outgoing call carries along until its reply; released with the pending call.
+struct method_reply_context {
+    message_bus* bus;
+    OwnedText method;
+    DBusPendingCall* call;  // the reference from sending, dropped when the reply came or the call is given up
+    method_reply_context* next;
+};
+
+// The calls of all objects that wait for their reply: an object must not be gone when its reply comes.
+static method_reply_context* iWaitingCalls = nullptr;
+
+static void releaseContext(void* data) {
+    const OwnedRecord<method_reply_context> context(static_cast<method_reply_context*>(data));
+    method_reply_context** link = &iWaitingCalls;
+    while (*link && *link != context.get()) {
+        link = &(*link)->next;
+    }
+    if (*link) *link = context->next;
+}
+
+void cancel_method_calls(const message_bus* bus) {
+    for (method_reply_context** link = &iWaitingCalls; *link;) {
+        const method_reply_context* context = *link;
+        if (context->bus != bus) {
+            link = &(*link)->next;
+            continue;
+        }
+        *link = context->next;
+        const OwnedPendingCall call(context->call);  // the context goes with it
+        dbus_pending_call_cancel(call.get());
+    }
+}
+
+static void reportReply(const method_reply_context* context, const char* text) {
+    message_bus* bus = context->bus;
+    if (bus->methodCallCallback) bus->methodCallCallback(bus, context->method.get(), text);
+}
+
+// The reference on the starter bus stands for the length of the callback. libdbus keeps such a connection open behind
+// it; nobody reads that one, so its loss is noticed, and ends the process, on the connection that is served.
+static void handle_method_reply(DBusPendingCall* pending, void* data) {
+    const auto* context = static_cast<const method_reply_context*>(data);
+    const OwnedConnection starter = openSharedConnection(DBUS_BUS_STARTER);
+    const OwnedPendingCall call(pending);
+    if (!starter) return reportReply(context, nullptr);
+    const OwnedMessage reply(dbus_pending_call_steal_reply(pending));
+    BusError error;
+    const char* text = nullptr;
+    switch (reply ? dbus_message_get_type(reply.get()) : DBUS_MESSAGE_TYPE_INVALID) {
+        case DBUS_MESSAGE_TYPE_METHOD_RETURN:
+            dbus_message_get_args(reply.get(), &error.raw, DBUS_TYPE_STRING, &text, DBUS_TYPE_INVALID);
+            return reportReply(context, text);
+        case DBUS_MESSAGE_TYPE_ERROR:
+            dbus_set_error_from_message(&error.raw, reply.get());
+            return reportReply(context, nullptr);
+        default: LOG(WARN, "Unexpected message received");
+    }
+}
+
+static OwnedMessage newMethodCall(const char* destination, const char* path, const char* interface,
+                                  const char* method) {
+    if (!dbus_validate_bus_name(destination, nullptr) || !dbus_validate_path(path, nullptr) ||
+        !dbus_validate_interface(interface, nullptr) || !dbus_validate_member(method, nullptr)) {
+        return nullptr;
+    }
+    return OwnedMessage(dbus_message_new_method_call(destination, path, interface, method));
+}
+
+static OwnedPendingCall sendCall(message_bus* bus, DBusMessage* message) {
+    DBusPendingCall* call = nullptr;
+    if (!dbus_connection_send_with_reply(bus->connection.get(), message, &call, DBUS_TIMEOUT_USE_DEFAULT))
+        return nullptr;
+    return OwnedPendingCall(call);  // null as well when the connection is lost
+}
+
+// The call waits for its reply from here on, and keeps the reference on itself. A failure leaves it to the caller.
+static bool awaitReply(message_bus* bus, const char* method, DBusPendingCall* call) {
+    OwnedRecord<method_reply_context> context = newRecord<method_reply_context>();
+    if (!context) return false;
+    context->bus = bus;
+    context->call = call;
+    context->method = copyText(method);
+    if (!context->method) return false;
+    if (!dbus_pending_call_set_notify(call, handle_method_reply, context.get(), releaseContext)) return false;
+    appendRecord(&iWaitingCalls, std::move(context));
+    return true;
+}
+
+int message_bus_call_method(message_bus* bus, const char* path, const char* interface, const char* method) {
+    const OwnedMessage message = newMethodCall(bus->name.get(), path, interface, method);
+    if (!message) {
+        LOG(WARN, "failed to create");
+        return 0;
+    }
+    OwnedPendingCall call = sendCall(bus, message.get());
+    if (!call) {
+        LOG(WARN, "failed to call dbus method");
+        return 0;
+    }
+    if (!awaitReply(bus, method, call.get())) {
+        LOG(WARN, "failed to set dbus method call notify function");
+        dbus_pending_call_cancel(call.get());
+        return 0;
+    }
+    (void)call.release();
+    return 1;
+}
+
+static OwnedMessage newSignal(const char* path, const char* interface, const char* name) {
+    if (!dbus_validate_path(path, nullptr) || !dbus_validate_interface(interface, nullptr) ||
+        !dbus_validate_member(name, nullptr)) {
+        return nullptr;
+    }
+    return OwnedMessage(dbus_message_new_signal(path, interface, name));
+}
+
+int message_bus_send_signal(message_bus* bus, const char* path, const char* interface, const char* name,
+                            const char* text) {
+    const OwnedMessage signal = newSignal(path, interface, name);
+    if (!signal) {
+        LOG(WARN, "failed to create message signal");
+        return 0;
+    }
+    if (!isSendable(text) || !dbus_message_append_args(signal.get(), DBUS_TYPE_STRING, &text, DBUS_TYPE_INVALID)) {
+        LOG(WARN, "Cannot append arg to signal - Out Of Memory!\n");
+        return 0;
+    }
+    if (!dbus_connection_send(bus->connection.get(), signal.get(), nullptr)) {
+        LOG(WARN, "failed to send dbus signal");
+        return 0;
+    }
+    return 1;
+}
