@@ -1,0 +1,41 @@
+// One request and the answer to it, on the way from a resource to the wire.
+#pragma once
+
+#include <chrono>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace cloudsim {
+
+using Words = std::vector<std::string>;
+
+enum class Ending {
+    Whole,       // the whole answer, and a proper farewell
+    NoHeaders,   // closed before the first byte
+    HalfBody,    // closed in the middle of the body, without a farewell
+    ShortBody,   // half of the body, then a proper farewell
+    BrokenChunk  // a chunked body that breaks off with a chunk size that is none
+};
+
+struct Exchange {
+    std::string url;     // of this server
+    std::string target;  // of the request, as it stood on the wire
+
+    int status = 200;
+    std::string contentType = "application/json";
+    std::string body;
+    std::vector<std::pair<std::string, std::string>> headers;
+
+    std::string fault;  // the kind that was put upon it, or empty
+    std::string raw;    // instead of all above, when not empty
+    Ending ending = Ending::Whole;
+    bool held = false;                           // until it is released
+    std::chrono::milliseconds delay{};           // before the first byte
+    std::chrono::milliseconds byteInterval{-1};  // between two bytes; negative: all at once
+};
+
+/// A text as a JSON string with its quotes; zero bytes and control characters are escaped, other bytes stay.
+std::string quote(const std::string& text);
+
+}  // namespace cloudsim
