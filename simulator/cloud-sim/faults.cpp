@@ -26,8 +26,8 @@ static std::string valueOr(const Words& values, size_t index, const char* otherw
     return index < values.size() ? values[index] : otherwise;
 }
 
-static std::chrono::milliseconds millisecondsOr(const Words& values, const char* otherwise) {
-    return std::chrono::milliseconds(std::stoul(valueOr(values, 0, otherwise)));
+static size_t numberOr(const Words& values, size_t otherwise) {
+    return values.empty() ? otherwise : std::stoul(values[0]);
 }
 
 // Puts a member in front of those that a JSON object has.
@@ -43,77 +43,96 @@ static void raiseMemberNames(std::string& object) {
     }
 }
 
-static void answerText(Exchange& exchange, int status, std::string body, const char* contentType = "text/html") {
+static constexpr char KJson[] = "application/json";
+
+static void answer(Exchange& exchange, int status, std::string body, const char* contentType = "text/html") {
     exchange.status = status;
     exchange.body = std::move(body);
     exchange.contentType = contentType;
 }
 
 static void redirect(Exchange& exchange, int status, const std::string& location) {
-    answerText(exchange, status, "");
+    answer(exchange, status, "");
     exchange.headers.emplace_back("Location", location);
 }
 
-static constexpr char KJson[] = "application/json";
+static void putStatus(Exchange& e, const Words& values) {
+    const std::string error = values.size() > 1 ? ",\"error\":" + quote(values[1]) : "";
+    answer(e, 200, "{\"status\":" + quote(valueOr(values, 0, "INTERNAL_ERROR")) + error + "}", KJson);
+}
+
+static void putHttp500(Exchange& e, const Words&) { answer(e, 500, R"({"status":"INTERNAL_ERROR"})", KJson); }
+static void putHttp500Text(Exchange& e, const Words&) { answer(e, 500, "<h1>Internal Server Error</h1>\n"); }
+static void putHttp404(Exchange& e, const Words&) { answer(e, 404, R"({"status":"NOT_FOUND"})", KJson); }
+static void putHttp204(Exchange& e, const Words&) { answer(e, 204, ""); }
+static void putNotJson(Exchange& e, const Words&) { answer(e, 200, "busy, try later"); }
+static void putEmpty(Exchange& e, const Words&) { answer(e, 200, ""); }
+static void putBody(Exchange& e, const Words& values) { answer(e, std::stoi(values.at(0)), values.at(1), KJson); }
+static void putRaw(Exchange& e, const Words& values) { e.raw = values.at(0); }
+
+static void putLarge(Exchange& e, const Words& values) {
+    putInFront(e.body, "\"padding\":\"" + std::string(numberOr(values, 4 << 20), 'x') + '"');
+}
+
+static void putNested(Exchange& e, const Words& values) {
+    const size_t arrays = std::max(numberOr(values, 1001), size_t{2}) - 1;
+    putInFront(e.body, "\"nested\":" + std::string(arrays, '[') + std::string(arrays, ']'));
+}
+
+static void putDuplicate(Exchange& e, const Words&) { putInFront(e.body, R"("status":"DUPLICATE")"); }
+static void putUpperCase(Exchange& e, const Words&) { raiseMemberNames(e.body); }
+static void putByteOrderMark(Exchange& e, const Words&) { e.body.insert(0, "\xEF\xBB\xBF"); }
+static void putZeroByte(Exchange& e, const Words&) { e.body.insert(e.body.size() / 2, 1, '\0'); }
+
+static void putLongHeader(Exchange& e, const Words& values) {
+    e.headers.emplace_back("X-Filler", std::string(numberOr(values, 100 << 10), 'x'));
+}
+
+static void putRedirect(Exchange& e, const Words& values) {
+    redirect(e, static_cast<int>(numberOr(values, 302)), e.url + "/moved" + e.target);
+}
+
+static void putRedirectLoop(Exchange& e, const Words&) { redirect(e, 302, e.url + e.target); }
+static void putRedirectFile(Exchange& e, const Words&) { redirect(e, 302, "file:///etc/hostname"); }
+static void putHold(Exchange& e, const Words&) { e.held = true; }
+static void putDelay(Exchange& e, const Words& values) { e.delay = std::chrono::milliseconds(numberOr(values, 1000)); }
+
+static void putTrickle(Exchange& e, const Words& values) {
+    e.byteInterval = std::chrono::milliseconds(numberOr(values, 1000));
+}
+
+static void putClose(Exchange& e, const Words&) { e.ending = Ending::NoHeaders; }
+static void putHalf(Exchange& e, const Words&) { e.ending = Ending::HalfBody; }
+static void putShort(Exchange& e, const Words&) { e.ending = Ending::ShortBody; }
+static void putBrokenChunk(Exchange& e, const Words&) { e.ending = Ending::BrokenChunk; }
 
 static constexpr FaultKind KFaultKinds[] = {
-    {"status",          "[STATUS [ERROR]]", "an error status in the JSON",
-     [](Exchange& e,                                                                                                                    const Words& v) {
-         const std::string error = v.size() > 1 ? ",\"error\":" + quote(v[1]) : "";
-         e.body = "{\"status\":" + quote(valueOr(v, 0, "INTERNAL_ERROR")) + error + "}";
-     }                                                                                                                                                                                                            },
-    {"http500",         "",                 "HTTP 500 with JSON",
-     [](Exchange& e,                                                                                                                    const Words&) { answerText(e, 500, R"({"status":"INTERNAL_ERROR"})", KJson); }                },
-    {"http500-text",    "",                 "HTTP 500 without JSON",
-     [](Exchange& e,                                                                                                                    const Words&) { answerText(e, 500, "<h1>Internal Server Error</h1>\n"); }                     },
-    {"http404",         "",                 "HTTP 404 with JSON",
-     [](Exchange& e,                                                                                                                    const Words&) { answerText(e, 404, R"({"status":"NOT_FOUND"})", KJson); }                     },
-    {"http204",         "",                 "HTTP 204",                                                                 [](Exchange& e, const Words&) { answerText(e, 204, ""); }                                                     },
-    {"not-json",        "",                 "a body that is not JSON",
-     [](Exchange& e,                                                                                                                    const Words&) { answerText(e, 200, "busy, try later"); }                                      },
-    {"empty",           "",                 "an empty body",                                                            [](Exchange& e, const Words&) { answerText(e, 200, ""); }                                                     },
-    {"body",            "STATUS BODY",      "this HTTP status and these bytes",
-     [](Exchange& e,                                                                                                                    const Words& v) { answerText(e, std::stoi(v.at(0)), v.at(1), KJson); }                        },
-    {"raw",             "BYTES",            "these bytes instead of the whole answer, headers included",
-     [](Exchange& e,                                                                                                                    const Words& v) { e.raw = v.at(0); }                                                          },
-    {"large",           "[BYTES]",          "the true answer with a padding of 4 MiB or BYTES in front of its members",
-     [](Exchange& e,                                                                                                                    const Words& v) {
-         const size_t size = std::stoul(valueOr(v, 0, "4194304"));
-         putInFront(e.body, "\"padding\":\"" + std::string(size, 'x') + '"');
-     }                                                                                                                                                                                                            },
-    {"nested",          "[LEVELS]",         "the true answer nested 1001 or LEVELS deep",
-     [](Exchange& e,                                                                                                                    const Words& v) {
-         const size_t arrays = std::stoul(valueOr(v, 0, "1001")) - 1;
-         putInFront(e.body, "\"nested\":" + std::string(arrays, '[') + std::string(arrays, ']'));
-     }                                                                                                                                                                                                            },
-    {"duplicate",       "",                 "another \"status\" in front of the true one",
-     [](Exchange& e,                                                                                                                    const Words&) { putInFront(e.body, R"("status":"DUPLICATE")"); }                              },
-    {"upper-case",      "",                 "the true answer with its member names in upper case",
-     [](Exchange& e,                                                                                                                    const Words&) { raiseMemberNames(e.body); }                                                   },
-    {"byte-order-mark", "",                 "the true answer behind a byte order mark",
-     [](Exchange& e,                                                                                                                    const Words&) { e.body.insert(0, "\xEF\xBB\xBF"); }                                           },
-    {"zero-byte",       "",                 "the true answer with a zero byte in its middle",
-     [](Exchange& e,                                                                                                                    const Words&) { e.body.insert(e.body.size() / 2, 1, '\0'); }                                  },
-    {"long-header",     "[BYTES]",          "a header of 100 KB or BYTES",
-     [](Exchange& e,                                                                                                                    const Words& v) {
-         e.headers.emplace_back("X-Filler", std::string(std::stoul(valueOr(v, 0, "102400")), 'x'));
-     }                                                                                                                                                                                                            },
-    {"redirect",        "[STATUS]",         "302 or STATUS to another address that serves the same, without faults",
-     [](Exchange& e,                                                                                                                    const Words& v) { redirect(e, std::stoi(valueOr(v, 0, "302")), e.url + "/moved" + e.target); }},
-    {"redirect-loop",   "",                 "302 to itself; order it with count 0",
-     [](Exchange& e,                                                                                                                    const Words&) { redirect(e, 302, e.url + e.target); }                                         },
-    {"redirect-file",   "",                 "302 to a file",                                                            [](Exchange& e, const Words&) { redirect(e, 302, "file:///etc/hostname"); }                                   },
-    {"hold",            "",                 "the true answer, held until the order release",                            [](Exchange& e, const Words&) { e.held = true; }                                                              },
-    {"delay",           "MS",               "the true answer after so long",
-     [](Exchange& e,                                                                                                                    const Words& v) { e.delay = millisecondsOr(v, "1000"); }                                      },
-    {"trickle",         "[MS]",             "the true answer one byte at a time, 1000 or MS milliseconds apart",
-     [](Exchange& e,                                                                                                                    const Words& v) { e.byteInterval = millisecondsOr(v, "1000"); }                               },
-    {"close",           "",                 "closed before the first byte",                                             [](Exchange& e, const Words&) { e.ending = Ending::NoHeaders; }                                               },
-    {"half",            "",                 "closed half way through the body",                                         [](Exchange& e, const Words&) { e.ending = Ending::HalfBody; }                                                },
-    {"short",           "",                 "half of the announced body, then properly closed",
-     [](Exchange& e,                                                                                                                    const Words&) { e.ending = Ending::ShortBody; }                                               },
-    {"broken-chunk",    "",                 "a chunked body that breaks off",
-     [](Exchange& e,                                                                                                                    const Words&) { e.ending = Ending::BrokenChunk; }                                             },
+    {"status",          "[STATUS [ERROR]]", "an error status in the JSON",                       putStatus       },
+    {"http500",         "",                 "HTTP 500 with JSON",                                putHttp500      },
+    {"http500-text",    "",                 "HTTP 500 without JSON",                             putHttp500Text  },
+    {"http404",         "",                 "HTTP 404 with JSON",                                putHttp404      },
+    {"http204",         "",                 "HTTP 204",                                          putHttp204      },
+    {"not-json",        "",                 "a body that is not JSON",                           putNotJson      },
+    {"empty",           "",                 "an empty body",                                     putEmpty        },
+    {"body",            "STATUS BODY",      "this HTTP status and these bytes",                  putBody         },
+    {"raw",             "BYTES",            "these bytes as the whole answer, headers included", putRaw          },
+    {"large",           "[BYTES]",          "the answer with a padding of 4 MiB in front",       putLarge        },
+    {"nested",          "[LEVELS]",         "the answer nested 1001 deep",                       putNested       },
+    {"duplicate",       "",                 "another \"status\" in front of the true one",       putDuplicate    },
+    {"upper-case",      "",                 "the answer with member names in upper case",        putUpperCase    },
+    {"byte-order-mark", "",                 "the answer behind a byte order mark",               putByteOrderMark},
+    {"zero-byte",       "",                 "the answer with a zero byte in its middle",         putZeroByte     },
+    {"long-header",     "[BYTES]",          "the answer behind a header of 100 KiB",             putLongHeader   },
+    {"redirect",        "[STATUS]",         "302 to an address that answers, without faults",    putRedirect     },
+    {"redirect-loop",   "",                 "302 to itself; order it with count 0",              putRedirectLoop },
+    {"redirect-file",   "",                 "302 to a file",                                     putRedirectFile },
+    {"hold",            "",                 "the answer, held until the order release",          putHold         },
+    {"delay",           "[MS]",             "the answer after 1000 ms",                          putDelay        },
+    {"trickle",         "[MS]",             "the answer one byte at a time, 1000 ms apart",      putTrickle      },
+    {"close",           "",                 "closed before the first byte",                      putClose        },
+    {"half",            "",                 "closed half way through the body",                  putHalf         },
+    {"short",           "",                 "half of the announced body, properly closed",       putShort        },
+    {"broken-chunk",    "",                 "a chunked body that breaks off",                    putBrokenChunk  },
 };
 
 static constexpr ConnectionKind KConnectionKinds[] = {

@@ -1,6 +1,7 @@
 #include "simulator/cloud-sim/orders.h"
 
 #include <algorithm>
+#include <charconv>
 #include <fstream>
 #include <iostream>
 #include <sstream>
@@ -20,6 +21,13 @@ static bool toBool(const Words& words, size_t index, bool otherwise) {
     if (index >= words.size()) return otherwise;
     if (words[index] != "true" && words[index] != "false") throw std::invalid_argument("neither true nor false");
     return words[index] == "true";
+}
+
+static unsigned toCount(const std::string& word) {
+    unsigned count = 0;
+    const auto [end, error] = std::from_chars(word.data(), word.data() + word.size(), count);
+    if (error != std::errc() || end != word.data() + word.size()) throw std::invalid_argument("COUNT is no number");
+    return count;
 }
 
 static void checkResource(const std::string& name) {
@@ -68,7 +76,7 @@ static std::string orderPlug(Cloud& cloud, const Words& words) {
 
 static std::string orderFault(Cloud& cloud, const Words& words) {
     checkResource(words[1]);
-    const unsigned count = words.size() > 3 ? static_cast<unsigned>(std::stoul(words[3])) : 1;
+    const unsigned count = words.size() > 3 ? toCount(words[3]) : 1;
     Words values;
     for (size_t i = 4; i < words.size(); ++i) {
         values.push_back(words[i]);
@@ -133,7 +141,7 @@ static constexpr Order KOrders[] = {
     {"unpair",   "HAID",                                    "no account",                                                     2, 2, orderUnpair  },
     {"plug",     "ID STATE POWER [CONNECTED [SWITCHABLE]]", "a plug; POWER is JSON",                                          4, 6, orderPlug    },
     {"fault",    "RESOURCE KIND [COUNT [VALUE...]]",        "for the next COUNT requests (1), 0 until cleared; orders queue", 3,
-     SIZE_MAX,                                                                                                                      orderFault   },
+     99,                                                                                                                            orderFault   },
     {"clear",    "[RESOURCE]",                              "no fault any more",                                              1, 2, orderClear   },
     {"release",  "",                                        "lets go what is held",                                           1, 1, orderRelease },
     {"show",     "",                                        "what the servers know, and what waits",                          1, 1, orderShow    },
