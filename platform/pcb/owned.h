@@ -1,0 +1,48 @@
+// Owned structs and growing byte buffers, without the C++ runtime library.
+#pragma once
+
+#include <cstddef>
+#include <cstdlib>
+#include <memory>
+#include <new>
+#include <string_view>
+
+#include "common/text/text.h"
+
+template <class T>
+struct DestroyAndFree {
+    void operator()(T* thing) const {
+        if (!thing) return;
+        thing->~T();
+        free(thing);
+    }
+};
+template <class T>
+using Owned = std::unique_ptr<T, DestroyAndFree<T>>;
+
+/// A new T with its default values; null when memory is short. Any thread.
+template <class T>
+[[nodiscard]] Owned<T> makeOwned() {
+    void* memory = malloc(sizeof(T));
+    return Owned<T>(memory ? new (memory) T{} : nullptr);
+}
+
+/// A copy of `text` that may come without a zero behind it; null when memory is short. Any thread.
+[[nodiscard]] inline OwnedText copyPiece(std::string_view text) { return OwnedText(strndup(text.data(), text.size())); }
+
+/// Bytes that grow at the end and are taken from the front.
+struct Buffer {
+    OwnedText bytes;
+    size_t start = 0;  // of what was not taken yet
+    size_t length = 0;
+    size_t capacity = 0;
+
+    std::string_view content() const { return {bytes.get() + start, length}; }
+};
+
+/// Makes room for `more` bytes behind the content; false, and nothing changed, when memory is short.
+[[nodiscard]] bool bufferReserve(Buffer* buffer, size_t more);
+/// False, and nothing added, when memory is short.
+[[nodiscard]] bool bufferAppend(Buffer* buffer, std::string_view bytes);
+/// Takes bytes from the front.
+void bufferTake(Buffer* buffer, size_t count);

@@ -1,0 +1,325 @@
+// Requests, and what arrives for them.
+#include <cstring>
+#include <iterator>
+
+#include "platform/pcb/internal.h"
+
+struct request_argument_t {
+    OwnedText name;
+    variant_t value{};
+    request_argument_t* next = nullptr;
+
+    ~request_argument_t() { variant_cleanup(&value); }
+};
+
+struct request_t {
+    OwnedText path;
+    OwnedText function;  // none: a get-object request
+    int32_t depth = 0;
+    uint32_t flags = 0;
+    request_argument_t* firstArgument = nullptr;
+    request_reply_item_handler_t handler = nullptr;
+    uint64_t id = 0;          // 0 before sending
+    pcb_t* client = nullptr;  // since sending, while both live
+    bool open = false;        // the bus may still send something for it
+    request_t* next = nullptr;
+
+    ~request_t() {
+        while (request_argument_t* argument = firstArgument) {
+            firstArgument = argument->next;
+            const Owned<request_argument_t> released(argument);
+        }
+    }
+};
+
+struct notification_parameter_t {
+    const char* value = nullptr;
+    notification_parameter_t* next = nullptr;
+};
+
+struct notification_t {
+    int type = 0;
+    const char* path = nullptr;
+    notification_parameter_t parameters[8];
+    size_t count = 0;
+};
+
+struct argument_value_t {
+    const char* name = nullptr;
+    variant_t value{};  // inside the frame
+    argument_value_t* next = nullptr;
+};
+
+struct argument_value_list_t {
+    argument_value_t* first = nullptr;
+
+    argument_value_list_t() = default;
+    argument_value_list_t(const argument_value_list_t&) = delete;
+    argument_value_list_t& operator=(const argument_value_list_t&) = delete;
+    ~argument_value_list_t() {
+        while (argument_value_t* argument = first) {
+            first = argument->next;
+            const Owned<argument_value_t> released(argument);
+        }
+    }
+};
+
+/// Its texts stand in the frame it was made from.
+struct reply_item_t {
+    int type = 0;
+    uint32_t error = 0;
+    const char *description = "", *info = "";
+    datamodel_t model;
+    object_t* object = nullptr;
+    notification_t notification;
+    variant_t returned{};
+    argument_value_list_t arguments;
+};
+
+// ---- Making and sending ----
+
+static request_t* createRequest(const char* path, const char* function, int32_t depth, uint32_t flags) {
+    auto request = makeOwned<request_t>();
+    if (request) request->path = copyText(path);
+    if (request && function) request->function = copyText(function);
+    if (!request || !request->path || (function && !request->function)) {
+        fail(PCB_ERROR_NO_MEMORY);
+        return nullptr;
+    }
+    request->depth = depth;
+    request->flags = flags;
+    return request.release();
+}
+
+request_t* request_create_getObject(const char* objectPath, int32_t depth, uint32_t flags) {
+    if (objectPath) return createRequest(objectPath, nullptr, depth, flags);
+    fail(PCB_ERROR_INVALID_ARGUMENT);
+    return nullptr;
+}
+
+request_t* request_create_executeFunction(const char* objectPath, const char* functionName, uint32_t flags) {
+    if (objectPath && functionName) return createRequest(objectPath, functionName, 0, flags);
+    fail(PCB_ERROR_INVALID_ARGUMENT);
+    return nullptr;
+}
+
+bool request_addParameter(request_t* request, const char* name, variant_t* value) {
+    if (!request || !name || !value || !request->function || request->id) return fail(PCB_ERROR_INVALID_ARGUMENT);
+    auto argument = makeOwned<request_argument_t>();
+    if (argument) argument->name = copyText(name);
+    if (!argument || !argument->name) return fail(PCB_ERROR_NO_MEMORY);
+    argument->value = *value;
+    *value = {};
+    request_argument_t** end = &request->firstArgument;
+    while (*end) {
+        end = &(*end)->next;
+    }
+    *end = argument.release();
+    return true;
+}
+
+bool request_setReplyItemHandler(request_t* request, request_reply_item_handler_t handler) {
+    if (!request) return fail(PCB_ERROR_INVALID_ARGUMENT);
+    request->handler = handler;
+    return true;
+}
+
+static OwnedJson subscriptionFrame(const request_t* request) {
+    OwnedJson frame = newFrame("subscribe", request->path.get());
+    const bool complete = frame && cJSON_AddNumberToObject(frame.get(), KWireDepth, request->depth) &&
+                          cJSON_AddNumberToObject(frame.get(), KWireFlags, request->flags);
+    return complete ? std::move(frame) : nullptr;
+}
+
+static OwnedJson callFrame(const request_t* request) {
+    OwnedJson frame = newFrame("call", request->path.get());
+    if (!frame || !addJsonText(frame.get(), KWireFunction, request->function.get())) return nullptr;
+    cJSON* arguments = cJSON_AddObjectToObject(frame.get(), KWireArguments);
+    if (!arguments) return nullptr;
+    for (const request_argument_t* argument = request->firstArgument; argument; argument = argument->next) {
+        if (!addJson(arguments, argument->name.get(), variantToJson(&argument->value))) return nullptr;
+    }
+    return frame;
+}
+
+bool pcb_sendRequest(pcb_t* pcb, peer_info_t* peer, request_t* request) {
+    if (!pcb || !request || request->id) return fail(PCB_ERROR_INVALID_ARGUMENT);
+    if (!peer || peer->client != pcb) return fail(PCB_ERROR_NOT_CONNECTED);
+    const OwnedJson frame = request->function ? callFrame(request) : subscriptionFrame(request);
+    const uint64_t id = numberFrame(pcb, frame.get());
+    if (!id || !queueFrame(&pcb->connection, frame.get())) return false;
+    request->id = id;
+    request->client = pcb;
+    request->open = true;
+    request->next = pcb->firstRequest;
+    pcb->firstRequest = request;
+    return true;
+}
+
+// The bus forgets the request; without memory it goes on, and what comes is dropped here.
+static void cancel(const request_t* request) {
+    const uint32_t reason = pcb_error;
+    const OwnedJson frame = newFrame("cancel", nullptr);
+    if (frame && cJSON_AddNumberToObject(frame.get(), KWireRequest, static_cast<double>(request->id))) {
+        (void)queueFrame(&request->client->connection, frame.get());
+    }
+    fail(reason);
+}
+
+void request_destroy(request_t* request) {
+    const Owned<request_t> released(request);
+    if (!request || !request->client) return;
+    request_t** link = &request->client->firstRequest;
+    while (*link != request) {
+        link = &(*link)->next;
+    }
+    *link = request->next;
+    if (request->open) cancel(request);
+}
+
+void detachRequests(pcb_t* client) {
+    while (request_t* request = client->firstRequest) {
+        client->firstRequest = request->next;
+        request->client = nullptr;
+    }
+}
+
+request_t* findRequest(pcb_t* client, uint64_t id) {
+    request_t* request = client->firstRequest;
+    while (request && request->id != id) {
+        request = request->next;
+    }
+    return request;
+}
+
+const char* request_path(const request_t* request) { return request ? request->path.get() : nullptr; }
+
+const char* request_functionName(const request_t* request) { return request ? request->function.get() : nullptr; }
+
+// ---- Reading what arrives ----
+
+static bool readError(reply_item_t* item, const cJSON* frame) {
+    item->type = REPLY_ITEM_ERROR;
+    item->error = static_cast<uint32_t>(jsonCount(frame, KWireError));
+    item->description = textOrEmpty(jsonText(frame, KWireDescription));
+    item->info = textOrEmpty(jsonText(frame, KWireInfo));
+    return true;
+}
+
+static bool readNotification(reply_item_t* item, const cJSON* frame) {
+    item->type = REPLY_ITEM_NOTIFICATION;
+    notification_t* notification = &item->notification;
+    notification->type = static_cast<int>(jsonCount(frame, KWireNotification) & 0xFFFF);
+    notification->path = textOrEmpty(jsonText(frame, KWirePath));
+    const cJSON* text = nullptr;
+    notification_parameter_t* last = nullptr;
+    cJSON_ArrayForEach(text, cJSON_GetObjectItemCaseSensitive(frame, KWireParameters)) {
+        if (notification->count == std::size(notification->parameters)) break;
+        notification_parameter_t* parameter = &notification->parameters[notification->count++];
+        parameter->value = textOrEmpty(cJSON_GetStringValue(text));
+        if (last) last->next = parameter;
+        last = parameter;
+    }
+    return true;
+}
+
+static bool readObject(reply_item_t* item, const cJSON* object, const request_t* request) {
+    item->type = REPLY_ITEM_OBJECT;
+    item->model.client = request->client;
+    item->object = makeObject(&item->model.root, request->path.get());
+    return item->object && objectFromJson(item->object, object);
+}
+
+static bool readReturn(reply_item_t* item, const cJSON* frame) {
+    item->type = REPLY_ITEM_FUNCTION_RETURN;
+    item->returned = variantInsideJson(cJSON_GetObjectItemCaseSensitive(frame, KWireReturns));
+    const cJSON* json = nullptr;
+    argument_value_t** end = &item->arguments.first;
+    cJSON_ArrayForEach(json, cJSON_GetObjectItemCaseSensitive(frame, KWireArguments)) {
+        auto argument = makeOwned<argument_value_t>();
+        if (!argument) return false;
+        argument->name = textOrEmpty(jsonText(json, KWireName));
+        argument->value = variantInsideJson(cJSON_GetObjectItemCaseSensitive(json, KWireValue));
+        *end = argument.release();
+        end = &(*end)->next;
+    }
+    return true;
+}
+
+// False when memory is short. An item without a type is nothing to hand on.
+static bool readItem(reply_item_t* item, const cJSON* frame, const request_t* request) {
+    const cJSON* object = cJSON_GetObjectItemCaseSensitive(frame, KWireObject);
+    if (jsonCount(frame, KWireError)) return readError(item, frame);
+    if (request->function) return readReturn(item, frame);
+    if (cJSON_HasObjectItem(frame, KWireNotification)) return readNotification(item, frame);
+    return !object || readObject(item, object, request);
+}
+
+static bool endsRequest(const reply_item_t* item, const request_t* request) {
+    return item->type == REPLY_ITEM_ERROR || item->type == REPLY_ITEM_FUNCTION_RETURN ||
+           (item->type == REPLY_ITEM_OBJECT && !(request->flags & REQUEST_STAYS));
+}
+
+void dispatchFrame(pcb_t* client, const cJSON* frame) {
+    request_t* request = findRequest(client, jsonCount(frame, KWireId));
+    if (!request || !request->open) return;
+    reply_item_t item;
+    if (!readItem(&item, frame, request)) {
+        item.type = REPLY_ITEM_ERROR;
+        item.error = PCB_ERROR_NO_MEMORY;
+        item.description = error_string(PCB_ERROR_NO_MEMORY);
+    }
+    if (endsRequest(&item, request)) request->open = false;
+    // The handler may destroy the request: it is not looked at any more.
+    if (item.type && request->handler) (void)request->handler(request, &item);
+}
+
+int reply_item_type(const reply_item_t* item) { return item ? item->type : 0; }
+
+object_t* reply_item_object(reply_item_t* item) {
+    return item && item->type == REPLY_ITEM_OBJECT ? item->object : nullptr;
+}
+
+notification_t* reply_item_notification(reply_item_t* item) {
+    return item && item->type == REPLY_ITEM_NOTIFICATION ? &item->notification : nullptr;
+}
+
+int reply_item_error(const reply_item_t* item) { return item ? static_cast<int>(item->error) : 0; }
+
+const char* reply_item_errorDescription(const reply_item_t* item) { return item ? item->description : nullptr; }
+
+const char* reply_item_errorInfo(const reply_item_t* item) { return item ? item->info : nullptr; }
+
+const variant_t* reply_item_returnValue(const reply_item_t* item) {
+    return item && item->returned.type != VARIANT_EMPTY ? &item->returned : nullptr;
+}
+
+argument_value_list_t* reply_item_returnArguments(reply_item_t* item) {
+    return item && item->arguments.first ? &item->arguments : nullptr;
+}
+
+argument_value_t* argument_valueFirstArgument(argument_value_list_t* list) { return list ? list->first : nullptr; }
+
+argument_value_t* argument_valueNextArgument(argument_value_t* argument) { return argument ? argument->next : nullptr; }
+
+const char* argument_valueName(const argument_value_t* argument) { return argument ? argument->name : nullptr; }
+
+const variant_t* argument_value(const argument_value_t* argument) { return argument ? &argument->value : nullptr; }
+
+int notification_type(const notification_t* notification) { return notification ? notification->type : 0; }
+
+const char* notification_objectPath(const notification_t* notification) {
+    return notification ? notification->path : nullptr;
+}
+
+notification_parameter_t* notification_firstParameter(notification_t* notification) {
+    return notification && notification->count ? &notification->parameters[0] : nullptr;
+}
+
+notification_parameter_t* notification_nextParameter(notification_parameter_t* parameter) {
+    return parameter ? parameter->next : nullptr;
+}
+
+const char* notification_parameter_value(const notification_parameter_t* parameter) {
+    return parameter ? parameter->value : nullptr;
+}
