@@ -214,17 +214,19 @@ int sendOrder(const std::string& directory, Words words) {
         std::cerr << "cloud-sim: no servers run in " << directory << "\n";
         return 1;
     }
-    std::string lastWord;
-    if (words.back() == "-") {
-        lastWord = readAll(std::cin);
+    std::string bytes;
+    if (words[0] == "fault" && words.back().starts_with('@')) {
+        std::ifstream content(words.back().substr(1), std::ios::binary);
+        bytes = readAll(content);
         words.pop_back();
+        if (bytes.empty()) words.emplace_back();
     }
     std::string path;
     for (const std::string& word : words) {
         path += "/" + httplib::detail::encode_query_param(word);
     }
     httplib::Client client(url);
-    const httplib::Result result = client.Post(path, lastWord, "application/octet-stream");
+    const httplib::Result result = client.Post(path, bytes, "application/octet-stream");
     if (!result) {
         std::cerr << "cloud-sim: no answer from " << url << "\n";
         return 1;

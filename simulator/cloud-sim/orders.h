@@ -14,8 +14,8 @@ namespace cloudsim {
 /// word as it is. Answers 200 and the order's output, or 400 and what is wrong with it.
 void serveOrders(httplib::Server& server, Cloud& cloud);
 
-/// Sends an order to the endpoint of the servers in `directory`; a last word "-" stands for standard input. Prints the
-/// output; the exit status.
+/// Sends an order to the endpoint of the servers in `directory`; the last word of a fault may be @FILE,
+/// the bytes of that file. Prints the output; the exit status.
 int sendOrder(const std::string& directory, Words words);
 
 /// All orders, resources and faults, for people.

@@ -1,0 +1,57 @@
+#include "tests/world/cloud.h"
+
+#include <cjson/cJSON.h>
+#include <gtest/gtest.h>
+
+#include <sstream>
+
+namespace world {
+
+Cloud::Cloud() : process_({binary("cloud-sim"), "--dir", directory_}) {
+    EXPECT_TRUE(waitFor([this] { return !url().empty() || !process_.running(); }));
+    EXPECT_TRUE(process_.running()) << process_.output();
+}
+
+std::string Cloud::order(std::vector<std::string> words) const {
+    words.insert(words.begin(), {binary("cloud-sim"), "--control", directory_});
+    std::string output;
+    EXPECT_EQ(run(words, &output), 0) << output;
+    return output;
+}
+
+void Cloud::fault(const std::string& resource, const std::string& kind, unsigned count, const std::string& value) {
+    std::vector<std::string> words = {"fault", resource, kind, std::to_string(count)};
+    if (!value.empty()) words.push_back(value);
+    order(words);
+}
+
+void Cloud::answer(const std::string& resource, int status, const std::string& body) {
+    const std::string file = directory_ + "/answer";
+    writeFile(file, body);
+    order({"fault", resource, "body", "1", std::to_string(status), "@" + file});
+}
+
+static std::string member(const cJSON* object, const char* name) {
+    const char* const text = cJSON_GetStringValue(cJSON_GetObjectItem(object, name));
+    return text ? text : "";
+}
+
+std::vector<CloudRequest> Cloud::journal() const {
+    std::vector<CloudRequest> requests;
+    std::istringstream lines(readFile(directory_ + "/journal"));
+    for (std::string line; std::getline(lines, line);) {
+        const std::unique_ptr<cJSON, void (*)(cJSON*)> entry(cJSON_Parse(line.c_str()), cJSON_Delete);
+        CloudRequest request = {
+            member(entry.get(), "method"), member(entry.get(), "target"), member(entry.get(), "body"), {}};
+        const cJSON* header = nullptr;
+        cJSON_ArrayForEach(header, cJSON_GetObjectItem(entry.get(), "headers")) {
+            request.headers.emplace_back(cJSON_GetStringValue(header));
+        }
+        requests.push_back(std::move(request));
+    }
+    return requests;
+}
+
+std::unique_ptr<Cloud> startCloud() { return std::make_unique<Cloud>(); }
+
+}  // namespace world
