@@ -2,6 +2,14 @@
 
 #include <cstring>
 
+OwnedText copyPiece(std::string_view text) {
+    OwnedText copy(static_cast<char*>(malloc(text.size() + 1)));
+    if (!copy) return nullptr;
+    if (!text.empty()) memcpy(copy.get(), text.data(), text.size());
+    copy.get()[text.size()] = '\0';
+    return copy;
+}
+
 bool bufferReserve(Buffer* buffer, size_t more) {
     if (buffer->capacity - buffer->start - buffer->length >= more) return true;
     // Moved to the front only where that frees half of the memory: else a long queue would be moved again and again.
@@ -25,6 +33,7 @@ bool bufferReserve(Buffer* buffer, size_t more) {
 
 bool bufferAppend(Buffer* buffer, std::string_view bytes) {
     if (!bufferReserve(buffer, bytes.size())) return false;
+    if (bytes.empty()) return true;
     memcpy(buffer->bytes.get() + buffer->start + buffer->length, bytes.data(), bytes.size());
     buffer->length += bytes.size();
     return true;

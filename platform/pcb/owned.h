@@ -28,7 +28,7 @@ template <class T>
 }
 
 /// A copy of `text` that may come without a zero behind it; null when memory is short. Any thread.
-[[nodiscard]] inline OwnedText copyPiece(std::string_view text) { return OwnedText(strndup(text.data(), text.size())); }
+[[nodiscard]] OwnedText copyPiece(std::string_view text);
 
 /// Bytes that grow at the end and are taken from the front.
 struct Buffer {
