@@ -1,0 +1,72 @@
+// The real daemon in its private world, with the real parts around it.
+#pragma once
+
+#include "tests/world/cloud.h"
+#include "tests/world/world.h"
+
+namespace world {
+
+constexpr char KPidFile[] = "/var/run/orvoservicemanager.pid";
+constexpr char KStore[] = "/media/orvoservice.odl";
+constexpr char KDaemonLog[] = "/var/log/orsm.log";
+
+/// The configuration of a daemon that logs everything into KDaemonLog; `more` is put behind it.
+inline std::string daemonConfiguration(const std::string& server, const std::string& ca, const std::string& more = "") {
+    return "serverrequests.pathtocabundlefile=" + ca + "\nserverrequests.applicationserver=" + server +
+           "\nserverrequests.voltaroserver=" + server +
+           "\norvoservicesinfo=\"{\\\"status\\\":\\\"OK\\\"}\"\ndemonize-process=false\nlogger.filename=" + KDaemonLog +
+           "\nlogger.file=true\nlogger.level=DEBUG\nlogger.category.message_bus=DEBUG\nlogger.enabled=true\n" + more;
+}
+
+/// Starts a daemon (or a test variant of it) with a configuration.
+inline std::unique_ptr<Process> startDaemon(const std::string& configuration,
+                                            const std::map<std::string, std::string>& environment = {},
+                                            const char* program = "orvoservicemanager") {
+    writeFile("/var/run/orsm.conf", configuration);
+    return std::make_unique<Process>(std::vector<std::string>{binary(program), "-c", "/var/run/orsm.conf"},
+                                     environment);
+}
+
+/// Runs pcb-ctl; its output without the line end.
+inline std::string pcbCtl(std::vector<std::string> arguments) {
+    arguments.insert(arguments.begin(), binary("pcb-ctl"));
+    std::string output;
+    EXPECT_EQ(run(arguments, &output), 0) << output;
+    return output.substr(0, output.rfind('\n'));
+}
+
+/// A gateway on which everything runs.
+struct Gateway {
+    std::unique_ptr<Process> dbus = startDbusDaemon();
+    std::unique_ptr<Process> bus = startPcbBus();
+    std::unique_ptr<Cloud> cloud = startCloud();
+    LogReader log{KDaemonLog};
+    std::unique_ptr<Process> daemon;
+
+    /// Starts the daemon and waits until it runs its loop and knows whether it is behind CG-NAT.
+    void start() {
+        daemon = startDaemon(daemonConfiguration(cloud->url(), cloud->caPath()));
+        log.next("Entered pcb data model event loop");
+        log.next("CG-NAT status: false");
+    }
+    void set(const std::string& object, const std::string& parameter, const std::string& value) {
+        pcbCtl({"set", object, parameter, value});
+    }
+    std::string get(const std::string& object, const std::string& parameter) {
+        return pcbCtl({"get", object, parameter});
+    }
+    /// Waits until the bus thread has handled everything that was sent to it before.
+    void settle() {
+        static int serial = 0;
+        const std::string marker = "marker-" + std::to_string(++serial);
+        set("OrvoService.HomeAutomation", "CommunicationServer", marker);
+        log.next("Communication server URL changed: " + marker);
+    }
+    /// Ends the daemon with a signal: its exit status.
+    int end(int signalNumber = SIGTERM) {
+        daemon->send(signalNumber);
+        return daemon->wait();
+    }
+};
+
+}  // namespace world

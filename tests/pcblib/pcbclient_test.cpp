@@ -1,0 +1,222 @@
+// The data-model client against the real data-model bus.
+#include "pcblib/pcbclient.h"
+
+#include <gtest/gtest.h>
+
+#include "tests/world/test_log.h"
+
+using Texts = std::vector<std::string>;
+
+// What the callbacks received, in order; the loop stops when `iStopAfter` has been received.
+static Texts iReceived;
+static std::string iStopAfter;
+
+static void receive(const std::string& what) {
+    iReceived.push_back(what);
+    if (what == iStopAfter) stopPcbDataModelEventLoop();
+}
+
+static void objectChanged(const char* path, object_t* object) {
+    std::string text = std::string("object ") + path;
+    parameter_t* cursor = nullptr;
+    const char* name = nullptr;
+    OwnedText value;
+    while (easyGetPcbParamNext(object, &cursor, &name, &value)) {
+        text += std::string(" ") + name + "=" + value.get();
+    }
+    receive(text);
+}
+
+static void paramChanged(const char* path, const char* parameter, const char* oldValue, const char* newValue) {
+    receive(std::string(path) + " " + parameter + " " + oldValue + "->" + newValue);
+}
+
+static void functionReturned(const char* path, const char* function, const char* result) {
+    receive(std::string(path) + " " + function + " " + textOrEmpty(result));
+}
+
+class Client : public testing::Test {
+  protected:
+    Client() {
+        EXPECT_TRUE(createPcbDataModelClient());
+        setPcbChangesCallbacks(objectChanged, paramChanged);
+        setPcbFunctionCallback(functionReturned);
+    }
+    ~Client() override { destroyPcbDataModelClient(); }
+
+    Texts runUntil(const std::string& last) {
+        iStopAfter = last;
+        iReceived.clear();
+        EXPECT_EQ(startPcbDataModelEventLoop(), 1);
+        return iReceived;
+    }
+    void set(const char* object, const char* parameter, const char* value) {
+        EXPECT_EQ(world::run({world::binary("pcb-ctl"), "set", object, parameter, value}), 0);
+    }
+
+    world::LogReader log_ = world::startLog();
+    std::unique_ptr<world::Process> bus_ = world::startPcbBus();
+};
+
+TEST(Contexts, AFailedOneLeavesNothingAndASecondSingletonIsRefused) {
+    world::LogReader log = world::startLog();
+    EXPECT_EQ(createPcbDataModelClient(), 0);
+    log.next("Failed to connect to pcb://ipc:{/var/run/pcb_sys} (0x00010006 - ");
+    EXPECT_EQ(startPcbDataModelEventLoop(), 0);
+    log.next("Entered pcb data model event loop");
+    log.next("Error 65537 (");
+
+    const auto bus = world::startPcbBus();
+    PcbContext* other = easyCreatePcbDataModelClient();
+    ASSERT_TRUE(other);
+    EXPECT_EQ(createPcbDataModelClient(), 1);
+    EXPECT_EQ(createPcbDataModelClient(), 0);
+    log.next("Pcb data model singleton already created");
+    easyDestroyPcbDataModelClient(other);
+    easyDestroyPcbDataModelClient(nullptr);
+    destroyPcbDataModelClient();
+    destroyPcbDataModelClient();
+}
+
+TEST_F(Client, ReadsAndWritesParametersAsText) {
+    PcbContext* context = easyCreatePcbDataModelClient();
+    const char* object = getPcbObjectPathForDynDns();
+    EXPECT_TRUE(easySetPcbParamBoolValue(context, object, getPcbParameterDynDnsEnable(), 2));
+    EXPECT_STREQ(easyGetPcbParamAsString(context, object, "Enable").get(), "true");
+    const std::string awkward = "\x01 \"quoted\" \\ \xff\n";
+    EXPECT_TRUE(easySetPcbParam(context, object, "HostName", awkward.c_str()));
+    EXPECT_EQ(easyGetPcbParamAsString(context, object, "HostName").get(), awkward);
+    EXPECT_TRUE(easyClearPcbParam(context, object, "HostName"));
+    EXPECT_STREQ(easyGetPcbParamAsString(context, object, "HostName").get(), "");
+
+    EXPECT_FALSE(easyGetPcbParamAsString(context, "No.Object", "X"));
+    log_.next("ERROR Get: Failed to get object No.Object param X (0x00020001 - ");
+    EXPECT_FALSE(easySetPcbParam(context, object, "Enable", "maybe"));
+    log_.next("ERROR Set: Failed to set object OrvoService.DynDNS param Enable (0x00020004 - ");
+    EXPECT_FALSE(easySetPcbParam(context, "OrvoService.GatewayClient", "ConnectionStatus", "true"));
+    log_.next("param ConnectionStatus (0x00020005 - ");
+    EXPECT_FALSE(easyGetPcbParamAsString(nullptr, object, "Enable"));
+    log_.next("Get: Null context passed");
+    EXPECT_FALSE(easyClearPcbParam(nullptr, object, "Enable"));
+    log_.next("Set: Null context passed");
+    EXPECT_FALSE(easyGetPcbObject(nullptr, object));
+    log_.next("GetO: Null context passed");
+    EXPECT_FALSE(easyGetPcbObject(context, "No.Object"));
+    log_.next("GetO: Failed to get object No.Object (0x00020001 - ");
+
+    object_t* fetched = easyGetPcbObject(context, object);
+    EXPECT_STREQ(easyGetPcbParamByName(fetched, "Enable").get(), "true");
+    EXPECT_FALSE(easyGetPcbParamByName(fetched, "None"));
+    log_.next("Get: param None not found");
+    EXPECT_FALSE(easyGetPcbParamByName(nullptr, "Enable"));
+    log_.next("Get: pcb object is not provided");
+    EXPECT_FALSE(easyGetPcbParamByName(fetched, nullptr));
+    log_.next("Get: no param name");
+    parameter_t* cursor = nullptr;
+    const char* name = "";
+    OwnedText value;
+    EXPECT_FALSE(easyGetPcbParamNext(nullptr, &cursor, &name, &value));
+    EXPECT_EQ(name, nullptr);
+    log_.next("Next: pcb object is not provided");
+    EXPECT_FALSE(easyGetPcbParamNext(easyGetPcbObject(context, "OrvoService"), &cursor, &name, &value));
+    log_.next("Next: pcb object has no parameters");
+    easyDestroyPcbDataModelClient(context);
+}
+
+TEST_F(Client, SavesAndLoadsTheTree) {
+    PcbContext* context = easyCreatePcbDataModelClient();
+    EXPECT_FALSE(easyPcbDatamodelLoad_v2(context, "/media", "o.odl", "OrvoService"));
+    log_.next(" WARN Failed to load datamodel from file /media/o.odl");
+    EXPECT_TRUE(easySetPcbParam(context, "OrvoService.DynDNS", "HostName", "box"));
+    EXPECT_TRUE(easyPcbDatamodelSave_v2(context, "/media", "o.odl", "OrvoService"));
+    log_.next(" INFO /media/o.odl saved to OrvoService");
+    set("OrvoService.DynDNS", "HostName", "other");
+    EXPECT_TRUE(easyPcbDatamodelLoad_v2(context, "/media", "o.odl", "OrvoService"));
+    log_.next(" INFO /media/o.odl loaded from OrvoService");
+    EXPECT_STREQ(easyGetPcbParamAsString(context, "OrvoService.DynDNS", "HostName").get(), "box");
+    EXPECT_FALSE(easyPcbDatamodelSave_v2(context, "/none", "o.odl", "OrvoService"));
+    log_.next(" WARN Failed to store datamodel for object OrvoService in file o.odl");
+    EXPECT_FALSE(easyPcbDatamodelSave_v2(context, "/media", "o.odl", "None"));
+    log_.next(" WARN Cannot find object None in the datamodel");
+    easyDestroyPcbDataModelClient(context);
+}
+
+TEST_F(Client, DeliversAnObjectOnceAndThenEveryChangeOfIt) {
+    request_t* request = listenToChangesInPcbObject("OrvoService.Voltaro");
+    ASSERT_TRUE(request);
+    EXPECT_EQ(runUntil("object OrvoService.Voltaro Enable=false"), Texts{"object OrvoService.Voltaro Enable=false"});
+    set("OrvoService.Voltaro", "Enable", "false");  // changes nothing
+    set("OrvoService.DynDNS", "Enable", "true");    // not watched
+    set("OrvoService.Voltaro", "Enable", "true");
+    set("OrvoService.Voltaro", "Enable", "1");
+    EXPECT_EQ(runUntil("OrvoService.Voltaro Enable true->1"),
+              (Texts{"OrvoService.Voltaro Enable false->true", "OrvoService.Voltaro Enable true->1"}));
+    freePcbRequestObject(request);
+
+    request_t* unknown = listenToChangesInPcbObject("No.Object");
+    request_t* known = listenToChangesInPcbObject("OrvoService.Voltaro");
+    EXPECT_EQ(runUntil("object OrvoService.Voltaro Enable=1").size(), 1U);
+    log_.next("ERROR Request failed, error - 131073 - ");
+    freePcbRequestObject(unknown);
+    freePcbRequestObject(known);
+}
+
+TEST_F(Client, DefersWorkAndDoesItNewestFirst) {
+    static request_t *first, *second;
+    static Texts iLost;
+    setPcbRequestLostCallback([](request_t* request) { iLost.push_back(request == first ? "first" : "other"); });
+    setPcbFunctionCallback([](const char*, const char* function, const char*) {
+        receive(function);
+        if (iReceived.size() == 2) {
+            freePcbRequestObjectAsync(first);
+            freePcbRequestObjectAsync(second);
+            listenToChangesInPcbObjectAsync(copyText("OrvoService.Voltaro"));
+        }
+    });
+    first = executePreparedPcbFunctionAsync(prepareToExecutePcbFunction("NeMo.Intf.data", "hasFlag"));
+    second = executePreparedPcbFunctionAsync(prepareToExecutePcbFunction("NeMo.Intf.data", "closeQuery"));
+    EXPECT_EQ(log_.count("connectin_setEventsAvailable() returned 1"), 2U);
+    EXPECT_EQ(runUntil("object OrvoService.Voltaro Enable=false"),
+              (Texts{"closeQuery", "hasFlag", "object OrvoService.Voltaro Enable=false"}));
+    EXPECT_TRUE(iLost.empty());
+
+    // A request that was sent already cannot be sent again: its owner hears of it, and it is released once.
+    first = executePcbFunction("NeMo.Intf.data", "hasFlag");
+    ASSERT_TRUE(executePreparedPcbFunctionAsync(first));
+    freePcbRequestObjectAsync(first);
+    listenToChangesInPcbObjectAsync(copyText("OrvoService.Voltaro"));
+    runUntil("object OrvoService.Voltaro Enable=false");
+    EXPECT_EQ(iLost, Texts{"first"});
+    log_.next("Failed to send request (0x0001");
+    EXPECT_EQ(executePreparedPcbFunctionAsync(nullptr), nullptr);
+    EXPECT_EQ(executePreparedPcbFunction(nullptr), nullptr);
+    EXPECT_EQ(addStringParameter(nullptr, "flag", "x"), 0);
+}
+
+TEST_F(Client, GivesFunctionResultsAsJson) {
+    request_t* open = prepareToExecutePcbFunction("NeMo.Intf.data", "openQuery");
+    EXPECT_TRUE(addStringParameter(open, "subscriber", "test"));
+    variant_map_t* map = createMapParameter();
+    EXPECT_TRUE(addStringParameterToMap(map, "text", "x") && addIntParameterToMap(map, "number", -1) &&
+                addBoolParameterToMap(map, "flag", 2));
+    EXPECT_TRUE(addMapParameter(open, "extra", map));
+    freeMapParameter(map);
+    ASSERT_TRUE(executePreparedPcbFunction(open));
+    request_t* unknown = executePcbFunction("NeMo.Intf.data", "noFunction");
+    request_t* flag = executePcbFunction("NeMo.Intf.data", "hasFlag");
+    EXPECT_EQ(runUntil(R"(NeMo.Intf.data hasFlag {"returns":"false"})"),
+              (Texts{R"(NeMo.Intf.data openQuery {"returns":"1"})", R"(NeMo.Intf.data hasFlag {"returns":"false"})"}));
+    log_.next("Pcb function return");
+    log_.next("Request failed, error - 131075 - ");
+    for (request_t* request : {open, unknown, flag}) {
+        freePcbRequestObject(request);
+    }
+
+    PcbContext* context = easyCreatePcbDataModelClient();
+    EXPECT_STREQ(easyExecutePcbFunction(context, "NeMo.Intf.data", "hasFlag"), R"({"returns":"false"})");
+    log_.next("Function executed: object = NeMo.Intf.data, function = hasFlag");
+    log_.next("Easy execute PCB function - finished");
+    EXPECT_EQ(easyExecutePcbFunction(context, "NeMo.Intf.data", "noFunction"), nullptr);
+    EXPECT_EQ(easyExecutePcbFunction(nullptr, "NeMo.Intf.data", "hasFlag"), nullptr);
+    easyDestroyPcbDataModelClient(context);
+}

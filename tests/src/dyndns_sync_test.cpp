@@ -1,0 +1,331 @@
+// The synchronization, driven step by step against a real data model and a real server.
+#include "src/dbusinterface/dyndns_sync.h"
+
+#include <gtest/gtest.h>
+
+#include "src/dbusinterface/event_reactions.h"
+#include "src/dbusinterface/gateway_client.h"
+#include "src/dbusinterface/service_store.h"
+#include "src/dyndnsrequest.h"
+#include "tests/world/cloud.h"
+#include "tests/world/test_log.h"
+
+// A clock that only sleeping moves, so that the wait for the GatewayClient takes no time. Its wall clock can be set.
+static time_t iWallClockStep;
+static long iVirtualNanoseconds;
+static time_t iVirtualWallClock = 1'700'000'000;
+
+extern "C" {
+time_t __wrap_time(time_t*);
+time_t __wrap_time(time_t*) { return iVirtualWallClock += iWallClockStep; }
+
+int __wrap_clock_gettime(clockid_t, timespec* now);
+int __wrap_clock_gettime(clockid_t, timespec* now) {
+    *now = {iVirtualNanoseconds / 1'000'000'000, iVirtualNanoseconds % 1'000'000'000};
+    return 0;
+}
+
+int __wrap_nanosleep(const timespec* duration, timespec* left);
+int __wrap_nanosleep(const timespec* duration, timespec* left) {
+    static int calls = 0;
+    if (++calls % 2) {  // every other sleep is cut short by a signal, half way
+        *left = {0, duration->tv_nsec / 2};
+        iVirtualNanoseconds += duration->tv_nsec / 2;
+        errno = EINTR;
+        return -1;
+    }
+    iVirtualNanoseconds += duration->tv_nsec;
+    if (iVirtualNanoseconds % 1'000'000'000 == 0) ++iVirtualWallClock;
+    return 0;
+}
+}
+
+// How many whole seconds from now the timer fires; 0 when it is not armed.
+static long armedDelay() {
+    timeval fires;
+    if (!iDynDnsSyncTimer || !event_pending(iDynDnsSyncTimer, EV_TIMEOUT, &fires)) return 0;
+    timeval now;
+    gettimeofday(&now, nullptr);
+    const double seconds =
+        static_cast<double>(fires.tv_sec - now.tv_sec) + static_cast<double>(fires.tv_usec - now.tv_usec) / 1e6;
+    return static_cast<long>(seconds + 0.9);
+}
+
+static void step() {
+    if (iDynDnsSyncTimer) event_del(iDynDnsSyncTimer);
+    runDynDnsSyncStep(-1, 0, nullptr);
+}
+
+static void react(EventCode code, const std::string& value) {
+    EventRecord record = {};
+    record.code = code;
+    value.copy(record.value, KEventValueMaxLength);
+    reactToEvent(record);
+}
+
+TEST(SyncDecision, TheFirstTestThatAppliesDecides) {
+    struct Case {
+        SyncState state;
+        SyncAction action;
+        int level;
+        const char* reason;
+    };
+    for (const Case& c : {
+             Case{{"", 0, 0, 0, false},  SyncAction::SwitchOff,     LEVEL_WARN, "HA-ID is empty"                       },
+             Case{{"H", 0, 0, 0, false}, SyncAction::RetryLater,    LEVEL_INFO, "HA enable - state unknown"            },
+             Case{{"H", 2, 0, 0, false}, SyncAction::SwitchOff,     LEVEL_INFO, "HA is disabled"                       },
+             Case{{"H", 1, 0, 0, false}, SyncAction::RetryLater,    LEVEL_INFO, "DNS server is not yet ready"          },
+             Case{{"H", 1, 2, 1, false}, SyncAction::RetryLater,    LEVEL_INFO, "DNS server is not yet ready"          },
+             Case{{"H", 1, 1, 0, false}, SyncAction::RetryLater,    LEVEL_INFO, "CG-NAT check - state unknown"         },
+             Case{{"H", 1, 1, 1, false}, SyncAction::SwitchOff,     LEVEL_INFO, "CG-NAT check - we are behind CG-NAT"  },
+             Case{{"H", 1, 1, 2, false}, SyncAction::RetryLater,    LEVEL_WARN, "Application server URL is not defined"},
+             Case{{"H", 1, 1, 2, true},  SyncAction::FetchAndStore, LEVEL_INFO, nullptr                                },
+    }) {
+        SCOPED_TRACE(textOrEmpty(c.reason));
+        const SyncDecision decision = decideSync(c.state);
+        EXPECT_EQ(decision.action, c.action);
+        EXPECT_EQ(decision.level, c.level);
+        EXPECT_STREQ(decision.reason, c.reason);
+    }
+}
+
+class Sync : public testing::Test {
+  protected:
+    Sync() {
+        EXPECT_TRUE(initRequestsEngine(cloud_->caPath().c_str(), cloud_->url().c_str(), cloud_->url().c_str()));
+        iBusPcbClient = easyCreatePcbDataModelClient();
+        iBusEventBase = event_base_new();
+        react(EVENT_APP_SERVER_URL_INIT, "");
+        react(EVENT_HA_ENABLE_INIT, "true");
+        react(EVENT_DNS_SERVER_STATUS_INIT, "1");
+        react(EVENT_CGNAT_STATUS_INIT, "false");
+        react(EVENT_DYNDNS_ENABLE_INIT, "false");
+        react(EVENT_HA_ID_INIT, "HA-1");
+    }
+
+    ~Sync() override {
+        if (iDynDnsSyncTimer) event_free(iDynDnsSyncTimer);
+        event_base_free(iBusEventBase);
+        easyDestroyPcbDataModelClient(iBusPcbClient);
+        cleanRequestsEngine();
+    }
+
+    static std::string value(const char* object, const char* parameter) {
+        return textOrEmpty(easyGetPcbParamAsString(iBusPcbClient, object, parameter).get());
+    }
+    static std::string dynDns(const char* parameter) { return value("OrvoService.DynDNS", parameter); }
+    void set(const char* object, const char* parameter, const char* text) {
+        EXPECT_EQ(world::run({world::binary("pcb-ctl"), "set", object, parameter, text}), 0);
+    }
+
+    world::LogReader log_ = world::startLog();
+    std::unique_ptr<world::Process> bus_ = world::startPcbBus();
+    std::unique_ptr<world::Cloud> cloud_ = world::startCloud();
+};
+
+TEST_F(Sync, NothingRunsUntilSomethingTriggersIt) {
+    EXPECT_EQ(armedDelay(), 0);
+    react(EVENT_DNS_SERVER_STATUS_CHANGED, "0");
+    react(EVENT_CGNAT_STATUS_CHANGED, "false");
+    react(EVENT_APP_SERVER_URL_CHANGED, "");
+    react(EVENT_WAN_ADDRESS_CHANGED, "true");
+    EXPECT_EQ(armedDelay(), 0);
+    EXPECT_EQ(log_.count("Synchronizing"), 0U);
+
+    react(EVENT_HA_ENABLE_CHANGED, "true");  // the same value: triggers all the same
+    log_.next("Synchronizing DynDNS in reaction to HA enable change");
+    log_.next("DynDns sync timer has to be created");
+    log_.next("Sync dyndns timer started");
+    EXPECT_EQ(armedDelay(), 1);
+    react(EVENT_CGNAT_STATUS_CHANGED, "1");
+    log_.next("CG-NAT status: 1");
+    log_.next("Synchronizing DynDNS in reaction to CG-NAT change");
+    log_.next("Pending event for DynDns sync timer has to be cancelled");
+    react(static_cast<EventCode>(15), "");
+    log_.next("Unknown event");
+    EXPECT_EQ(log_.count("ignored"), 0U);
+}
+
+TEST_F(Sync, RetriesGrowToAnHourAndStartOverWithATrigger) {
+    react(EVENT_DNS_SERVER_STATUS_CHANGED, "");
+    for (long retry = 1; retry <= 722; ++retry) {
+        step();
+        ASSERT_EQ(armedDelay(), std::min(5 * retry, 3600L)) << "retry " << retry;
+    }
+    react(EVENT_HA_ID_CHANGED, "HA-2");
+    EXPECT_EQ(armedDelay(), 1);
+    step();
+    EXPECT_EQ(armedDelay(), 5);
+    EXPECT_TRUE(cloud_->journal().empty());
+}
+
+TEST_F(Sync, StoresWhatTheServerSays) {
+    struct Case {
+        const char *answer, *enable, *name;
+        std::vector<const char*> lines;
+    };
+    set("OrvoService.GatewayClient", "ConnectionStatus", "true");
+    for (const Case& c : {
+             Case{R"({"status":"SUCCESS","dynDNS":{"name":"Box","enabled":true}})",
+                  "true",  "Box",
+                  {"DynDNS enable=true saved in PCB", "DynDNS hostname Box saved in PCB"}   },
+             Case{R"({"STATUS":"SUCCESS","dyndns":{"Name":"other","ENABLED":"true"}} trailing)",
+                  "false", "other",
+                  {"DynDNS enable=false saved in PCB", "DynDNS hostname other saved in PCB"}},
+             Case{R"({"status":"SUCCESS","dynDNS":{"name":7,"enabled":true}})",
+                  "true",  "",
+                  {"DynDNS enable=true saved in PCB", "DynDNS empty hostname saved in PCB"} },
+             Case{R"({"status":"SUCCESS"})",
+                  "false", "",
+                  {"DynDNS enable=false saved in PCB", "DynDNS empty hostname saved in PCB"}},
+    }) {
+        SCOPED_TRACE(c.answer);
+        cloud_->answer("get", 200, c.answer);
+        step();
+        log_.next("Get dyn dns configuration OK: " + std::string(c.answer));
+        for (const char* line : c.lines) {
+            log_.next(line);
+        }
+        log_.next("saved to OrvoService");
+        EXPECT_EQ(armedDelay(), 0);
+        EXPECT_EQ(dynDns("Enable"), c.enable);
+        EXPECT_EQ(dynDns("HostName"), c.name);
+        EXPECT_EQ(dynDns("SyncNotFinished"), "false");
+        // The echo of the write finds no difference.
+        react(EVENT_DYNDNS_ENABLE_CHANGED, c.enable);
+    }
+    EXPECT_EQ(log_.count("Setup dyn dns on server"), 0U);
+    EXPECT_EQ(cloud_->journal().size(), 4U);
+}
+
+TEST_F(Sync, AServerThatFailsIsAskedAgainAndChangesNothing) {
+    struct Case {
+        int status;
+        const char *answer, *line;
+    };
+    set("OrvoService.GatewayClient", "ConnectionStatus", "true");
+    set("OrvoService.DynDNS", "HostName", "kept");
+    long delay = 0;
+    for (const Case& c : {
+             Case{200, R"({"status":"ERROR_17"})", "Dyn DNS status error: ERROR_17"                      },
+             Case{200, R"({"status":"success"})",  "Dyn DNS status error: success"                       },
+             Case{200, R"({"status":1})",          "Server error or error during parsing server response"},
+             Case{500, "<html>",                   "Server error or error during parsing server response"},
+             Case{200, "",                         "Server error or error during parsing server response"},
+    }) {
+        SCOPED_TRACE(c.answer);
+        cloud_->answer("get", c.status, c.answer);
+        step();
+        log_.next(c.line);
+        EXPECT_EQ(armedDelay(), delay += 5);
+    }
+    EXPECT_EQ(log_.count("Server error or error during parsing server response"), 5U);
+    cloud_->order({"fault", "get", "close", "1"});
+    step();
+    log_.next("Get dyn dns configuration error");
+    EXPECT_EQ(armedDelay(), 30);
+    EXPECT_EQ(dynDns("HostName"), "kept");
+    EXPECT_EQ(dynDns("SyncNotFinished"), "true");
+    EXPECT_NE(world::readFile("/media/orvoservice.odl").find("bool SyncNotFinished = \"true\";"), std::string::npos);
+}
+
+TEST_F(Sync, AnInterruptedSynchronizationGoesOnWithTheInitialHaId) {
+    set("OrvoService.DynDNS", "SyncNotFinished", "1");
+    react(EVENT_HA_ID_INIT, std::string(200, 'x'));
+    log_.next("Continuing unfinished DynDNS synchronization");
+    EXPECT_EQ(armedDelay(), 1);
+    EXPECT_EQ(std::string(getHomeAutomationId()), std::string(127, 'x'));
+    react(EVENT_HA_ID_CHANGED, "short");
+    EXPECT_STREQ(getHomeAutomationId(), "short");
+
+    bus_->send(SIGKILL);
+    bus_->wait();
+    react(EVENT_HA_ID_INIT, "HA-1");
+    log_.next("Cannot determine state of previous DynDNS synchronization");
+    step();
+    log_.next("Cannot set dyn dns SyncNotFinished=1");
+    log_.next("Cannot set DynDNS enable value in PCB");
+    EXPECT_EQ(armedDelay(), 5);
+}
+
+TEST_F(Sync, SwitchesOffLocallyOnceAndOnlyIfItIsOn) {
+    set("OrvoService.DynDNS", "HostName", "box");
+    react(EVENT_HA_ENABLE_CHANGED, "");
+    step();
+    EXPECT_EQ(dynDns("HostName"), "box");
+    react(EVENT_DYNDNS_ENABLE_INIT, "1");
+    step();
+    log_.next("HA is disabled");
+    log_.next("DynDNS enable=false saved in PCB");
+    log_.next("DynDNS empty hostname saved in PCB");
+    log_.next("/media/orvoservice.odl saved to OrvoService");
+    EXPECT_EQ(dynDns("HostName"), "");
+    EXPECT_EQ(armedDelay(), 0);
+    EXPECT_TRUE(cloud_->journal().empty());
+}
+
+TEST_F(Sync, PushesTheStoredNameWhenTheSwitchReallyChanged) {
+    react(EVENT_DYNDNS_ENABLE_CHANGED, "true");
+    log_.next("Setup dyn dns on server");
+    log_.next("Dyn DNS name is empty, enabling/disabling is irrelevant");
+    set("OrvoService.DynDNS", "HostName", "box");
+    set("OrvoService.GatewayClient", "ConnectionStatus", "true");
+    react(EVENT_DYNDNS_ENABLE_CHANGED, "1");
+    react(EVENT_DYNDNS_ENABLE_CHANGED, "no");
+    log_.next("Setting dyn dns configuration");
+    log_.next("Dyn DNS Configure OK: ");
+    ASSERT_EQ(cloud_->journal().size(), 1U);
+    EXPECT_EQ(cloud_->journal().back().body, R"({"name":"box","haId":"HA-1","enabled":false})");
+
+    cloud_->answer("set", 200, R"({"status":"NO"})");
+    react(EVENT_DYNDNS_ENABLE_CHANGED, "true");
+    log_.next("Failed to configure DynDNS: NO");
+    cloud_->order({"fault", "set", "close", "1"});
+    react(EVENT_DYNDNS_ENABLE_CHANGED, "false");
+    log_.next("Set dyn dns configuration  error");
+    react(EVENT_CGNAT_STATUS_CHANGED, "1");
+    react(EVENT_DYNDNS_ENABLE_CHANGED, "true");
+    log_.next("No possibility to setup dyn dns on server");
+    EXPECT_EQ(cloud_->journal().size(), 3U);
+}
+
+TEST_F(Sync, TheGuardWaitsPutsTheModeBackAndGivesUpInTime) {
+    struct Case {
+        const char *mode, *connects;
+        time_t wallClockStep;  // how far the wall clock jumps at each look
+        bool switched;
+        const char* line;
+    };
+    set("Simulation.GatewayClient", "ConnectDelay", "0");
+    for (const Case& c : {
+             Case{"ondemand", "true",  0,      true,  "GatewayClient is connected"},
+             Case{"ondemand", "false", 0,      true,  "giving up"                 },
+             Case{"on",       "false", 0,      false, "giving up"                 },
+             Case{"ondemand", "false", -3600,  true,  "giving up"                 },
+             Case{"ondemand", "false", 100000, true,  "giving up"                 },
+    }) {
+        SCOPED_TRACE(std::string(c.mode) + " " + c.connects + " " + std::to_string(c.wallClockStep));
+        set("Simulation.GatewayClient", "Connects", c.connects);
+        set("OrvoService.GatewayClient", "ConnectionMode", c.mode);
+        set("OrvoService.GatewayClient", "ConnectionStatus", "false");
+        iWallClockStep = c.wallClockStep;
+        const long begin = iVirtualNanoseconds;
+        EXPECT_EQ(ensureGatewayClientIsConnected(), c.switched);
+        log_.next(c.line);
+        EXPECT_EQ(value("OrvoService.GatewayClient", "ConnectionMode"), "on");
+        const long waited = (iVirtualNanoseconds - begin) / 1'000'000'000;
+        EXPECT_LE(waited, 12);
+        if (strcmp(c.line, "giving up") == 0 && c.wallClockStep <= 0) EXPECT_GE(waited, 10);
+    }
+    setGatewayClienModeOnDemand();
+    EXPECT_EQ(value("OrvoService.GatewayClient", "ConnectionMode"), "ondemand");
+
+    // The request is made although no connection came, and the mode is back before its answer is judged.
+    iWallClockStep = 0;
+    set("Simulation.GatewayClient", "Connects", "false");
+    step();
+    log_.next("GatewayClient still cannot connect to ApplicationServer - giving up");
+    log_.next("Request OK");
+    log_.next("GatewayClient connection mode = ondemand saved in PCB");
+    log_.next("Get dyn dns configuration OK");
+}
