@@ -160,7 +160,8 @@ bool pcb_sendRequest(pcb_t* pcb, peer_info_t* peer, request_t* request) {
 static void cancel(const request_t* request) {
     const uint32_t reason = pcb_error;
     const OwnedJson frame = newFrame("cancel", nullptr);
-    if (frame && cJSON_AddNumberToObject(frame.get(), KWireRequest, static_cast<double>(request->id))) {
+    if (frame && cJSON_AddNumberToObject(frame.get(), KWireRequest, static_cast<double>(request->id)) &&
+        numberFrame(request->client, frame.get())) {
         (void)queueFrame(&request->client->connection, frame.get());
     }
     fail(reason);

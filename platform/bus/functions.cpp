@@ -1,0 +1,166 @@
+// The functions that the gateway's objects offer, and the queue of calls that wait for their answer.
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+
+#include "platform/bus/bus.h"
+
+static constexpr char KSimulation[] = "Simulation.Functions";
+
+namespace {
+
+struct PendingCall {
+    Client* client = nullptr;
+    uint64_t id = 0;
+    OwnedText path, function;
+    OwnedJson arguments;
+    int64_t due = 0;  // milliseconds of the monotonic clock
+    PendingCall* next = nullptr;
+};
+
+struct Result {
+    uint32_t error = 0;
+    OwnedText returns;  // none: the function returns nothing
+};
+
+}  // namespace
+
+static PendingCall* firstCall = nullptr;
+static event* callTimer = nullptr;
+
+static Result runOpenQuery(object_t* data, const cJSON* arguments) {
+    OwnedText number = openQuery(data, arguments);
+    if (!number) return {PCB_ERROR_NO_MEMORY, nullptr};
+    return {0, std::move(number)};
+}
+
+static Result runCloseQuery(object_t* data, const cJSON* arguments) {
+    closeQuery(data, arguments);
+    return {};
+}
+
+static Result runHasFlag(object_t* data, const cJSON* arguments) {
+    const parameter_t* flags = object_getParameter(data, "Flags");
+    const char* flag = textOrEmpty(jsonText(arguments, "flag"));
+    OwnedText returns = copyText(flags && holdsWord(flags->text(), flag) ? "true" : "false");
+    if (!returns) return {PCB_ERROR_NO_MEMORY, nullptr};
+    return {0, std::move(returns)};
+}
+
+static Result runNotify(object_t*, const cJSON* arguments) {
+    const char* path = jsonText(arguments, "object");
+    if (!path || !findObject(iBus.tree, path)) return {PCB_ERROR_UNKNOWN_OBJECT, nullptr};
+    notifyCustom(path, textOrEmpty(jsonText(arguments, "value")));
+    return {};
+}
+
+static constexpr struct {
+    const char *path, *name;
+    Result (*run)(object_t* object, const cJSON* arguments);
+} KFunctions[] = {
+    {"NeMo.Intf.data", "openQuery",  runOpenQuery },
+    {"NeMo.Intf.data", "closeQuery", runCloseQuery},
+    {"NeMo.Intf.data", "hasFlag",    runHasFlag   },
+    {KSimulation,      "notify",     runNotify    },
+};
+
+static Result run(const PendingCall* call) {
+    object_t* object = findObject(iBus.tree, call->path.get());
+    if (!object) return {PCB_ERROR_UNKNOWN_OBJECT, nullptr};
+    for (const auto& function : KFunctions) {
+        if (strcmp(function.path, call->path.get()) != 0 || strcmp(function.name, call->function.get()) != 0) continue;
+        if (holdsWord(textOrEmpty(valueOf(KSimulation, "Failing")), function.name)) {
+            return {PCB_ERROR_FUNCTION_FAILED, nullptr};
+        }
+        return function.run(object, call->arguments.get());
+    }
+    return {PCB_ERROR_UNKNOWN_FUNCTION, nullptr};
+}
+
+static void serve(const PendingCall* call) {
+    const Result result = run(call);
+    const char* function = call->function.get();
+    if (result.error) {
+        printf("pcb-bus: %.40s failed: %s\n", function, error_string(result.error));
+        return sendError(call->client, call->id, result.error, call->path.get(), function);
+    }
+    printf("pcb-bus: %.40s returned %s\n", function, result.returns ? result.returns.get() : "nothing");
+    OwnedJson answer = newAnswer(call->id);
+    const bool complete = answer && cJSON_AddArrayToObject(answer.get(), KWireArguments) &&
+                          (!result.returns || addJsonText(answer.get(), KWireReturns, result.returns.get()));
+    sendFrame(call->client, call->id, complete ? std::move(answer) : nullptr);
+}
+
+static int64_t now() {
+    timespec time{};
+    clock_gettime(CLOCK_MONOTONIC, &time);
+    return int64_t{time.tv_sec} * 1000 + time.tv_nsec / 1000000;
+}
+
+// Serves what is due and waits for the next.
+static void serveDue(evutil_socket_t, short, void*) {
+    while (firstCall && firstCall->due <= now()) {
+        const Owned<PendingCall> call(firstCall);
+        firstCall = call->next;
+        serve(call.get());
+    }
+    if (!firstCall) return;
+    const long rest = static_cast<long>(std::max<int64_t>(firstCall->due - now(), 1));
+    const timeval time = {rest / 1000, rest % 1000 * 1000};
+    event_base_update_cache_time(iBus.base);
+    event_add(callTimer, &time);
+}
+
+void callFunction(Client* client, uint64_t id, const cJSON* frame) {
+    const cJSON* arguments = cJSON_GetObjectItemCaseSensitive(frame, KWireArguments);
+    auto call = makeOwned<PendingCall>();
+    if (!call) return sendError(client, id, PCB_ERROR_NO_MEMORY, nullptr, nullptr);
+    call->client = client;
+    call->id = id;
+    call->path = copyText(jsonText(frame, KWirePath));
+    call->function = copyText(jsonText(frame, KWireFunction));
+    call->arguments.reset(arguments ? cJSON_Duplicate(arguments, true) : nullptr);
+    if (!call->path || !call->function || (arguments && !call->arguments)) {
+        return sendError(client, id, PCB_ERROR_NO_MEMORY, nullptr, nullptr);
+    }
+    call->due = now() + numberOf(KSimulation, "Delay", 0);
+    PendingCall** end = &firstCall;
+    while (*end) {
+        // A shorter delay lets no call overtake an earlier one.
+        call->due = std::max(call->due, (*end)->due);
+        end = &(*end)->next;
+    }
+    *end = call.release();
+    serveDue(-1, 0, nullptr);
+}
+
+template <class Condition>
+static void removeIf(const Condition& condition) {
+    for (PendingCall** link = &firstCall; *link;) {
+        PendingCall* call = *link;
+        if (!condition(call)) {
+            link = &call->next;
+            continue;
+        }
+        *link = call->next;
+        const Owned<PendingCall> released(call);
+    }
+}
+
+void cancelCall(const Client* client, uint64_t id) {
+    removeIf([&](const PendingCall* call) { return call->client == client && call->id == id; });
+}
+
+void cancelCalls(const Client* client) {
+    removeIf([&](const PendingCall* call) { return call->client == client; });
+}
+
+bool startFunctions() {
+    callTimer = evtimer_new(iBus.base, serveDue, nullptr);
+    return callTimer;
+}
+
+void stopFunctions() {
+    if (callTimer) event_free(callTimer);
+}
