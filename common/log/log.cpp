@@ -18,8 +18,6 @@
 #include <cstring>
 #include <ctime>
 
-#include "common/text/text.h"
-
 static constexpr size_t KLineRoom = 7999;
 static constexpr char KDefaultFolder[] = "/var/log";
 
@@ -104,7 +102,6 @@ void reloadLogOnHangup(void (*reload)()) {
 // A hang-up that comes during a reload is left to the next call, so the reload's own lines never start another.
 static void reloadIfAsked() {
     if (iReloading || !iHangupSeen.exchange(false)) return;
-    const KeepErrno keep;  // the message may still be formatted with it
     iReloading = true;
     iReload();
     iReloading = false;
@@ -177,7 +174,7 @@ static void appendToFile(const char* path, const Line& line) {
 }
 
 static const char* rotatedFolder() {
-    if (!iLogSettings.rollingFilePath) iLogSettings.rollingFilePath = copyText(KDefaultFolder).release();
+    if (!iLogSettings.rollingFilePath) iLogSettings.rollingFilePath = strdup(KDefaultFolder);
     return iLogSettings.rollingFilePath ? iLogSettings.rollingFilePath : KDefaultFolder;
 }
 
