@@ -32,25 +32,16 @@ TEST_F(DynDnsRequest, EachResourceIsAskedForWithTheseBytes) {
     // The base stays as it is, a slash at its end included.
     ASSERT_EQ(setApplicationServerUrl((cloud_->url() + "/").c_str()), 1);
     EXPECT_STREQ(getDynDnsConfiguration("").get(), R"({"status":"NOT_FOUND"})");
-    const struct {
-        const char *method, *target, *body;
-    } expected[] = {
-        {"GET",  "/hm/dyndns/verify?name=n%20", ""                                            },
-        {"GET",  "/hm/dyndns?haId=H",           ""                                            },
-        {"POST", "/hm/dyndns/set",              R"({"name":"b\"x","haId":"H","enabled":true})"},
-        {"POST", "/hm/dyndns/set",              R"({"name":"","haId":"H","enabled":false})"   },
-        {"GET",  "/hm/stardevice/H/params",     ""                                            },
-        {"GET",  "/hm/stardevice//params",      ""                                            },
-        {"GET",  "//hm/dyndns?haId=",           ""                                            },
-    };
-    const std::vector<world::CloudRequest> journal = cloud_->journal();
-    ASSERT_EQ(journal.size(), std::size(expected));
-    for (size_t i = 0; i < journal.size(); ++i) {
-        EXPECT_EQ(journal[i].method, expected[i].method);
-        EXPECT_EQ(journal[i].target, expected[i].target);
-        EXPECT_EQ(journal[i].body, expected[i].body);
+    std::vector<std::string> sent;
+    for (const world::CloudRequest& request : cloud_->journal()) {
+        sent.push_back(request.method + " " + request.target + " " + request.body);
     }
-    EXPECT_EQ(journal[2].headers[2], "Content-Type: application/json");
+    EXPECT_EQ(sent, (std::vector<std::string>{"GET /hm/dyndns/verify?name=n%20 ", "GET /hm/dyndns?haId=H ",
+                                              R"(POST /hm/dyndns/set {"name":"b\"x","haId":"H","enabled":true})",
+                                              R"(POST /hm/dyndns/set {"name":"","haId":"H","enabled":false})",
+                                              "GET /hm/stardevice/H/params ", "GET /hm/stardevice//params ",
+                                              "GET //hm/dyndns?haId= "}));
+    EXPECT_EQ(cloud_->journal()[2].headers[2], "Content-Type: application/json");
 }
 
 TEST_F(DynDnsRequest, WhatIsMissingIsNamedInThisOrder) {
@@ -118,14 +109,16 @@ TEST_F(DynDnsRequest, ShortMemoryIsLoggedByThoseThatSaySo) {
     cJSON_Hooks hooks = {allocateForJson, free};
     cJSON_InitHooks(&hooks);
     std::string lines;
-    for (int left = 0; left < 9; ++left) {
+    for (int left = 0; left < 11; ++left) {
         world::writeFile("/var/log/test.log", "");
         iJsonAllocationsLeft = left;
         EXPECT_FALSE(setDynDnsConfiguration(KBox));
         lines += log_.content().substr(24 + strlen("ERROR Cannot create json "), 1);
     }
-    EXPECT_EQ(lines, "ooooooooss");
+    EXPECT_EQ(lines,
+              "ooooooooo"
+              "ss");
     cJSON_InitHooks(nullptr);
     EXPECT_TRUE(setDynDnsConfiguration(KBox));
-    EXPECT_TRUE(cloud_->journal().size() == 1);
+    EXPECT_EQ(cloud_->journal().size(), 1U);
 }

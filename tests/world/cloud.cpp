@@ -38,7 +38,8 @@ static std::string member(const cJSON* object, const char* name) {
 
 std::vector<CloudRequest> Cloud::journal() const {
     std::vector<CloudRequest> requests;
-    std::istringstream lines(readFile(directory_ + "/journal"));
+    const std::string file = readFile(directory_ + "/journal");
+    std::istringstream lines(file.substr(0, file.rfind('\n') + 1));  // the last line may still be under way
     for (std::string line; std::getline(lines, line);) {
         const std::unique_ptr<cJSON, void (*)(cJSON*)> entry(cJSON_Parse(line.c_str()), cJSON_Delete);
         CloudRequest request = {
