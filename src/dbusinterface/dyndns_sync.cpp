@@ -1,12 +1,11 @@
 #include "src/dbusinterface/dyndns_sync.h"
 
-#include <cstring>
-
 #include "common/gate/gate.h"
 #include "common/json/json.h"
-#include "common/log/one_text_format.h"
+#include "common/log/log.h"
 #include "common/text/text.h"
 #include "common/timer/timer.h"
+#include "src/dbusinterface/dyndns_registration.h"
 #include "src/dbusinterface/gateway_client.h"
 #include "src/dbusinterface/service_store.h"
 #include "src/dyndnsrequest.h"
@@ -81,53 +80,14 @@ static void markSyncFinished() {
     saveOrvoServiceData();
 }
 
-static bool storeEnable(bool enable) {
-    if (!easySetPcbParamBoolValue(iBusPcbClient, getPcbObjectPathForDynDns(), getPcbParameterDynDnsEnable(), enable)) {
-        return false;
-    }
-    // Set before the data model reports the change, so that this write's own echo pushes nothing back to the server.
-    iDynDnsEnable = enable ? TRI_TRUE : TRI_FALSE;
-    LOG(INFO, enable ? "DynDNS enable=true saved in PCB" : "DynDNS enable=false saved in PCB");
-    return true;
-}
-
-static bool clearHostName() {
-    if (!easyClearPcbParam(iBusPcbClient, getPcbObjectPathForDynDns(), KHostName)) {
-        LOG(ERROR, "Cannot clear DynDNS hostname value in PCB");
-        return false;
-    }
-    LOG(INFO, "DynDNS empty hostname saved in PCB");
-    return true;
-}
-
-static bool storeHostName(const char* name) {
-    if (!*name) return clearHostName();
-    if (!easySetPcbParam(iBusPcbClient, getPcbObjectPathForDynDns(), KHostName, name)) {
-        LOG(ERROR, "Cannot set DynDNS hostname value in PCB");
-        return false;
-    }
-    LOG(INFO, "DynDNS hostname %s saved in PCB", name);
-    return true;
-}
-
 void disableDynDnsInPcb() {
     if (iDynDnsEnable != TRI_TRUE) return;
-    if (!storeEnable(false)) {
+    if (!storeDynDnsEnable(false)) {
         LOG(ERROR, "Cannot set DynDNS enable=false value in PCB");
         return;
     }
-    (void)clearHostName();
+    (void)storeDynDnsHostName("");
     saveOrvoServiceData();
-}
-
-// The parsed answer when its status is "SUCCESS", else null.
-static OwnedJson parseSuccessfulAnswer(const char* body, const OneTextFormat& statusWarning) {
-    OwnedJson answer = parseJson(body);
-    const char* status = jsonTextMember(answer.get(), "status");
-    if (!status) return nullptr;
-    if (strcmp(status, "SUCCESS") == 0) return answer;
-    LOG_TEXT(LEVEL_WARN, statusWarning, status);
-    return nullptr;
 }
 
 // Asks the server and stores what it says; false when any of it failed (logged).
@@ -145,11 +105,11 @@ static bool fetchAndStore() {
     }
     const cJSON* registration = cJSON_GetObjectItem(answer.get(), "dynDNS");
     const char* name = textOrEmpty(jsonTextMember(registration, "name"));
-    if (!storeEnable(cJSON_IsTrue(cJSON_GetObjectItem(registration, "enabled")))) {
+    if (!storeDynDnsEnable(cJSON_IsTrue(cJSON_GetObjectItem(registration, "enabled")))) {
         LOG(ERROR, "Cannot set DynDNS enable value in PCB");
         return false;
     }
-    return storeHostName(name);
+    return storeDynDnsHostName(name);
 }
 
 void runDynDnsSyncStep(evutil_socket_t, short, void*) {
