@@ -103,7 +103,7 @@ int main(int count, char** arguments) {
     (void)signal(SIGPIPE, SIG_IGN);
     uint32_t error = 0;
     const Owned<object_t> tree = readOdlFile(arguments[4], &error);
-    if (!tree) return 1;
+    if (!tree) return complain(arguments[4], error_string(error)), 1;
     const std::unique_ptr<event_base, FreeBase> base(event_base_new());
     if (!base) return complain("cannot start", "no event loop"), 1;
     iBus.tree = tree.get();

@@ -175,7 +175,6 @@ Owned<object_t> readOdlFile(const char* path, uint32_t* error) {
     Buffer content;
     if (!readFile(path, &content)) {
         *error = errno == ENOMEM ? PCB_ERROR_NO_MEMORY : PCB_ERROR_CANNOT_READ_FILE;
-        fprintf(stderr, "%s: %s\n", path, strerror(errno));
         return nullptr;
     }
     OdlFault fault;
