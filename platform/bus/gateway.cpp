@@ -9,7 +9,7 @@ static constexpr char KConnectionMode[] = "ConnectionMode";
 static constexpr char KConnectionStatus[] = "ConnectionStatus";
 static constexpr char KSimulation[] = "Simulation.GatewayClient";
 static constexpr long KConnectMilliseconds = 300;
-static constexpr long KLongestMilliseconds = 3600 * 1000;
+static constexpr long KLongestMilliseconds = 3600L * 1000;
 
 static event* connectTimer = nullptr;
 
@@ -52,7 +52,6 @@ void changeValueOf(const char* path, const char* parameter, const char* text) {
 static void setConnectionStatus(const char* text) {
     const char* status = valueOf(KGatewayClient, KConnectionStatus);
     if (!status || strcmp(status, text) == 0) return;
-    printf("pcb-bus: ConnectionStatus %s\n", text);
     changeValueOf(KGatewayClient, KConnectionStatus, text);
 }
 
@@ -75,14 +74,19 @@ static void followConnectionMode() {
     event_add(connectTimer, &time);
 }
 
+static void reportConnectionStatus() {
+    printf("pcb-bus: ConnectionStatus %s\n", valueOf(KGatewayClient, KConnectionStatus));
+}
+
 // Parameters whose change makes the gateway do something.
 static constexpr struct {
     const char *path, *parameter;
     void (*react)();
 } KReactions[] = {
-    {KGatewayClient,   KConnectionMode, followConnectionMode},
-    {KSimulation,      "Connects",      followConnectionMode},
-    {"NeMo.Intf.data", "Addresses",     updateQueries       },
+    {KGatewayClient,   KConnectionMode,   followConnectionMode  },
+    {KGatewayClient,   KConnectionStatus, reportConnectionStatus},
+    {KSimulation,      "Connects",        followConnectionMode  },
+    {"NeMo.Intf.data", "Addresses",       updateQueries         },
 };
 
 bool changeValue(object_t* object, parameter_t* parameter, const char* text) {

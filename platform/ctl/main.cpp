@@ -97,7 +97,7 @@ static void reportError(request_t* request, reply_item_t* item) {
 
 // Waits for events and handles them until `answered` or `failed`, the process is to end, or the time (null: none) is
 // over.
-static bool handleEvents(const Session& session, timeval* rest) {
+[[nodiscard]] static bool handleEvents(const Session& session, timeval* rest) {
     llist_t connections;
     llist_initialize(&connections);
     llist_append(&connections, connection_listLink(pcb_connection(session.client)));
@@ -124,8 +124,8 @@ static int printChange(request_t* request, reply_item_t* item) {
     if (!after) return 1;
     printf("%s %s %s -> %s\n", notification_objectPath(notification), notification_parameter_value(name),
            notification_parameter_value(before), notification_parameter_value(after));
-    // Nobody reads any more.
-    if (fflush(stdout) != 0) failed = true;
+    if (fflush(stdout) != 0)
+        failed = !complain(request_path(request), nullptr, "nobody reads standard output any more");
     return 1;
 }
 
@@ -135,10 +135,12 @@ static bool watch(const Session& session, char** words, int) {
         !pcb_sendRequest(session.client, session.peer, request.get())) {
         return complain(words[0], nullptr, error_string(pcb_error));
     }
-    handleEvents(session, nullptr);
+    (void)handleEvents(session, nullptr);
     if (failed) return false;
-    // A signal ended it, or the bus went; asking the bus tells which.
-    const bool lost = !pcb_client_get_object(session.peer, words[0], 0) && pcb_error == PCB_ERROR_CONNECTION_LOST;
+    // A signal ended it, or the bus went; sending, which does not wait, tells which.
+    const OwnedRequest probe(request_create_getObject(words[0], 0, REQUEST_OBJECT));
+    const bool lost =
+        !pcb_sendRequest(session.client, session.peer, probe.get()) && pcb_error == PCB_ERROR_CONNECTION_LOST;
     return !lost || complain(words[0], nullptr, error_string(pcb_error));
 }
 

@@ -132,7 +132,7 @@ static object_t* fetch(pcb_t* client, const char* path) {
     object_t fetched;
     object_t* held = makeObject(&client->held.root, path);
     if (!held || !objectFromJson(&fetched, cJSON_GetObjectItemCaseSensitive(answer.get(), KWireObject))) {
-        fail(PCB_ERROR_NO_MEMORY);
+        fail(PCB_ERROR_UNREADABLE_FRAME);
         return nullptr;
     }
     moveContents(held, &fetched);

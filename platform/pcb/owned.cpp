@@ -45,7 +45,7 @@ void bufferTake(Buffer* buffer, size_t count) {
     if (buffer->length) return;
     buffer->start = 0;
     // One large frame must not keep its memory for good.
-    if (buffer->capacity <= 256 * 1024) return;
+    if (buffer->capacity <= size_t{256} * 1024) return;
     buffer->bytes.reset();
     buffer->capacity = 0;
 }

@@ -267,8 +267,8 @@ void dispatchFrame(pcb_t* client, const cJSON* frame) {
     reply_item_t item;
     if (!readItem(&item, frame, request)) {
         item.type = REPLY_ITEM_ERROR;
-        item.error = PCB_ERROR_NO_MEMORY;
-        item.description = error_string(PCB_ERROR_NO_MEMORY);
+        item.error = PCB_ERROR_UNREADABLE_FRAME;
+        item.description = error_string(item.error);
     }
     if (endsRequest(&item, request)) request->open = false;
     // The handler may destroy the request: it is not looked at any more.
