@@ -83,6 +83,8 @@ static dbus_bool_t add_watch(DBusWatch* watch, void* data) {
     OwnedEvent event(event_new(bus->base, dbus_watch_get_unix_fd(watch), eventFlagsOf(watch), handle_watch, watch));
     if (!event) return FALSE;
     dbus_watch_set_data(watch, bus, nullptr);
+    // Also while the watch is off: the one write event that comes for it also dispatches what blocking calls have read
+    // before the loop runs, of which nobody tells.
     if (event_add(event.get(), nullptr) != 0) return FALSE;
     return keepEvent(&bus->watches, std::move(event), watch);
 }
@@ -135,18 +137,13 @@ static bool installHandlers(message_bus* bus) {
 }
 
 int connection_setup(message_bus* bus) {
+    if (installHandlers(bus)) return 1;
     DBusConnection* connection = bus->connection.get();
-    if (!installHandlers(bus)) {
-        dbus_connection_set_dispatch_status_function(connection, nullptr, nullptr, nullptr);
-        (void)dbus_connection_set_watch_functions(connection, nullptr, nullptr, nullptr, nullptr, nullptr);
-        (void)dbus_connection_set_timeout_functions(connection, nullptr, nullptr, nullptr, nullptr, nullptr);
-        bus->dispatchEvent.reset();
-        return 0;
-    }
-    // Only changes of the status are reported: what was read before (by a blocking call, or for an object that is gone)
-    // would wait for the next message.
-    dispatch_status_changed(connection, dbus_connection_get_dispatch_status(connection), bus);
-    return 1;
+    dbus_connection_set_dispatch_status_function(connection, nullptr, nullptr, nullptr);
+    (void)dbus_connection_set_watch_functions(connection, nullptr, nullptr, nullptr, nullptr, nullptr);
+    (void)dbus_connection_set_timeout_functions(connection, nullptr, nullptr, nullptr, nullptr, nullptr);
+    bus->dispatchEvent.reset();
+    return 0;
 }
 
 void connection_shutdown(message_bus* bus) {

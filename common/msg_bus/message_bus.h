@@ -29,7 +29,8 @@ int message_bus_set_dbus_socket(const char* address);
 
 /// A new object on the shared connection, served by `base`, or null. `name` is the interface it answers to and the
 /// destination of its outgoing calls; `path` is where clients reach it, null for an object that only calls. A failure
-/// leaves nothing behind. Blocks for the first object while the connection is made. Freed with message_bus_free.
+/// leaves nothing behind, but may end the serving of earlier objects as message_bus_free does. Blocks for the first
+/// object while the connection is made. Freed with message_bus_free.
 [[nodiscard]] message_bus* message_bus_new(event_base* base, const char* name, const char* path);
 
 /// Releases the object and takes its path back, and sets `*bus` to null; null and a null object are ignored. The event

@@ -112,8 +112,8 @@ static void flush(message_bus* bus) {
     dbus_connection_flush(bus->connection.get());
 }
 
-static bool sendMessage(message_bus* bus, DBusMessage* message) {
-    if (!message || !dbus_connection_send(bus->connection.get(), message, nullptr)) return false;
+static bool sendMessage(message_bus* bus, const OwnedMessage& message) {
+    if (!message || !dbus_connection_send(bus->connection.get(), message.get(), nullptr)) return false;
     flush(bus);
     return true;
 }
@@ -124,16 +124,18 @@ static OwnedMessage newReply(DBusMessage* call, int type, const void* value) {
     return reply;
 }
 
+// Tells a client that its reply cannot be sent; it would wait for its time-out otherwise.
+static OwnedMessage newError(DBusMessage* call) {
+    return OwnedMessage(dbus_message_new_error(call, DBUS_ERROR_FAILED, "The reply could not be sent"));
+}
+
 // Releases the call whatever happens. `value` is null when it cannot go onto the bus.
 static int sendReply(message_bus* bus, DBusMessage* raw, int type, const void* value) {
     const OwnedMessage call(raw);
     if (call && dbus_message_get_no_reply(call.get())) return 1;
-    if (call && value && sendMessage(bus, newReply(call.get(), type, value).get())) return 1;
+    if (call && value && sendMessage(bus, newReply(call.get(), type, value))) return 1;
     LOG(WARN, "failed to send DBus method response");
-    // The client would wait for its time-out otherwise.
-    if (call)
-        (void)sendMessage(
-            bus, OwnedMessage(dbus_message_new_error(call.get(), DBUS_ERROR_FAILED, "No reply can be sent")).get());
+    if (call) (void)sendMessage(bus, newError(call.get()));
     return 0;
 }
 

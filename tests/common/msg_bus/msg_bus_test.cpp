@@ -157,16 +157,18 @@ struct MessageBus : testing::Test {
     }
 
     std::string call(const OwnedMessage& message) { return replyTo(send(client, message)); }
-    std::string callBus(const char* method) {
-        return call(newCall("/", DBUS_INTERFACE_DBUS, method, "", DBUS_SERVICE_DBUS));
+
+    // Calls the bus itself: when it answers, it has handed over all that the client sent before.
+    void callBus(const char* method) const {
+        const OwnedMessage message = newCall("/", DBUS_INTERFACE_DBUS, method, "", DBUS_SERVICE_DBUS);
+        const OwnedMessage reply(dbus_connection_send_with_reply_and_block(client, message.get(), 60000, nullptr));
+        EXPECT_TRUE(reply);
     }
 
-    // Lets the bus hand over all that the client sent and then stand still for a moment.
+    // The bus stands still for a moment.
     void putBusToSleep() const {
         static pid_t sleeper;
         sleeper = daemon->pid();
-        const OwnedMessage getId = newCall("/", DBUS_INTERFACE_DBUS, "GetId", "", DBUS_SERVICE_DBUS);
-        const OwnedMessage id(dbus_connection_send_with_reply_and_block(client, getId.get(), 60000, nullptr));
         daemon->send(SIGSTOP);
         siginfo_t stopped;
         waitid(P_PID, static_cast<id_t>(sleeper), &stopped, WSTOPPED);
@@ -264,6 +266,7 @@ TEST_F(MessageBus, AnswersEveryCallOfABurstAlsoWhenTheBusIsSlowToRead) {
         for (DBusPendingCall*& pending : calls) {
             pending = send(client, newCall("/test", KName, "Unknown"));
         }
+        callBus("GetId");
         putBusToSleep();
         for (DBusPendingCall* pending : calls) {
             ASSERT_EQ(replyTo(pending), "error " DBUS_ERROR_UNKNOWN_METHOD);
@@ -291,6 +294,7 @@ TEST_F(MessageBus, AReplyThatCannotBeSentIsAnErrorForTheClient) {
     EXPECT_EQ(iReplyResult, 1);
     EXPECT_EQ(call(newCall("/test", KName, "Echo", "t")), "true");
     EXPECT_EQ(atClient, Texts{});
+    EXPECT_EQ(daemon->output().find("Rejected send message"), std::string::npos);  // a reply that nobody asked for
 }
 
 TEST_F(MessageBus, AFailedOrFreedObjectLeavesNothingBehind) {
@@ -300,8 +304,10 @@ TEST_F(MessageBus, AFailedOrFreedObjectLeavesNothingBehind) {
         EXPECT_EQ(newLog(), "\n WARN failed to register dbus object path: " + path + " (service com.other)");
     }
     for (int i = 0; i < 3; ++i) {
-        message_bus_free(&bus);
         DBusPendingCall* meanwhile = send(client, newCall("/test", KName, "Two"));
+        callBus("GetId");
+        EXPECT_EQ(message_bus_request_name(bus, KName), 1);  // reads the call, which nobody handles yet
+        message_bus_free(&bus);
         bus = newObject(KName, "/test", {"Two"});
         EXPECT_EQ(replyTo(meanwhile), "true");
     }
@@ -318,7 +324,7 @@ TEST_F(MessageBus, SaysWhyANameCannotBeHad) {
     std::string configuration = world::readFile("/var/run/dbus/bus.conf");
     configuration.insert(configuration.find("</policy>"), R"(<deny own="com.corvane.refused"/>)");
     world::writeFile("/var/run/dbus/bus.conf", configuration);
-    EXPECT_EQ(callBus("ReloadConfig"), "nothing");
+    callBus("ReloadConfig");
     for (const std::string name : {"com.corvane.refused", "no name", "\xff"}) {
         EXPECT_EQ(message_bus_request_name(bus, name.c_str()), 0);
         EXPECT_NE(world::readFile("/var/log/bus.log").find("request message bus name: " + name + ". Error:\n "),
@@ -331,7 +337,7 @@ TEST_F(MessageBus, ReportsTheEndOfOutgoingCalls) {
     for (const std::string method : {"Text", "Flag", "Empty", "Fails"}) {
         EXPECT_EQ(message_bus_call_method(bus, "/peer", KName, method.c_str()), 1);
         EXPECT_TRUE(pumpUntil([&] { return !iSeen.empty(); }));
-        EXPECT_EQ(iSeen, Texts{method + (method == "Text" ? " " + KText : " -")});
+        EXPECT_EQ(iSeen, Texts{method == "Text" ? "Text " + KText : method + " -"});
         iSeen.clear();
     }
     EXPECT_EQ(message_bus_call_method(bus, "/peer", "malformed", "M"), 0);
@@ -412,4 +418,17 @@ TEST_F(MessageBusWithoutStarter, ReportsNoReply) {
     EXPECT_TRUE(pumpUntil([&] { return !iSeen.empty(); }));
     EXPECT_EQ(iSeen, Texts{"Text -"});
     EXPECT_EQ(newLog().find("\n WARN Failed to open connection to activating message bus: Failed to connect"), 0U);
+}
+
+TEST(MessageBusAlone, CannotBeMadeBeforeItsBusRuns) {
+    logToFile(LEVEL_WARN);
+    EXPECT_EQ(message_bus_set_dbus_socket("unix:path=/var/run/dbus/system_bus_socket"), 0);
+    event_base* base = event_base_new();
+    EXPECT_EQ(message_bus_new(base, KName, "/test"), nullptr);
+    EXPECT_EQ(newLog().find("\n WARN Failed to open connection to activating message bus: Failed to connect"), 0U);
+    const auto daemon = world::startDbusDaemon();
+    message_bus* bus = message_bus_new(base, KName, "/test");
+    EXPECT_NE(bus, nullptr);
+    message_bus_free(&bus);
+    event_base_free(base);
 }
