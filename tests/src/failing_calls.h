@@ -13,7 +13,7 @@ enum class Call { None, Init, Append, Format, Copy, Grow, Resolver, CaInfo, Http
 static Call iFailing = Call::None;
 static int iCallsLeft = 0;
 /// Each libcurl option that was set, as "NAME=value".
-static std::vector<std::string> iOptions;
+static std::vector<std::string>& iOptions = *new std::vector<std::string>;
 
 /// Lets the `nth` call of a kind fail, counted from now; only that one.
 static void letFail(Call call, int nth = 1) {
@@ -23,9 +23,9 @@ static void letFail(Call call, int nth = 1) {
 
 static bool fails(Call call) { return call == iFailing && --iCallsLeft == 0; }
 
-#define WRAP(type, name, ...)                                 \
-    extern "C" type __real_##name(__VA_ARGS__);               \
-    extern "C" [[gnu::used]] type __wrap_##name(__VA_ARGS__); \
+#define WRAP(type, name, ...)                                        \
+    extern "C" type __real_##name(__VA_ARGS__);                      \
+    extern "C" [[gnu::used]] inline type __wrap_##name(__VA_ARGS__); \
     type __wrap_##name(__VA_ARGS__)
 
 WRAP(CURL*, curl_easy_init) { return fails(Call::Init) ? nullptr : __real_curl_easy_init(); }
@@ -40,22 +40,23 @@ WRAP(int, vasprintf, char** text, const char* format, va_list arguments) {
 WRAP(curl_slist*, curl_slist_append, curl_slist* list, const char* line) {
     return fails(Call::Append) ? nullptr : __real_curl_slist_append(list, line);
 }
-WRAP(CURLcode, curl_easy_setopt, CURL* handle, CURLoption option, ...) {
+WRAP(CURLcode, curl_easy_setopt, CURL* handle, unsigned number, ...) {
     va_list arguments;
-    va_start(arguments, option);
-    const uintptr_t value = va_arg(arguments, uintptr_t);  // a long or a pointer: one size here
+    va_start(arguments, number);
+    void* const value = va_arg(arguments, void*);  // a long is as wide here
     va_end(arguments);
+    const auto option = static_cast<CURLoption>(number);
     const curl_easyoption* const known = curl_easy_option_by_id(option);
     std::string text = known->name;
-    if (known->type == CURLOT_LONG) text += "=" + std::to_string(value);
+    if (known->type == CURLOT_LONG) text += "=" + std::to_string(reinterpret_cast<intptr_t>(value));
     if (known->type == CURLOT_STRING || option == CURLOPT_POSTFIELDS)
-        text += "=" + std::string(reinterpret_cast<char*>(value));
-    for (auto* line = reinterpret_cast<curl_slist*>(option == CURLOPT_HTTPHEADER ? value : 0); line;
+        text += "=" + std::string(static_cast<char*>(value));
+    for (auto* line = static_cast<curl_slist*>(option == CURLOPT_HTTPHEADER ? value : nullptr); line;
          line = line->next) {
         text += "|" + std::string(line->data);
     }
     iOptions.push_back(text);
     const bool refused =
         (option == CURLOPT_CAINFO && fails(Call::CaInfo)) || (option == CURLOPT_HTTPHEADER && fails(Call::HttpHeader));
-    return refused ? CURLE_OUT_OF_MEMORY : __real_curl_easy_setopt(handle, option, value);
+    return refused ? CURLE_OUT_OF_MEMORY : __real_curl_easy_setopt(handle, number, value);
 }

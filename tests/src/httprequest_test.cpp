@@ -98,9 +98,9 @@ TEST_F(Http, SendsTheseBytes) {
 }
 
 TEST_F(Http, GivesBodiesOfAnySizeAndStatusWhole) {
-    for (const size_t size : {0, 1, 1023, 1024, 1025, 5000, 8 << 20}) {
+    for (const unsigned size : {0U, 1U, 1023U, 1024U, 1025U, 5000U, 8U << 20}) {
         std::string body(size, '\xFF');
-        for (size_t i = 0; i < size; i += 7) {
+        for (unsigned i = 0; i < size; i += 7) {
             body[i] = static_cast<char>('%' + i % 90);
         }
         cloud_->answer("get", size % 2 ? 404 : 500, body);
