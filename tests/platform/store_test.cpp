@@ -78,46 +78,49 @@ TEST(PlatformStore, ASavedTreeComesBackOverARestartAndIntoARunningBus) {
 }
 
 TEST(PlatformStore, ADamagedFileChangesNothingAndNamesItsLine) {
-    static constexpr char KGood[] = "object OrvoService {\n    object DynDNS {\n        bool Enable = \"true\";\n";
     const auto bus = world::startPcbBus();
     const Client client;
     const std::string before = everything(client);
+    const std::string good = "object OrvoService {\n    object DynDNS {\n        bool Enable = \"true\";\n";
+    const std::string tooLong(1024 * 1024 + 1, 'x');
     struct Case {
         std::string text;
-        uint32_t error;
         const char* message;
     };
-    const uint32_t damaged = PCB_ERROR_DAMAGED_FILE;
     for (const Case& c : {
-             Case{"",                                              damaged, "line 1: an object is missing"              },
-             Case{"\n \n",                                         damaged, "line 3: an object is missing"              },
-             Case{std::string(KGood),                              damaged, "line 3: '}' is missing"                    },
-             Case{std::string(KGood) + "}\n",                      damaged, "line 4: '}' is missing"                    },
-             Case{std::string(KGood) + "}}}",                      damaged, "line 4: an object is missing"              },
-             Case{std::string(KGood) + "}}\nobject OrvoService {}", damaged, "line 5: the object stands here twice"     },
-             Case{std::string(KGood) + "bool Enable = \"1\";}}",    damaged, "line 4: the parameter stands here twice"  },
-             Case{std::string(KGood) + "string HostName = \"a",     damaged, "line 4: the value is not closed"          },
-             Case{std::string(KGood) + "string HostName = \"a\n\";}}", damaged, "line 4: the value is not closed"       },
-             Case{std::string(KGood) + "string HostName = \"a\\t\";}}", damaged, "line 4: unknown escape in the value"  },
-             Case{std::string(KGood) + "string HostName = \"a\\",   damaged, "line 4: the value is not closed"          },
-             Case{std::string(KGood) + "string HostName = a;}}",    damaged, "line 4: a value in quotes is missing"     },
-             Case{std::string(KGood) + "string HostName = \"a\"\n}}", damaged, "line 4: ';' is missing"                 },
-             Case{std::string(KGood) + "string HostName\n= \"a\"\n}}", damaged, "line 5: ';' is missing"                },
-             Case{std::string(KGood) + "bool X = \"maybe\";}}",     damaged, "line 4: the value is no boolean"          },
-             Case{std::string(KGood) + "\n\xFF" + "}}",             damaged, "line 5: neither an object nor a parameter"},
-             Case{std::string(KGood) + std::string("\0", 1),        damaged, "line 4: neither an object nor a parameter"},
-             Case{std::string(KGood) + "string SyncNotFinished = \"x\";}}", PCB_ERROR_WRONG_TYPE,
-                  "line 4: the value does not fit the type of OrvoService.DynDNS.SyncNotFinished"},
-             Case{std::string(KGood) + "string HostName = \"" + std::string(1024 * 1024 + 1, 'x') + "\";}}", damaged,
-                  "line 4: the value is longer than 1 MiB"},
+             Case{"",                                     "line 1: an object is missing"             },
+             Case{"\n \n",                                "line 3: an object is missing"             },
+             Case{good,                                   "line 3: '}' is missing"                   },
+             Case{good + "}\n",                           "line 4: '}' is missing"                   },
+             Case{good + "}}}",                           "line 4: an object is missing"             },
+             Case{good + "}}\nobject OrvoService {}",     "line 5: the object stands here twice"     },
+             Case{good + "bool Enable = \"1\";}}",        "line 4: the parameter stands here twice"  },
+             Case{good + "string HostName = \"a",         "line 4: the value is not closed"          },
+             Case{good + "string HostName = \"a\n\";}}",  "line 4: the value is not closed"          },
+             Case{good + "string HostName = \"a\\",       "line 4: the value is not closed"          },
+             Case{good + "string HostName = \"a\\t\";}}", "line 4: unknown escape in the value"      },
+             Case{good + "string HostName = a;}}",        "line 4: a value in quotes is missing"     },
+             Case{good + "string HostName = \"a\"\n}}",   "line 4: ';' is missing"                   },
+             Case{good + "string HostName\n= \"a\"\n}}",  "line 5: ';' is missing"                   },
+             Case{good + "bool X = \"maybe\";}}",         "line 4: the value is no boolean"          },
+             Case{good + "\n\xFF}}",                      "line 5: neither an object nor a parameter"},
+             Case{good + std::string(1,                   '\0'),                                       "line 4: neither an object nor a parameter"},
+             Case{good + "string HostName = \"" + tooLong,                                      "line 4: the value is longer than 1 MiB"                                          },
     }) {
         SCOPED_TRACE(c.text.substr(0, 200));
         world::writeFile(KFile, c.text);
         testing::internal::CaptureStderr();
         EXPECT_FALSE(load(client));
         EXPECT_EQ(testing::internal::GetCapturedStderr(), std::string(KFile) + ": " + c.message + "\n");
-        EXPECT_EQ(pcb_error, c.error);
+        EXPECT_EQ(pcb_error, static_cast<uint32_t>(PCB_ERROR_DAMAGED_FILE));
     }
+    // Nothing is set when a later value does not fit its parameter.
+    world::writeFile(KFile, good + "string SyncNotFinished = \"x\";}}");
+    testing::internal::CaptureStderr();
+    EXPECT_FALSE(load(client));
+    EXPECT_EQ(pcb_error, static_cast<uint32_t>(PCB_ERROR_WRONG_TYPE));
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              std::string(KFile) + ": line 4: the value does not fit the type of OrvoService.DynDNS.SyncNotFinished\n");
     std::string deep;
     for (int i = 0; i < 40; ++i) {
         deep += "object a { ";

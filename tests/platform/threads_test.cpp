@@ -38,23 +38,22 @@ TEST(PlatformThreads, TheLoopEndsWhateverItWaitsFor) {
                   [] {
                       connection_setTerminated(true);
                       connection_setEventsAvailable();
-                  },
-                  false},
+                  },                                                                  false},
              Case{"another client has lost its bus",
                   [] {
                       world::Process second({world::binary("pcb-bus"), "--socket", "/var/run/second", "--definition",
                                              "/var/run/second.odl"});
-                      EXPECT_TRUE(world::waitFor([&] { return second.output().find("listening") != std::string::npos; }));
+                      EXPECT_TRUE(
+                          world::waitFor([&] { return second.output().find("listening") != std::string::npos; }));
                       const Client other("/var/run/second");
                       second.send(SIGKILL);
                       second.wait();
                       EXPECT_EQ(other.get("A", "B"), "error: connection lost");
                       // The loop must have seen it before the client goes.
                       EXPECT_TRUE(world::waitFor([] { return access("/var/run/ended", F_OK) == 0; }));
-                  },
-                  false},
-             Case{"SIGTERM", [] { kill(getpid(), SIGTERM); }, true},
-             Case{"SIGINT", [] { kill(getpid(), SIGINT); }, true},
+                  },                                                                  false},
+             Case{"SIGTERM",                         [] { kill(getpid(), SIGTERM); }, true },
+             Case{"SIGINT",                          [] { kill(getpid(), SIGINT); },  true },
     }) {
         // The latch of one case must not serve the next.
         const pid_t child = fork();
