@@ -85,6 +85,7 @@ TEST_F(Http, SendsTheseBytes) {
     EXPECT_TRUE(curlPostV1(uri.c_str(), "x=\"\xC3\xA4\"", ca, two.get()));
     EXPECT_TRUE(curlPostV1(uri.c_str(), "x", ca, none.get()));
     EXPECT_TRUE(curlPostV1(uri.c_str(), nullptr, ca, nullptr));
+    EXPECT_EQ(std::count(iOptions.begin(), iOptions.end(), "HTTPHEADER"), 0);
     EXPECT_TRUE(curlPostV2(uri.c_str(), "", ca, R"({"Content-Type":"application/json"})"));
     const std::string common = "Host: " + url_.substr(strlen("https://")) + "|Accept: */*|";
     const std::string form = "|Content-Type: application/x-www-form-urlencoded|";  // libcurl's own
