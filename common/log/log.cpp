@@ -127,19 +127,16 @@ static bool passesFilter(const char* category, int level) {
     return level >= (own ? own->level : iLogSettings.level);
 }
 
-__attribute__((format(printf, 2, 0))) static bool appendFormatted(Line& line, const char* format, va_list arguments) {
-    const size_t room = KLineRoom - line.length;
-    const int length = vsnprintf(line.text + line.length, room + 1, format, arguments);
-    if (length < 0) return false;
-    line.length += std::min(static_cast<size_t>(length), room);
-    return true;
-}
+static char* end(Line& line) { return line.text + line.length; }
 
-__attribute__((format(printf, 2, 3))) static void append(Line& line, const char* format, ...) {
-    va_list arguments;
-    va_start(arguments, format);
-    (void)appendFormatted(line, format, arguments);
-    va_end(arguments);
+// What may still be printed at the end, the zero byte included.
+static size_t room(const Line& line) { return sizeof line.text - line.length; }
+
+// Takes in what a printf at the end has printed, from its result; false when it failed.
+static bool extend(Line& line, int printed) {
+    if (printed < 0) return false;
+    line.length += std::min(static_cast<size_t>(printed), room(line) - 1);
+    return true;
 }
 
 static void beginLine(Line& line, int level, const char* file, ssize_t lineNumber) {
@@ -148,10 +145,11 @@ static void beginLine(Line& line, int level, const char* file, ssize_t lineNumbe
     tm local = {};
     localtime_r(&now.tv_sec, &local);
     line.length = strftime(line.text, sizeof line.text, "%F %T", &local);
-    append(line, ".%03ld ", static_cast<long>(now.tv_usec / 1000));
+    extend(line, snprintf(end(line), room(line), ".%03ld ", static_cast<long>(now.tv_usec / 1000)));
     line.levelName = line.length;
-    append(line, "%5.10s ", KLevels[level].name);
-    if (iLogSettings.lineAndFile) append(line, "file: %s, line: %zd - ", file, lineNumber);
+    extend(line, snprintf(end(line), room(line), "%5.10s ", KLevels[level].name));
+    if (!iLogSettings.lineAndFile) return;
+    extend(line, snprintf(end(line), room(line), "file: %s, line: %zd - ", file, lineNumber));
 }
 
 // One write call a line, so that the lines of several writers never mix; a buffered stream would split the long ones.
@@ -236,7 +234,7 @@ __attribute__((format(printf, 5, 6))) void _log(const char* category, int level,
     beginLine(built, level, file, line);
     va_list arguments;
     va_start(arguments, format);
-    const bool complete = appendFormatted(built, format, arguments);
+    const bool complete = extend(built, vsnprintf(end(built), room(built), format, arguments));
     va_end(arguments);
     if (!complete) {
         fprintf(stderr, "vsnprintf failed due to error %d\n", errno);
