@@ -87,8 +87,8 @@ struct Watch {
 
   private:
     static std::map<request_t*, Watch*>& byRequest() {
-        static thread_local std::map<request_t*, Watch*> watches;
-        return watches;
+        static auto* watches = new std::map<request_t*, Watch*>;
+        return *watches;
     }
     static int takeItem(request_t* request, reply_item_t* item) {
         Watch* watch = byRequest().at(request);

@@ -10,7 +10,7 @@ TEST(PlatformClient, SetsAndGetsEveryValueByteForByte) {
     for (int byte = 1; byte < 256; ++byte) {
         everyByte += static_cast<char>(byte);
     }
-    const std::string longest(1024 * 1024, '\x01');  // six bytes each on the way
+    const std::string longest(size_t{1024} * 1024, '\x01');  // six bytes each on the way
     for (const std::string& value : {std::string(), everyByte, std::string("\xC3\xA4\n\"\\"), longest}) {
         ASSERT_EQ(client.set(KDynDns, "HostName", value), 0U);
         ASSERT_TRUE(client.get(KDynDns, "HostName") == value) << value.size();

@@ -17,7 +17,7 @@ TEST(PlatformFault, AHungBusHoldsNobodyAndItsLateAnswerIsDropped) {
     ASSERT_TRUE(client.loopUntil([&] { return watch.items.size() == 1; }));
     bus->send(SIGSTOP);
     // 6 MiB on the way: the socket takes only a part of it, so that writing hangs too.
-    const std::string late(1024 * 1024, '\x01');
+    const std::string late(size_t{1024} * 1024, '\x01');
     const auto begin = std::chrono::steady_clock::now();
     EXPECT_EQ(client.set(KDynDns, "HostName", late), code(PCB_ERROR_TIMEOUT));
     EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(4900));
@@ -103,7 +103,7 @@ TEST(PlatformFault, BadFramesCloseTheirConnectionAndHarmNoOther) {
              std::string("[]\n"),
              std::string("{\"op\":\"get\"}\n"),
              std::string("{\"id\":1,\"op\":\"get\"} {}\n"),
-             std::string("{\"id\":1,\"op\":\"get\"\0}\n", 22),
+             std::string("{\"id\":1,\"op\":\"get\"\0}\n", 21),
              std::string(2000, '[') + "\n",
              tooLarge,
          }) {

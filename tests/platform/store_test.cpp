@@ -82,7 +82,8 @@ TEST(PlatformStore, ADamagedFileChangesNothingAndNamesItsLine) {
     const Client client;
     const std::string before = everything(client);
     const std::string good = "object OrvoService {\n    object DynDNS {\n        bool Enable = \"true\";\n";
-    const std::string tooLong(1024 * 1024 + 1, 'x');
+    const std::string tooLong = "string HostName = \"" + std::string(size_t{1024} * 1024 + 1, 'x');
+    const std::string zero(1, '\0');
     struct Case {
         std::string text;
         const char* message;
@@ -104,8 +105,8 @@ TEST(PlatformStore, ADamagedFileChangesNothingAndNamesItsLine) {
              Case{good + "string HostName\n= \"a\"\n}}",  "line 5: ';' is missing"                   },
              Case{good + "bool X = \"maybe\";}}",         "line 4: the value is no boolean"          },
              Case{good + "\n\xFF}}",                      "line 5: neither an object nor a parameter"},
-             Case{good + std::string(1,                   '\0'),                                       "line 4: neither an object nor a parameter"},
-             Case{good + "string HostName = \"" + tooLong,                                      "line 4: the value is longer than 1 MiB"                                          },
+             Case{good + zero,                            "line 4: neither an object nor a parameter"},
+             Case{good + tooLong,                         "line 4: the value is longer than 1 MiB"   },
     }) {
         SCOPED_TRACE(c.text.substr(0, 200));
         world::writeFile(KFile, c.text);
@@ -122,7 +123,7 @@ TEST(PlatformStore, ADamagedFileChangesNothingAndNamesItsLine) {
     EXPECT_EQ(testing::internal::GetCapturedStderr(),
               std::string(KFile) + ": line 4: the value does not fit the type of OrvoService.DynDNS.SyncNotFinished\n");
     std::string deep;
-    for (int i = 0; i < 40; ++i) {
+    while (deep.size() < 1000) {
         deep += "object a { ";
     }
     world::writeFile(KFile, deep);
