@@ -17,15 +17,6 @@
 
 namespace world {
 
-static const char KDbusConfiguration[] =
-    R"(<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
- "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
-<busconfig><type>system</type><listen>unix:path=/var/run/dbus/system_bus_socket</listen><auth>EXTERNAL</auth>
-<policy context="default"><allow user="*"/><allow own="*"/><allow send_type="method_call"/>
-<allow send_destination="*"/><allow receive_type="method_call"/><allow receive_type="method_return"/>
-<allow receive_type="error"/><allow receive_type="signal"/><allow send_type="signal"/></policy></busconfig>
-)";
-
 // What ran in this test, for the report when it fails.
 static std::vector<std::string>& outputs() {
     static std::vector<std::string> paths;
@@ -185,9 +176,9 @@ static std::unique_ptr<Process> startListener(std::vector<std::string> arguments
 }
 
 std::unique_ptr<Process> startDbusDaemon() {
-    writeFile("/var/run/dbus/bus.conf", KDbusConfiguration);
-    return startListener({"dbus-daemon", "--nofork", "--nopidfile", "--config-file=/var/run/dbus/bus.conf"},
-                         "/var/run/dbus/system_bus_socket");
+    return startListener(
+        {"dbus-daemon", "--nofork", "--nopidfile", "--config-file=" ORSM_SOURCE_FOLDER "/tests/world/bus.conf"},
+        "/var/run/dbus/system_bus_socket");
 }
 
 std::unique_ptr<Process> startPcbBus(const std::string& definition) {
