@@ -1,9 +1,11 @@
 #include "src/dbusinterface/public_interface.h"
 
 #include "common/msg_bus/message_bus.h"
+#include "src/dbusinterface/dyndns_service.h"
 #include "src/dbusinterface/dyndns_sync.h"
 #include "src/dbusinterface/service_store.h"
 #include "src/orvoservicesinfo.h"
+#include "src/voltarodbus/voltaro_service.h"
 
 static constexpr char KSystemBusAddress[] = "unix:path=/var/run/dbus/system_bus_socket";
 
@@ -11,7 +13,8 @@ static bool bringUp(struct event_base* base) {
     // Without memory for the address the services would land on another bus, or none: that shows when they connect.
     (void)message_bus_set_dbus_socket(KSystemBusAddress);
     iBusPcbClient = easyCreatePcbDataModelClient();
-    return iBusPcbClient && enableDbusForOrvoServicesInfo(base);
+    return iBusPcbClient && enableDbusForDynDns(base) && enableDbusForVoltaro(base) &&
+           enableDbusForOrvoServicesInfo(base);
 }
 
 bool enableDbusPublicInterface(struct event_base* base) {
@@ -22,6 +25,8 @@ bool enableDbusPublicInterface(struct event_base* base) {
 }
 
 void disableDbusPublicInterface() {
+    message_bus_free(&iDynDnsMessageBus);
+    disableDbusForVoltaro();
     disableDbusForOrvoServicesInfo();
     easyDestroyPcbDataModelClient(iBusPcbClient);
     iBusPcbClient = nullptr;

@@ -1,0 +1,31 @@
+// The DynDNS service on D-Bus: local clients ask for the registration, check a name and change it.
+#pragma once
+
+#include <dbus/dbus.h>
+#include <event2/event.h>
+
+#include "common/msg_bus/message_bus.h"
+#include "common/text/text.h"
+
+struct cJSON;
+
+extern message_bus* iDynDnsMessageBus;  // null while the service is not offered; released by the public bus interface
+
+/// Offers the service on `base`; false when any of it failed (logged, nothing left behind). Main thread, before the bus
+/// thread runs.
+[[nodiscard]] bool enableDbusForDynDns(struct event_base* base);
+
+/// The service's method callback. Bus thread; IsNameTaken and Configure block for their server request.
+void handleDynDnsMethodCall(message_bus* bus, const char* method, const char* firstArgument, DBusMessage* call);
+
+/// The rule for host names: 2 to 63 bytes, ASCII letters, digits and "-", no "-" in front. Null is invalid. Any thread.
+bool isDynDnsNameValid(const char* name);
+bool isLetterOrDigit(char character);
+
+/// Writes `source`, its ASCII capitals lowered, over the same number of bytes of `destination`, without a terminator.
+/// `destination`, or null when either is null. Any thread.
+char* strtolower(const char* source, char* destination);
+
+/// The reply {"status":...,"result":...} with texts, or JSON null for null; null when memory is short (logged). Any
+/// thread.
+[[nodiscard]] OwnedText generateDbusResponseJson_StringResult(const char* status, const char* result);

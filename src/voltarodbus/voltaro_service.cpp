@@ -1,0 +1,245 @@
+#include "src/voltarodbus/voltaro_service.h"
+
+#include <cstring>
+
+#include "common/json/json.h"
+#include "common/log/log.h"
+#include "common/text/text.h"
+#include "src/bus_service.h"
+#include "src/dbusinterface/dyndns_state.h"
+#include "src/dbusinterface/service_store.h"
+#include "src/dyndnsrequest.h"
+#include "src/voltarodbus/voltaro_cloud.h"
+
+static constexpr char KLogCategory[] = "orvoservicemanager";
+static constexpr char KLogModule[] = "src/voltarodbus";
+
+message_bus* iVoltaroMessageBus;
+
+static constexpr char KOn[] = R"({"status":"OK","state":"on"})";
+static constexpr char KOff[] = R"({"status":"OK","state":"off"})";
+static constexpr char KSwitchNotFound[] = R"({"status":"SWITCH_NOT_FOUND"})";
+static constexpr char KActionNotDefined[] = R"({"status":"ACTION_NOT_DEFINED"})";
+static constexpr char KNotSynchronized[] = R"({"status":"NOT_SYNCHRONIZED"})";
+static constexpr char KServerConnectionError[] = R"({"status":"SERVER_CONNECTION_ERROR"})";
+static constexpr char KServerInternalError[] = R"({"status":"SERVER_INTERNAL_ERROR"})";
+static constexpr char KNoPairedAccount[] = R"({"status":"NO_PAIRED_VOLTARO_ACCOUNT"})";
+static constexpr char KCannotLogin[] = R"({"status":"CANNOT_LOGIN_TO_VOLTARO"})";
+static constexpr char KSwitchIsOffline[] = R"({"status":"SWITCH_IS_OFFLINE"})";
+static constexpr char KAlreadyHasSuchState[] = R"({"status":"SWITCH_ALREADY_HAS_SUCH_STATE"})";
+static constexpr char KOutOfMemory[] = R"({"status":"OUT_OF_MEMORY_ERROR"})";
+
+namespace {
+
+struct NamedAction {
+    const char* word;
+    SwitchAction action;
+};
+
+}  // namespace
+
+static constexpr NamedAction KActions[] = {
+    {"on",     SWITCH_ACTION_ON    },
+    {"off",    SWITCH_ACTION_OFF   },
+    {"toggle", SWITCH_ACTION_TOGGLE},
+};
+
+// By SwitchChangeError.
+static constexpr const char* KChangeErrorReplies[] = {KServerConnectionError, KSwitchIsOffline, KAlreadyHasSuchState};
+
+// ----- The account of the gateway, the steps that Set and Get share. Each gives null for success, else the reply.
+
+// Takes the account out of the server's answer; `account` receives its tree, in which email and password are texts that
+// are not empty.
+static const char* readAccount(const char* body, OwnedJson* account) {
+    const OwnedJson answer = parseJson(body);
+    const char* status = jsonTextMember(answer.get(), "status");
+    if (!status) return KServerInternalError;
+    if (strcmp(status, "SUCCESS") != 0) {
+        LOG(WARN, "Failed to get params: %s", status);
+        return KServerInternalError;
+    }
+    const char* params = jsonTextMember(answer.get(), "params");
+    if (!params || !*params) return KNoPairedAccount;
+    *account = parseJson(params);
+    if (!*account) return KServerInternalError;
+    const char* email = jsonTextMember(account->get(), "email");
+    const char* password = jsonTextMember(account->get(), "password");
+    if (!email || !*email || !password || !*password) {
+        LOG(WARN, "Cannot find Voltaro email or password");
+        return KNoPairedAccount;
+    }
+    return nullptr;
+}
+
+static const char* loginToPairedAccount(OwnedText* token) {
+    const char* haId = getHomeAutomationId();
+    if (!*haId) {
+        LOG(WARN, "HA-ID not available");
+        return KNotSynchronized;
+    }
+    const OwnedText body = getParamsForHaId(haId);
+    if (!body) {
+        LOG(ERROR, "getParamsForHaId error");
+        return KServerConnectionError;
+    }
+    LOG(DEBUG, "getParamsForHaId OK: %s", body.get());
+    OwnedJson account;
+    if (const char* reply = readAccount(body.get(), &account)) return reply;
+    *token = loginToVoltaro(jsonTextMember(account.get(), "email"), jsonTextMember(account.get(), "password"));
+    if (!*token) {
+        LOG(ERROR, "Cannot login to Voltaro");
+        return KCannotLogin;
+    }
+    return nullptr;
+}
+
+// ----- Set
+
+static const NamedAction* findAction(const char* word) {
+    for (const NamedAction& known : KActions) {
+        if (strcmp(word, known.word) == 0) return &known;
+    }
+    return nullptr;
+}
+
+// The reply to Set; `*done` becomes true when the plug was switched.
+static const char* setSwitch(DBusMessage* message, bool* done) {
+    const char* switchId = get_first_argument_string_value(message);
+    if (!switchId || !*switchId) {
+        LOG(ERROR, "Missing dbus method argument: switchId");
+        return KSwitchNotFound;
+    }
+    const char* word = get_second_argument_string_value(message);
+    if (!word || !*word) {
+        LOG(ERROR, "Missing dbus method argument: action");
+        return KActionNotDefined;
+    }
+    const NamedAction* action = findAction(word);
+    if (!action) {
+        LOG(ERROR, "Wrong dbus method argument: unknown action %s", word);
+        return KActionNotDefined;
+    }
+    OwnedText token;
+    if (const char* reply = loginToPairedAccount(&token)) return reply;
+    SwitchChangeError error = SWITCH_ERROR_NONE;
+    const OwnedText state = changeStateOfSwitch(token.get(), switchId, action->action, &error);
+    if (!state) return KChangeErrorReplies[error];
+    LOG(DEBUG, "changeStateOfSwitch OK: %s", state.get());
+    *done = true;
+    return strcmp(state.get(), "on") == 0 ? KOn : KOff;
+}
+
+static void answerSet(MethodCall& call) {
+    LOG(INFO, "Voltaro Set requested");
+    bool done = false;
+    replyText(call, setSwitch(call.message.get(), &done));
+    if (done) LOG(INFO, "Voltaro Set finished");
+}
+
+// ----- Get
+
+// Checks the cloud's answer once more and takes the plug's data out of it: null for success, else the reply.
+static const char* readPlug(const cJSON* details, cJSON** state, cJSON** power) {
+    if (!details) return KServerInternalError;
+    const char* status = jsonTextMember(details, "status");
+    if (!status) {
+        LOG(WARN, "Cannot parse getSwitchDetails");
+        return KServerInternalError;
+    }
+    if (strcmp(status, "ok") != 0) {
+        LOG(WARN, "Failed to getSwitchDetails: %s", status);
+        return KServerInternalError;
+    }
+    const cJSON* device = cJSON_GetObjectItem(details, "device");
+    if (!device) {
+        LOG(WARN, "No device data in getSwitchDetails");
+        return KServerInternalError;
+    }
+    *state = cJSON_GetObjectItem(device, "state");
+    *power = cJSON_GetObjectItem(device, "power");
+    return cJSON_IsString(*state) && *power ? nullptr : KServerInternalError;
+}
+
+// The success reply, which refers to the two values; null when memory is short.
+static OwnedText plugReply(cJSON* state, cJSON* power) {
+    const OwnedJson reply(cJSON_CreateObject());
+    if (!cJSON_AddStringToObject(reply.get(), "status", "OK")) return nullptr;
+    cJSON* plug = cJSON_AddObjectToObject(reply.get(), "switch");
+    if (!cJSON_AddItemReferenceToObject(plug, "state", state)) return nullptr;
+    if (!cJSON_AddItemReferenceToObject(plug, "power", power)) return nullptr;
+    return printJson(reply.get());
+}
+
+// The reply to Get: `built` receives it when it is made for this call; the result is null then, else a fixed reply.
+static const char* getSwitch(const char* switchId, OwnedText* built) {
+    if (!switchId || !*switchId) {
+        LOG(ERROR, "Missing dbus method argument: switchId");
+        return KSwitchNotFound;
+    }
+    OwnedText token;
+    if (const char* reply = loginToPairedAccount(&token)) return reply;
+    const OwnedText details = getSwitchDetails(token.get(), switchId);
+    if (!details) return KServerConnectionError;
+    LOG(DEBUG, "getSwitchDetails OK: %s", details.get());
+    const OwnedJson parsed = parseJson(details.get());
+    cJSON* state = nullptr;
+    cJSON* power = nullptr;
+    if (const char* reply = readPlug(parsed.get(), &state, &power)) return reply;
+    *built = plugReply(state, power);
+    return *built ? nullptr : KOutOfMemory;
+}
+
+static void answerGet(MethodCall& call) {
+    LOG(INFO, "Voltaro Get requested");
+    OwnedText built;
+    if (const char* fixed = getSwitch(call.firstArgument, &built)) return replyText(call, fixed);
+    replyText(call, built.get());
+    LOG(INFO, "Voltaro Get finished");
+}
+
+// ----- EnableBackend
+
+static bool enableBackend(DBusMessage* message) {
+    int enabled = 0;
+    if (!get_first_argument_bool_value(message, &enabled)) return false;
+    if (!easySetPcbParamBoolValue(helperPcbDataModelClient(), "OrvoService.Voltaro", "Enable", enabled)) return false;
+    LOG(INFO, "Voltaro Enable set to %d", enabled);
+    saveOrvoServiceData();
+    return true;
+}
+
+static void answerEnableBackend(MethodCall& call) {
+    LOG(INFO, "Voltaro EnableBackend requested");
+    replyBool(call, enableBackend(call.message.get()));
+    LOG(INFO, "Voltaro EnableBackend finished");
+}
+
+// ----- The service
+
+static constexpr Method KMethods[] = {
+    {"Set",           answerSet          },
+    {"Get",           answerGet          },
+    {"EnableBackend", answerEnableBackend},
+};
+
+void handleVoltaroMethodCall(message_bus* bus, const char* method, const char* firstArgument, DBusMessage* call) {
+    dispatchMethodCall(KMethods, bus, method, firstArgument, call);
+}
+
+static constexpr BusService KService = {
+    .interface = "com.corvane.orsm.voltaro",
+    .path = "/voltaro",
+    .methods = KMethods,
+    .handler = handleVoltaroMethodCall,
+    .enablingLine = "Enabling Voltaro dbus",
+    .cannotCreateLine = "Cannot create Voltaro message bus",
+    .createdLine = "Voltaro message bus created",
+};
+
+int enableDbusForVoltaro(struct event_base* base) {
+    iVoltaroMessageBus = offerService(KService, base);
+    return iVoltaroMessageBus != nullptr;
+}
+
+void disableDbusForVoltaro() { message_bus_free(&iVoltaroMessageBus); }
