@@ -18,18 +18,38 @@ static void dispatch_status_changed(DBusConnection*, DBusDispatchStatus status, 
     if (status == DBUS_DISPATCH_DATA_REMAINS) schedule_dispatch(static_cast<message_bus*>(data));
 }
 
+// Null once the connection is lost: to look at libdbus's own last message would end the process before anybody handles
+// it.
+static DBusMessage* firstMessage(DBusConnection* connection) {
+    if (!dbus_connection_get_is_connected(connection)) return nullptr;
+    DBusMessage* first = dbus_connection_borrow_message(connection);
+    if (first) dbus_connection_return_message(connection, first);
+    return first;
+}
+
+// Dispatches the first message; false when memory was short for it. libdbus then puts it back and reports that data
+// remains: it would be tried again at once, for ever.
+static bool dispatchFirst(DBusConnection* connection) {
+    DBusMessage* message = firstMessage(connection);
+    const OwnedMessage held(message ? dbus_message_ref(message) : nullptr);  // no other message gets its address
+    if (dbus_connection_dispatch(connection) == DBUS_DISPATCH_NEED_MEMORY) return false;
+    return !held || firstMessage(connection) != held.get();
+}
+
 static void handle_dispatch(evutil_socket_t, short, void* data) {
     const auto* bus = static_cast<message_bus*>(data);
     DBusConnection* connection = bus->connection.get();
-    DBusDispatchStatus status = dbus_connection_get_dispatch_status(connection);
-    while (status == DBUS_DISPATCH_DATA_REMAINS) {
-        status = dbus_connection_dispatch(connection);
+    bool enoughMemory = true;
+    while (enoughMemory && dbus_connection_get_dispatch_status(connection) == DBUS_DISPATCH_DATA_REMAINS) {
+        enoughMemory = dispatchFirst(connection);
     }
     // A write event fires once for each time that libdbus switches it on. What the socket did not take then would stay
     // in the queue until somebody happens to send again.
     if (dbus_connection_has_messages_to_send(connection)) dbus_connection_flush(connection);
-    // Nobody reports that memory is there again, and the message that needs it is already read from the socket.
-    if (status == DBUS_DISPATCH_NEED_MEMORY) (void)armTimer(bus->dispatchEvent.get(), 1, 0);
+    // The message is already read from the socket, and nobody reports that memory is there again.
+    if (!enoughMemory || dbus_connection_get_dispatch_status(connection) == DBUS_DISPATCH_NEED_MEMORY) {
+        (void)armTimer(bus->dispatchEvent.get(), 1, 0);
+    }
 }
 
 void dbus_event_free(dbus_event* entry) { const OwnedRecord<dbus_event> released(entry); }
