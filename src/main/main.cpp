@@ -1,5 +1,6 @@
 // The OrvoServiceManager daemon: command line, start-up order, the bus thread, and the one end of the process.
 #include <event2/event.h>
+#include <fcntl.h>
 #include <pthread.h>
 #include <semaphore.h>
 #include <signal.h>
@@ -166,7 +167,15 @@ static int runDaemon(const char* configurationPath) {
     return status;
 }
 
+// A standard stream that is closed at the start would be the number of some socket later, and log lines would go there.
+static void occupyStandardStreams() {
+    for (int stream = 0; stream <= 2; ++stream) {
+        if (fcntl(stream, F_GETFD) < 0) (void)open("/dev/null", O_RDWR);
+    }
+}
+
 int main(int argc, char** argv) {
+    occupyStandardStreams();
     if (argc == 2 && strcmp(argv[1], "-v") == 0) {
         printf("Version: %s\n", KOrsmVersion);
         return 1;

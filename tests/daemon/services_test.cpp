@@ -1,0 +1,304 @@
+// The D-Bus services of the running daemon, from a client's side: replies to the byte, and what stands in the log.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+
+#include "tests/daemon/daemon.h"
+#include "tests/world/bus_client.h"
+
+using namespace world;
+
+namespace {
+
+struct Call {
+    const char* method;
+    BusArguments arguments;
+    std::string reply;
+    const char* line;                     // that the call logs; null for none
+    bool finished;                        // whether the method's own last line is logged
+    std::vector<std::string> order = {};  // given to the servers before
+};
+
+class Services : public testing::Test {
+  protected:
+    // Makes the calls one after the other and checks reply and log of each.
+    void run(const char* service, const std::string& finishedLine, const std::vector<Call>& calls) {
+        for (const Call& c : calls) {
+            SCOPED_TRACE(std::string(c.method) + " -> " + c.reply);
+            if (!c.order.empty()) gateway_.cloud->order(c.order);
+            const size_t finished = gateway_.log.count(finishedLine + c.method + " finished");
+            const size_t lines = c.line ? gateway_.log.count(c.line) : 0;
+            EXPECT_EQ(client_.call(std::string("/") + service, std::string("com.corvane.orsm.") + service, c.method,
+                                   c.arguments),
+                      c.reply);
+            // The last line of a call may follow its reply; the next call comes behind it.
+            EXPECT_EQ(client_.call("/orvoservicesinfo", "com.corvane.orsm.orvoservicesinfo", "Get"),
+                      R"({"status":"OK"})");
+            EXPECT_EQ(gateway_.log.count(finishedLine + c.method + " finished"), finished + (c.finished ? 1 : 0));
+            if (c.line) {
+                EXPECT_EQ(gateway_.log.count(c.line), lines + 1) << c.line;
+            }
+        }
+    }
+    void dynDns(const std::vector<Call>& calls) { run("dyndns", " INFO Dyn DNS ", calls); }
+    void voltaro(const std::vector<Call>& calls) { run("voltaro", " INFO Voltaro ", calls); }
+
+    void synchronize(const std::string& haId) {
+        gateway_.set("NMC.HomeAutomation", "HA-ID", haId);
+        gateway_.log.next("DynDNS empty hostname saved in PCB");
+        gateway_.log.next("saved to OrvoService");
+    }
+    std::string lastRequest() { return gateway_.cloud->journal().back().target; }
+
+    Gateway gateway_;
+    BusClient client_;
+};
+
+std::string dynDnsError(const char* status) { return std::string(R"({"status":")") + status + R"(","result":null})"; }
+std::string voltaroError(const char* status) { return std::string(R"({"status":")") + status + R"("})"; }
+
+const std::string KTrue = R"({"status":"OK","result":true})";
+const std::string KFalse = R"({"status":"OK","result":false})";
+const std::string KInvalid = dynDnsError("INVALID_NAME");
+const std::string KInternal = dynDnsError("SERVER_INTERNAL_ERROR");
+
+}  // namespace
+
+TEST_F(Services, DynDnsChecksArgumentsAndConditionsInOrder) {
+    gateway_.start();
+    dynDns({
+        {"IsEnabled",   {},                          KFalse,                                     " INFO Dyn DNS IsEnabled: false",           true },
+        {"GetName",     {},                          R"({"status":"OK","result":null})",         "GetName response: ",                       true },
+        {"IsNameTaken", {},                          KInvalid,                                   "ERROR Name is empty",                      true },
+        {"IsNameTaken", {7},                         KInvalid,                                   "ERROR Name is empty",                      true },
+        {"IsNameTaken", {""},                        KInvalid,                                   "ERROR Name is empty",                      true },
+        {"IsNameTaken", {"a"},                       KInvalid,                                   "ERROR Invalid name: a",                    true },
+        {"IsNameTaken", {std::string(64, 'a')},      KInvalid,                                   "ERROR Invalid name: aaaa",                 true },
+        {"IsNameTaken", {"-ab"},                     KInvalid,                                   "ERROR Invalid name: -ab",                  true },
+        {"IsNameTaken", {"a_b"},                     KInvalid,                                   "ERROR Invalid name: a_b",                  true },
+        {"IsNameTaken", {"a.b"},                     KInvalid,                                   "ERROR Invalid name: a.b",                  true },
+        {"IsNameTaken", {"a\xC3\xA9"},               KInvalid,                                   "ERROR Invalid name: a\xC3\xA9",            true },
+        {"IsNameTaken", {std::string(1 << 20, 'a')}, KInvalid,                                   "ERROR Invalid name: aaaa",                 true },
+        {"Configure",   {},                          dynDnsError("DBUS_ERROR"),                  " WARN No arguments",                       false},
+        {"Configure",   {"true", "box"},             dynDnsError("DBUS_ERROR"),                  "Wrong argument 1 type, required: boolean", false},
+        {"Configure",   {true},                      KInvalid,                                   " WARN No argument 2",                      false},
+        {"Configure",   {false},                     KInvalid,                                   "ERROR Null argument 2",                    false},
+        {"Configure",   {true, 7},                   KInvalid,                                   "Wrong argument 2 type, required: string",  false},
+        {"Configure",   {true, "a_c"},               KInvalid,                                   "ERROR Invalid name: a_c",                  false},
+        {"Configure",   {true, "box"},               dynDnsError("NOT_SYNCHRONIZED"),            " WARN HA-ID not available",                false},
+        {"SetEnabled",  {"true"},                    "false",                                    "Wrong argument 1 type, required: boolean", false},
+        {"SetEnabled",  {},                          "false",                                    " WARN No arguments",                       false},
+        {"setEnabled",  {true},                      "org.freedesktop.DBus.Error.UnknownMethod", nullptr,                                    false},
+    });
+    EXPECT_TRUE(gateway_.cloud->journal().empty());
+    EXPECT_EQ(gateway_.end(), 0);
+    EXPECT_EQ(gateway_.daemon->output(), "");
+}
+
+TEST_F(Services, DynDnsAsksTheServerAndKeepsAllThreeInAgreement) {
+    gateway_.start();
+    synchronize("HA-1");
+    const std::string longest(63, 'Z');
+    const auto body = [](const char* text) {
+        return std::vector<std::string>{"fault", "verify", "body", "1", "200", text};
+    };
+    dynDns({
+        {"IsNameTaken",                                       {"Free-1-"},      KFalse,                                " INFO Dyn DNS IsNameTaken: false",                                                                      true                                                                                                                                                                                                                                                                                                                   },
+        {"IsNameTaken",                                       {"busy"},         KTrue,                                 " INFO Dyn DNS IsNameTaken: true",                                                                       true,                                                                                                                                                                                                                                                                                                                    {"take", "busy"}},
+        {"IsNameTaken",                                                   {true},                                                       KFalse,                                    "Dyn DNS IsNameTaken: false",                                                                               true                                                                                                                                                                                                                                                                                                                                      },
+        {"IsNameTaken",                                                   {"xx"},                                                       KTrue,                                    nullptr,                                                                                true,                       body(R"({"Status":"SUCCESS","AVAILABLE":"true"})")},
+        {"IsNameTaken", {"xx"},                 KInternal,                                          nullptr,                                                                                                                                           true,                                                                                                                                                                                                                                                                                                                                                                                                                   body(R"({"status":"SUCCESS"})")},
+        {"IsNameTaken",
+         {"xx"},
+         KInternal,                                                                     " WARN Dyn DNS status error: Success",
+         true,                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                         body(R"({"status":"Success"})")},
+        {"IsNameTaken",              {"xx"},                                                                  KInternal,                                                                        nullptr,                                                                                                                                                                               true,body("[")},
+        {"IsNameTaken",
+         {"xx"},
+         dynDnsError("SERVER_CONNECTION_ERROR"),
+         "ERROR Dyn DNS IsNameTaken error",true,
+         {"fault", "verify", "close"}},
+        {"IsNameTaken",                                              {longest},                                KFalse,                                                                            "Dyn DNS IsNameTaken: false",                                                                                                                                                                                                                                                                                                                    true                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                  },
+        {"Configure",
+         {true, "xx"},
+         KInternal, " WARN Failed to configure DynDNS: BUSY",
+         false, {"fault", "set", "status", "1", "BUSY"}},
+        {"Configure",                                         {true, "xx"},                                                          KInternal,                                                                                                    nullptr,                                                                                                                                                                   false,                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                          {"fault", "set", "empty"}},
+        {"Configure",
+         {true, "xx"},
+         dynDnsError("SERVER_CONNECTION_ERROR"),
+         "ERROR Dyn DNS Configure error",                                                                               false,
+         {"fault", "set", "half"}},
+        {"GetName",                          {},                                          R"({"status":"OK","result":null})",                                                                     nullptr,                                                                                                                                                                                                          true                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                        },
+        {"Configure",                                              {true, "Box"},                                              KTrue,                                                                                   " INFO Dyn DNS Configure response: true",                                                                                                                                                                                  true                                                                                                                                                                                                                                                                                                                                                                                                                                                                             },
+        {"GetName",                                            {},                                                        R"({"status":"OK","result":"box"})",                         nullptr,true},
+        {"IsEnabled",           {},                       KTrue," INFO Dyn DNS IsEnabled: true",true},
+    });
+    EXPECT_EQ(gateway_.cloud->journal()[1].target, "/hm/dyndns/verify?name=free-1-");
+    EXPECT_EQ(gateway_.cloud->journal()[3].target, "/hm/dyndns/verify?name=true");
+    EXPECT_EQ(gateway_.cloud->journal().back().body, R"({"name":"box","haId":"HA-1","enabled":true})");
+    EXPECT_NE(readFile(KStore).find(R"(string HostName = "box";)"), std::string::npos);
+    gateway_.settle();  // with this the echo of the write has passed, too
+    EXPECT_EQ(gateway_.log.count("Setup dyn dns on server"), 0U);
+
+    // The switch alone reaches the server through the data model, and the file with the next save.
+    dynDns({
+        {"SetEnabled", {false}, "true", " INFO Requested enabled=false", true}
+    });
+    gateway_.log.next("Setting dyn dns configuration");
+    gateway_.log.next("Dyn DNS Configure OK");
+    EXPECT_EQ(gateway_.cloud->journal().back().body, R"({"name":"box","haId":"HA-1","enabled":false})");
+    dynDns({
+        {"Configure", {true, ""}, KTrue, "DynDNS empty hostname saved in PCB", true}
+    });
+    EXPECT_EQ(gateway_.cloud->journal().back().body, R"({"name":"","haId":"HA-1","enabled":true})");
+    EXPECT_EQ(gateway_.get("OrvoService.DynDNS", "HostName"), "");
+    EXPECT_EQ(gateway_.end(), 0);
+    EXPECT_EQ(gateway_.daemon->output(), "");
+}
+
+TEST_F(Services, AnswerWhenTheDataModelHasNoSuchObject) {
+    writeFile("/var/run/small.odl",
+              "object OrvoService { object GatewayClient { bool ConnectionStatus = \"true\"; } }\n"
+              "object NMC { object HomeAutomation { string HA-ID = \"HA-1\"; bool Enable = \"1\"; } }\n"
+              "object DNS { object Server { bool Status = \"1\"; } }\n"
+              "object NeMo { object Intf { object data { string Flags = \"\"; string Addresses = \"\"; } } }\n");
+    gateway_.bus->send(SIGTERM);
+    gateway_.bus->wait();
+    gateway_.bus = startPcbBus("/var/run/small.odl");
+    gateway_.start();
+    dynDns({
+        {"IsEnabled",  {},            dynDnsError("DBUS_ERROR"), "ERROR Dyn DNS IsEnabled error",                   false},
+        {"GetName",    {},            dynDnsError("DBUS_ERROR"), "ERROR Dyn DNS GetName error",                     false},
+        {"SetEnabled", {true},        "false",                   "ERROR Cannot SetEnabled DynDNS value in PCB",     false},
+        {"Configure",  {true, "box"}, KTrue,                     "ERROR Cannot set DynDNS enable value in PCB",     true },
+        {"Configure",  {true, "box"}, KTrue,                     "ERROR Cannot set DynDNS hostname value in PCB",   true },
+        {"Configure",  {true, ""},    KTrue,                     "ERROR Cannot clear DynDNS hostname value in PCB", true },
+    });
+    voltaro({
+        {"EnableBackend", {true}, "false", "param Enable (0x00020001 - ", true}
+    });
+    EXPECT_EQ(gateway_.end(), 0);
+}
+
+TEST_F(Services, VoltaroSwitchesAndReadsPlugs) {
+    gateway_.start();
+    voltaro({
+        {"Set",           {},           voltaroError("SWITCH_NOT_FOUND"),   "ERROR Missing dbus method argument: switchId", false},
+        {"Set",           {true, "on"}, voltaroError("SWITCH_NOT_FOUND"),   "Wrong argument 1 type, required: string",      false},
+        {"Set",           {""},         voltaroError("SWITCH_NOT_FOUND"),   "Missing dbus method argument: switchId",       false},
+        {"Set",           {"s1"},       voltaroError("ACTION_NOT_DEFINED"), "ERROR Missing dbus method argument: action",   false},
+        {"Set",           {"s1", ""},   voltaroError("ACTION_NOT_DEFINED"), "Missing dbus method argument: action",         false},
+        {"Set",
+         {"s1", "ON"},
+         voltaroError("ACTION_NOT_DEFINED"),
+         "ERROR Wrong dbus method argument: unknown action ON",                                                             false},
+        {"Set",           {"s1", "on"}, voltaroError("NOT_SYNCHRONIZED"),   " WARN HA-ID not available",                    false},
+        {"Get",           {},           voltaroError("SWITCH_NOT_FOUND"),   "Missing dbus method argument: switchId",       false},
+        {"Get",           {"s1"},       voltaroError("NOT_SYNCHRONIZED"),   "HA-ID not available",                          false},
+        {"EnableBackend", {"true"},     "false",                            "Wrong argument 1 type, required: boolean",     true },
+    });
+    EXPECT_TRUE(gateway_.cloud->journal().empty());
+    synchronize("HA-1");
+    gateway_.cloud->order({"plug", "p-1", "off", "12.50"});
+    const auto answer = [](const char* resource, const char* text) {
+        return std::vector<std::string>{"fault", resource, "body", "1", "200", text};
+    };
+    const std::string on = R"({"status":"OK","state":"on"})";
+    const std::string off = R"({"status":"OK","state":"off"})";
+    const std::string connection = voltaroError("SERVER_CONNECTION_ERROR");
+    const std::string internal = voltaroError("SERVER_INTERNAL_ERROR");
+    const std::string unpaired = voltaroError("NO_PAIRED_VOLTARO_ACCOUNT");
+    const std::string noLogin = voltaroError("CANNOT_LOGIN_TO_VOLTARO");
+    const char* emptyPassword = R"({"status":"SUCCESS","params":"{\"email\":\"a\",\"password\":\"\"}"})";
+    voltaro({
+        {"Get",                  {"p-1"}, unpaired,               nullptr,        false                                             },
+        {                "Get",
+         {"p-1"},
+         unpaired, " WARN Cannot find Voltaro email or password",
+         false,                                                                                                      answer("params", emptyPassword)},
+        {  "Get",                  {"p-1"}, internal,               nullptr,        false,                                              answer("params", R"({"status":"SUCCESS","params":"{"})")},
+        {"Get",                      {"p-1"},                         internal,                   " WARN Failed to get params: NO", false, answer("params", R"({"status":"NO"})")},
+        {            "Get", {"p-1"},        internal,                          nullptr,                                 false,                                                                    answer("params", "")},
+        {                                       "Get",       {"p-1"},           connection,                                 "ERROR getParamsForHaId error",                                           false,             {"fault", "params", "close"}},
+    });
+    gateway_.cloud->order({"account", "HA-1", "me+you@x y", "p&=%"});
+    voltaro({
+        {"Get",
+         {"p-1"},
+         noLogin,                                                                                       "ERROR Cannot find authToken in response json",
+         false,                                                                                                                                                                                                                                                                                answer("auth", R"({"status":"ok"})")},
+        {"Get",
+         {"p-1"},
+         noLogin,                                                                "ERROR Auth request returned error OK",
+         false,                                                                                                                                                                                                                                                                              answer("auth", R"({"status":"OK","authToken":"t"})")},
+        {"Set",                                       {"p-1", "on"},                                       noLogin,                                   "ERROR Cannot login to Voltaro",                                                                                       false,{"fault", "auth", "half"}},
+        {"Get",
+         {"p-1"},
+         R"({"status":"OK","switch":{"state":"off","power":12.5}})"," INFO Get switch details OK",
+         true                                                                                                     },
+        {"Get",                                     {true}, connection,                                "ERROR Request returned error error",                                                                                                                                                false                                                                                                                                                                         },
+        {"Get",
+         {"p-1"},
+         R"({"status":"OK","switch":{"state":"on","power":null}})",nullptr,
+         true,answer("device", R"({"status":"ok","device":{"state":"on","power":1e999}})")},
+        {"Get",
+         {"p-1"},
+         internal,                                                           " WARN No device data in getSwitchDetails",
+         false,                                                                                                                                                                                                                                                                                                                                                                                                                                         answer("device", R"({"status":"ok"})")},
+        {"Get",
+         {"p-1"},
+         internal,                                                                                       nullptr,
+         false,                                                                                                                                                                       answer("device", R"({"status":"ok","device":{"state":1,"power":1}})")},
+        {"Get",                            {"p-1"},                    internal,                                                     nullptr,                                                                                                     false,                                                                                                                                                                                                                                                                              answer("device", R"({"status":"ok","device":{"state":"on"}})")},
+        {"Set",                                    {"p-1", "on"},                                                      on,                                                                        " INFO Current switch state: on",                                                                        true                                },
+        {"Set",         {"p-1", "off"},off,"Current switch state: off",true},
+        {"Set",                                           {"p-1", "toggle"},                                                    on,                                     "Current switch state: on",                                  true                                                         },
+        {"Set",                                           {"p-1", "on"},                                                    off,                                                               nullptr,                                                                                                                      true,                                                                                                                                                                                                                          answer("switch", R"({"status":"ok","state":"dimmed"})")},
+        {"Set",
+         {"p-1", "on"},
+         connection,                          "ERROR Cannot find state in response json",
+         false,                                                                                                                                                                                                                                                                                                                                            answer("switch", R"({"status":"ok","state":""})")},
+        {"Set",
+         {"p-1", "on"},
+         voltaroError("SWITCH_IS_OFFLINE"),
+         nullptr,                            false,
+         {"fault", "switch", "status", "1", "error", "device.not.connected"}},
+        {"Set",
+         {"p-1", "on"},
+         voltaroError("SWITCH_ALREADY_HAS_SUCH_STATE"),
+         nullptr,                                                                                    false,
+         {"fault", "switch", "status", "1", "error", "switch.not.allowed"}},
+        {"Set", {"p-1", "on"},                                                      connection,                                                                        nullptr,                                                                                            false,{"fault", "switch", "status", "1", "error", "other"}},
+        {"Set",
+         {"p-1", "toggle"},
+         connection,                                                                                       nullptr,
+         false,                                                                                                                                                                                                                  {"fault", "device", "status", "1", "error", "device.not.connected"}},
+        {"Set",
+         {"p-1", "toggle"},
+         connection,                                                 "ERROR Unknown device state",
+         false,                                                                                                                                                                                    answer("device", R"({"status":"ok","device":{}})")},
+        {"EnableBackend",                                           {true},                                                    "true",                                                                        " INFO Voltaro Enable set to 1",                                                             true                                                                                                             },
+    });
+    EXPECT_EQ(gateway_.get("OrvoService.Voltaro", "Enable"), "true");
+    EXPECT_EQ(gateway_.end(), 0);
+    EXPECT_EQ(gateway_.daemon->output(), "");
+
+    // What stood on the wire, for a toggle from off: account, login, details, switch.
+    std::vector<CloudRequest> toggle = gateway_.cloud->journal();
+    while (!toggle.empty() && toggle[0].body != "id=p-1&on=false") {
+        toggle.erase(toggle.begin());
+    }
+    ASSERT_GT(toggle.size(), 4U);
+    EXPECT_EQ(toggle[1].target, "/hm/stardevice/HA-1/params");
+    EXPECT_EQ(toggle[2].target, "/api/auth");
+    EXPECT_EQ(toggle[2].body, "email=me%2Byou%40x%20y&password=p%26%3D%25");
+    EXPECT_EQ(toggle[3].target, "/api/device");
+    EXPECT_EQ(toggle[3].body, "id=p-1&minimal=false");
+    EXPECT_EQ(toggle[4].target, "/api/device/switch");
+    EXPECT_EQ(toggle[4].body, "id=p-1&on=true");
+    const auto& headers = toggle[4].headers;
+    const auto type = std::find(headers.begin(), headers.end(), "Content-Type: application/x-www-form-urlencoded");
+    ASSERT_NE(type, headers.end());
+    EXPECT_TRUE((type + 1)->starts_with("Auth-Token: token-")) << *(type + 1);
+}

@@ -1,0 +1,89 @@
+// A client of the world's D-Bus, on a connection of its own.
+#pragma once
+
+#include <dbus/dbus.h>
+#include <gtest/gtest.h>
+
+#include <string>
+#include <variant>
+#include <vector>
+
+namespace world {
+
+using BusArgument = std::variant<bool, std::string, int>;
+using BusArguments = std::vector<BusArgument>;
+
+class BusClient {
+  public:
+    BusClient() {
+        connection_ = dbus_connection_open_private("unix:path=/var/run/dbus/system_bus_socket", nullptr);
+        EXPECT_TRUE(connection_ && dbus_bus_register(connection_, nullptr));
+        dbus_connection_set_exit_on_disconnect(connection_, false);
+    }
+    ~BusClient() {
+        dbus_connection_close(connection_);
+        dbus_connection_unref(connection_);
+    }
+    BusClient(const BusClient&) = delete;
+    BusClient& operator=(const BusClient&) = delete;
+
+    DBusConnection* connection() { return connection_; }
+
+    /// A call to the daemon; an empty interface leaves the field out. The caller releases it.
+    static DBusMessage* message(const std::string& path, const std::string& interface, const std::string& method,
+                                const BusArguments& arguments) {
+        DBusMessage* call = dbus_message_new_method_call(
+            "com.corvane.orsm", path.c_str(), interface.empty() ? nullptr : interface.c_str(), method.c_str());
+        DBusMessageIter iterator;
+        dbus_message_iter_init_append(call, &iterator);
+        for (const BusArgument& argument : arguments) {
+            if (const bool* flag = std::get_if<bool>(&argument)) {
+                const dbus_bool_t value = *flag;
+                dbus_message_iter_append_basic(&iterator, DBUS_TYPE_BOOLEAN, &value);
+            } else if (const std::string* text = std::get_if<std::string>(&argument)) {
+                const char* value = text->c_str();
+                dbus_message_iter_append_basic(&iterator, DBUS_TYPE_STRING, &value);
+            } else {
+                const dbus_int32_t value = std::get<int>(argument);
+                dbus_message_iter_append_basic(&iterator, DBUS_TYPE_INT32, &value);
+            }
+        }
+        return call;
+    }
+
+    /// What a reply says: the string itself, "true" or "false" for a boolean, or the name of the error.
+    static std::string textOf(DBusMessage* reply) {
+        if (!reply) return "no reply";
+        if (dbus_message_get_type(reply) == DBUS_MESSAGE_TYPE_ERROR) return dbus_message_get_error_name(reply);
+        DBusMessageIter iterator;
+        if (!dbus_message_iter_init(reply, &iterator)) return "";
+        if (dbus_message_iter_get_arg_type(&iterator) == DBUS_TYPE_BOOLEAN) {
+            dbus_bool_t value = false;
+            dbus_message_iter_get_basic(&iterator, &value);
+            return value ? "true" : "false";
+        }
+        if (dbus_message_iter_get_arg_type(&iterator) != DBUS_TYPE_STRING) return "another type";
+        const char* value = nullptr;
+        dbus_message_iter_get_basic(&iterator, &value);
+        return value;
+    }
+
+    /// Calls a method and waits for what textOf makes of the reply.
+    std::string call(const std::string& path, const std::string& interface, const std::string& method,
+                     const BusArguments& arguments = {}) {
+        DBusMessage* request = message(path, interface, method, arguments);
+        DBusError error;
+        dbus_error_init(&error);
+        DBusMessage* reply = dbus_connection_send_with_reply_and_block(connection_, request, 60'000, &error);
+        const std::string text = reply ? textOf(reply) : error.name;
+        if (reply) dbus_message_unref(reply);
+        dbus_error_free(&error);
+        dbus_message_unref(request);
+        return text;
+    }
+
+  private:
+    DBusConnection* connection_;
+};
+
+}  // namespace world
