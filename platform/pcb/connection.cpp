@@ -69,6 +69,10 @@ void closeConnection(connection_info_t* connection) {
     if (connection->lost) forgetLostConnection();
     connection->socket = -1;
     connection->lost = false;
+    connection->in = {};
+    connection->out = {};
+    connection->searched = 0;
+    connection->failedToReadOnce = false;
 }
 
 void sendQueued(connection_info_t* connection) {

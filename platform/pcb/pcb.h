@@ -134,7 +134,7 @@ void connection_exitLibrary(void);
 /// Ends the event loop (true), or takes that back (false). It takes back neither a signal nor a lost connection.
 void connection_setTerminated(bool terminated);
 /// Whether the event loop must end: connection_setTerminated said so, SIGTERM or SIGINT came, or any client of this
-/// process has lost its bus and was not destroyed yet.
+/// process has found its bus lost, in a wait or an operation, and was not destroyed yet.
 bool connection_isTerminated(void);
 /// Makes the present or the next connection_waitForEvents_r return at once. 1, or 0 on failure. Also for signal
 /// handlers.

@@ -47,8 +47,9 @@ struct Client {
         variant_cleanup(&value);
         return done ? 0 : pcb_client_error(pcb);
     }
-    /// Runs the event loop until `done` holds; false when the loop must end before.
+    /// Runs the event loop until `done` holds; false when the loop must end before. What never comes ends the test.
     bool loopUntil(const std::function<bool()>& done) const {
+        alarm(40);
         llist_t list;
         llist_initialize(&list);
         llist_append(&list, connection_listLink(pcb_connection(pcb)));
@@ -59,6 +60,7 @@ struct Client {
             }
         }
         llist_cleanup(&list);
+        alarm(0);
         return done();
     }
 };

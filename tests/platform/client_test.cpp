@@ -166,12 +166,17 @@ TEST(PlatformClient, CallsTheGatewaysFunctions) {
         ASSERT_TRUE(client.loopUntil([&] { return !call.items.empty(); }));
         EXPECT_EQ(call.items[0], c.result);
     }
-    Watch query(client, "NeMo.Intf.data.Query.1");
+    for (int i = 2; i <= 10; ++i) {
+        const Watch call(client, prepare(KData, "openQuery", "class", "other"));
+        ASSERT_TRUE(client.loopUntil([&] { return !call.items.empty(); }));
+        EXPECT_EQ(call.items[0], "returns " + std::to_string(i));
+    }
+    Watch query(client, "NeMo.Intf.data.Query.1");  // and not Query.10
     Watch custom(client, KDynDns, REQUEST_CUSTOM);
     client.set(KData, "Addresses", "192.0.2.1 2001:db8::1");
-    request_t* notify = prepare("Simulation.Functions", "notify", "object", KDynDns);
-    Watch call(client, notify);
-    ASSERT_TRUE(client.loopUntil([&] { return !custom.items.empty() && query.items.size() == 2; }));
+    const Watch call(client, prepare("Simulation.Functions", "notify", "object", KDynDns));
+    ASSERT_TRUE(client.loopUntil([&] { return !custom.items.empty(); }));
+    ASSERT_EQ(query.items.size(), 2U);
     EXPECT_EQ(query.items[1], "1 NeMo.Intf.data.Query.1 ResultString  192.0.2.1 2001:db8::1");
     EXPECT_EQ(custom.items, std::vector<std::string>{"100 OrvoService.DynDNS "});
 
@@ -180,6 +185,13 @@ TEST(PlatformClient, CallsTheGatewaysFunctions) {
     ASSERT_TRUE(client.loopUntil([&] { return !closing.items.empty(); }));
     EXPECT_EQ(closing.items[0], "returns (none)");
     EXPECT_EQ(client.get("NeMo.Intf.data.Query.1", "ResultString"), "error: unknown object");
+
+    client.set("Simulation.Functions", "Delay", "50");
+    const Watch slow(client, prepare(KData, "hasFlag"));
+    client.set("Simulation.Functions", "Delay", "0");
+    const Watch quick(client, prepare(KData, "hasFlag"));
+    ASSERT_TRUE(client.loopUntil([&] { return !quick.items.empty(); }));
+    EXPECT_FALSE(slow.items.empty()) << "no call overtakes another";
 }
 
 TEST(PlatformClient, TheGatewayClientConnectsWhileItIsToldTo) {
