@@ -12,10 +12,10 @@
 using Texts = std::vector<std::string>;
 
 inline const char KName[] = "com.corvane.test";
-inline const std::string KText = "n\xc3\xa4me \"1\"";
-inline const std::string KMebibyte(1024UL * 1024, 'x');
+inline const std::string& KText = *new std::string("n\xc3\xa4me \"1\"");
+inline const std::string& KMebibyte = *new std::string(1024UL * 1024, 'x');
 
-inline Texts iSeen;  // what the objects' callbacks saw: the name, and the text or "-" for none
+inline Texts& iSeen = *new Texts;  // what the objects' callbacks saw: the name, and the text or "-" for none
 inline int iReplyResult = -1;
 
 inline void note(message_bus*, const char* name, const char* text) {
@@ -24,14 +24,14 @@ inline void note(message_bus*, const char* name, const char* text) {
 
 // Replies as the method's name says; otherwise with the first argument.
 inline void answer(message_bus* bus, const char* name, const char* first, DBusMessage* call) {
-    static const std::map<std::string, std::string> KReplies = {
+    const std::map<std::string, std::string> replies = {
         {"Garbled", "not \xff UTF-8"},
         {"Longest", KMebibyte       },
         {"TooLong", KMebibyte + "x" }
     };
     note(bus, name, first);
-    const auto found = KReplies.find(name);
-    const std::string text = found == KReplies.end() ? textOrEmpty(first) : found->second;
+    const auto found = replies.find(name);
+    const std::string text = found == replies.end() ? textOrEmpty(first) : found->second;
     if (strcmp(name, "Silent") == 0) return message_bus_send_no_reply(bus, call);
     iReplyResult = strcmp(name, "Two") == 0 ? message_bus_send_bool_reply(bus, call, 2)
                                             : message_bus_send_string_reply(bus, call, text.c_str());

@@ -8,11 +8,12 @@
 // Library calls that can be made to fail: the one named, when it was let pass so many times.
 static const char* iFailing = "";
 static int iPasses = 0;
-#define CAN_FAIL(type, name, parameters, arguments)                                               \
-    extern "C" type __real_##name parameters;                                                     \
-    extern "C" type __wrap_##name parameters;                                                     \
-    type __wrap_##name parameters {                                                               \
-        return strcmp(#name, iFailing) == 0 && iPasses-- == 0 ? type{} : __real_##name arguments; \
+#define CAN_FAIL(type, name, parameters, arguments)                    \
+    extern "C" type __real_##name parameters;                          \
+    extern "C" type __wrap_##name parameters;                          \
+    type __wrap_##name parameters {                                    \
+        if (strcmp(#name, iFailing) == 0 && iPasses-- == 0) return {}; \
+        return __real_##name arguments;                                \
     }
 using Text = char*;
 using Memory = void*;

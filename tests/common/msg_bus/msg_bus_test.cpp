@@ -25,8 +25,7 @@ TEST_F(MessageBus, HandsFirstArgumentsToTheHandlerAndRepliesToTheClient) {
 }
 
 TEST_F(MessageBus, GettersSayWhatIsWrongWithAnArgument) {
-    const std::string none = "\n WARN No arguments", noSecond = "\n WARN No argument 2",
-                      noFlag = "\n WARN Wrong argument 1 type, required: boolean",
+    const std::string noSecond = "\n WARN No argument 2", noFlag = "\n WARN Wrong argument 1 type, required: boolean",
                       noFirst = "\n WARN Wrong argument 1 type, required: string",
                       wrongSecond = "\n WARN Wrong argument 2 type, required: string";
     struct Case {
@@ -34,11 +33,11 @@ TEST_F(MessageBus, GettersSayWhatIsWrongWithAnArgument) {
         std::string values, log;
     };
     for (const Case& c : {
-             Case{"",   "7 - -",             none + none + none  },
-             Case{"t",  "1 - -",             noFirst + noSecond  },
-             Case{"fs", "0 - " + KText,      noFirst             },
-             Case{"s",  "7 " + KText + " -", noFlag + noSecond   },
-             Case{"si", "7 " + KText + " -", noFlag + wrongSecond},
+             Case{"",   "7 - -",             "\n WARN No arguments\n WARN No arguments\n WARN No arguments"},
+             Case{"t",  "1 - -",             noFirst + noSecond                                            },
+             Case{"fs", "0 - " + KText,      noFirst                                                       },
+             Case{"s",  "7 " + KText + " -", noFlag + noSecond                                             },
+             Case{"si", "7 " + KText + " -", noFlag + wrongSecond                                          },
     }) {
         SCOPED_TRACE(c.arguments);
         const OwnedMessage message = newCall("/", KName, "M", c.arguments);
