@@ -163,13 +163,20 @@ TEST(LostBus, TheMessageBusEndsItWithOneAndTheDataModelWithZero) {
     EXPECT_EQ(gateway.daemon->output(), "");
 }
 
-TEST(Log, AHangUpSignalReloadsItsSettings) {
+TEST(Log, AHangUpSignalReloadsItsSettingsFromTheWorkingDirectory) {
+    ASSERT_EQ(chdir("/var/run"), 0);
     Gateway gateway;
     gateway.start();
-    // The reload file lies in the working directory, which is not the daemon's own here.
-    const std::string folder = "/proc/" + std::to_string(gateway.daemon->pid()) + "/cwd";
-    ASSERT_EQ(chdir(folder.c_str()), 0);
-    gateway.daemon->send(SIGHUP);  // no file: nothing changes
+    gateway.daemon->send(SIGHUP);  // there is no such file: nothing changes
     gateway.settle();
+    writeFile("/var/run/zolclient.log",
+              "logger.file=true\nlogger.filename=/var/log/other.log\nlogger.level=INFO\nlogger.enabled=yes\n");
+    gateway.daemon->send(SIGHUP);
+    gateway.set("OrvoService.HomeAutomation", "CommunicationServer", "after");
+    LogReader other("/var/log/other.log");
+    other.next("Communication server URL changed: after");
+    EXPECT_EQ(gateway.log.count("URL changed: after"), 0U);
+    EXPECT_EQ(other.count("DEBUG"), 0U);
     EXPECT_EQ(gateway.end(), 0);
+    other.next("Leaving pcb data model event loop");
 }
