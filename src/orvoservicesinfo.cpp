@@ -7,9 +7,8 @@
 static constexpr char KLogCategory[] = "orvoservicemanager";
 static constexpr char KLogModule[] = "src/orvoservicesinfo";
 
-message_bus* iOrvoServicesInfoMessageBus;
-
-static char* iOrvoServicesInfo;  // owned
+static message_bus* iOrvoServicesInfoMessageBus;  // null while the service is not offered
+static char* iOrvoServicesInfo;                   // owned; null without a text
 
 int initOrvoServicesInfo(const char* text) {
     OwnedText copy;

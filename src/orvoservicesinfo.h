@@ -6,8 +6,6 @@
 
 #include "common/msg_bus/message_bus.h"
 
-extern message_bus* iOrvoServicesInfoMessageBus;  // null while the service is not offered
-
 /// Stores a copy of `text` as the service's answer, or nothing for null. 1 stored, 0 when memory is short (the old text
 /// stays). Main thread, before the bus thread runs.
 [[nodiscard]] int initOrvoServicesInfo(const char* text);

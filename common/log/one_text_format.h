@@ -8,8 +8,9 @@ void aTablesFormatHasExactlyOneTextConversion();
 
 /// A format with exactly one conversion, "%s". Anything else does not compile.
 struct OneTextFormat {
-    const char* text;
+    const char* text = nullptr;  // null only for a row that logs nothing
 
+    consteval OneTextFormat() = default;
     consteval OneTextFormat(const char* format) : text(format) {
         int conversions = 0;
         for (const char* c = format; *c; ++c) {

@@ -8,9 +8,9 @@
 /// Bus thread; blocks for the exchange.
 [[nodiscard]] bool storeDynDnsEnable(bool enable);
 
-/// Writes "HostName", or clears it for an empty name; the outcome is logged. `name` is not null. Bus thread; blocks for
-/// the exchange.
-bool storeDynDnsHostName(const char* name);
+/// Writes "HostName", or clears it for an empty name: true when that is done; the outcome is logged. `name` is not
+/// null. Bus thread; blocks for the exchange.
+[[nodiscard]] bool storeDynDnsHostName(const char* name);
 
 /// Whether a server's answer (null for none) has a text "status"; `*isSuccess` then says whether that is "SUCCESS". Any
 /// thread.

@@ -7,19 +7,20 @@
 #include "common/msg_bus/message_bus.h"
 #include "common/text/text.h"
 
-struct cJSON;
-
 extern message_bus* iDynDnsMessageBus;  // null while the service is not offered; released by the public bus interface
 
 /// Offers the service on `base`; false when any of it failed (logged, nothing left behind). Main thread, before the bus
 /// thread runs.
 [[nodiscard]] bool enableDbusForDynDns(struct event_base* base);
 
-/// The service's method callback. Bus thread; IsNameTaken and Configure block for their server request.
+/// The service's method callback. Bus thread; blocks for data-model exchanges, IsNameTaken and Configure for their
+/// server request too, and Configure for the GatewayClient before it.
 void handleDynDnsMethodCall(message_bus* bus, const char* method, const char* firstArgument, DBusMessage* call);
 
 /// The rule for host names: 2 to 63 bytes, ASCII letters, digits and "-", no "-" in front. Null is invalid. Any thread.
 bool isDynDnsNameValid(const char* name);
+
+/// True for the ASCII letters and digits only. Any thread.
 bool isLetterOrDigit(char character);
 
 /// Writes `source`, its ASCII capitals lowered, over the same number of bytes of `destination`, without a terminator.

@@ -38,7 +38,7 @@ void runDynDnsSyncStep(evutil_socket_t, short, void*);
 
 /// Sends the stored host name and the current enable flag to the server. True when the server accepted them, or there
 /// is no host name to send; a failure is logged and not retried. Bus thread; blocks like a step.
-bool setupDynDnsOnServer();
+[[nodiscard]] bool setupDynDnsOnServer();
 
 /// Switches DynDNS off in the data model if it is on as far as is known here, and saves the tree; the server is not
 /// asked. Bus thread; blocks for the exchanges.

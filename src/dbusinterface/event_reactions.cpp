@@ -89,7 +89,7 @@ struct Reaction {
 static constexpr Reaction KReactions[] = {
     {"Application server URL init value: %s", onApplicationServerInit     },
     {"Application server URL changed: %s",    onApplicationServerChanged  },
-    {"ignored: %s",                           nullptr                     },
+    {{},                                      nullptr                     },
     {"Communication server URL changed: %s",  onCommunicationServerChanged},
     {"HA-ID value: %s",                       onHomeAutomationIdInit      },
     {"HA-ID value: %s",                       onHomeAutomationIdChanged   },
@@ -97,7 +97,7 @@ static constexpr Reaction KReactions[] = {
     {"HA enable: %s",                         onHomeAutomationEnable      },
     {"DNS server status: %s",                 onDnsServerStatus           },
     {"DNS server status: %s",                 onDnsServerStatus           },
-    {"ignored: %s",                           nullptr                     },
+    {{},                                      nullptr                     },
     {"CG-NAT status: %s",                     onCgNatStatus               },
     {"CG-NAT status: %s",                     onCgNatStatus               },
     {"DynDNS enable: %s",                     onDynDnsEnableInit          },

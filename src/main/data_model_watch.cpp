@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <span>
 
 #include "common/json/json.h"
 #include "common/log/one_text_format.h"
@@ -48,23 +49,28 @@ struct WatchedParameter {
 
 }  // namespace
 
+// clang-format off
 static constexpr WatchedParameter KWatched[] = {
-    {"OrvoService.HomeAutomation", "ApplicationServer",           EVENT_APP_SERVER_URL_INIT,    EVENT_APP_SERVER_URL_CHANGED,
-     &initValueRead_AppServerUrl,                                                                                                                         LEVEL_DEBUG, "Application server URL init value: %s",
-     "Error reading application server URL init value"                                                                                                                                                                                                 },
-    {"OrvoService.HomeAutomation", "CommunicationServer",         EVENT_COMM_SERVER_URL_INIT,   EVENT_COMM_SERVER_URL_CHANGED,
-     &initValueRead_CommServerUrl,                                                                                                                        LEVEL_DEBUG, "Communication server URL init value: %s",
-     "Error reading communication server URL init value"                                                                                                                                                                                               },
-    {"NMC.HomeAutomation",         "HA-ID",                       EVENT_HA_ID_INIT,             EVENT_HA_ID_CHANGED,             &initValueRead_HaId,     LEVEL_INFO,
-     "HA-ID init value: %s",                                                                                                                                                                                      "Error reading HA-ID init value"     },
-    {"NMC.HomeAutomation",         "Enable",                      EVENT_HA_ENABLE_INIT,         EVENT_HA_ENABLE_CHANGED,         &initValueRead_HaEnable, LEVEL_INFO,
-     "HA enabled init value: %s",                                                                                                                                                                                 "Error reading HA enabled init value"},
-    {"DNS.Server",                 "Status",                      EVENT_DNS_SERVER_STATUS_INIT, EVENT_DNS_SERVER_STATUS_CHANGED,
-     &initValueRead_DnsServerStatus,                                                                                                                      LEVEL_INFO,  "DNS Server status init value: %s",
-     "Error reading DNS Server status init value"                                                                                                                                                                                                      },
-    {getPcbObjectPathForDynDns(),  getPcbParameterDynDnsEnable(), EVENT_DYNDNS_ENABLE_INIT,     EVENT_DYNDNS_ENABLE_CHANGED,
-     &initValueRead_DynDnsEnabled,                                                                                                                        LEVEL_INFO,  "DynDNS enabled init value: %s",           "Error reading DynDNS init value"    },
+    {"OrvoService.HomeAutomation", "ApplicationServer", EVENT_APP_SERVER_URL_INIT, EVENT_APP_SERVER_URL_CHANGED,
+     &initValueRead_AppServerUrl, LEVEL_DEBUG,
+     "Application server URL init value: %s", "Error reading application server URL init value"},
+    {"OrvoService.HomeAutomation", "CommunicationServer", EVENT_COMM_SERVER_URL_INIT, EVENT_COMM_SERVER_URL_CHANGED,
+     &initValueRead_CommServerUrl, LEVEL_DEBUG,
+     "Communication server URL init value: %s", "Error reading communication server URL init value"},
+    {"NMC.HomeAutomation", "HA-ID", EVENT_HA_ID_INIT, EVENT_HA_ID_CHANGED,
+     &initValueRead_HaId, LEVEL_INFO,
+     "HA-ID init value: %s", "Error reading HA-ID init value"},
+    {"NMC.HomeAutomation", "Enable", EVENT_HA_ENABLE_INIT, EVENT_HA_ENABLE_CHANGED,
+     &initValueRead_HaEnable, LEVEL_INFO,
+     "HA enabled init value: %s", "Error reading HA enabled init value"},
+    {"DNS.Server", "Status", EVENT_DNS_SERVER_STATUS_INIT, EVENT_DNS_SERVER_STATUS_CHANGED,
+     &initValueRead_DnsServerStatus, LEVEL_INFO,
+     "DNS Server status init value: %s", "Error reading DNS Server status init value"},
+    {getPcbObjectPathForDynDns(), getPcbParameterDynDnsEnable(), EVENT_DYNDNS_ENABLE_INIT, EVENT_DYNDNS_ENABLE_CHANGED,
+     &initValueRead_DynDnsEnabled, LEVEL_INFO,
+     "DynDNS enabled init value: %s", "Error reading DynDNS init value"},
 };
+// clang-format on
 
 // Waits until the pipe takes a record, or the loop is to end; true when there is room. A write that blocks in a full
 // pipe could not be left when SIGTERM arrives, so the signals are let in only while this waits.
@@ -103,20 +109,42 @@ void sendValueThroughPipe(unsigned code, const char* value) {
     }
 }
 
-request_t* executeWanChangeQuery(const char* function) {
+namespace {
+
+struct TextParameter {
+    const char* name;
+    const char* value;
+};
+
+}  // namespace
+
+// A call on the query object with all of its parameters, or null: one that lacks a parameter would ask for something
+// else, and its answer be believed.
+static request_t* prepareQuery(const char* function, std::span<const TextParameter> parameters) {
     request_t* request = prepareToExecutePcbFunction(KQueryObject, function);
-    if (!request) return nullptr;
-    addStringParameter(request, "subscriber", "orvoservicemanager");
-    addStringParameter(request, "class", "getAddrs");
-    addStringParameter(request, "flag", "global && !deprecated && !tentative");
-    addStringParameter(request, "traverse", "down");
-    return executePreparedPcbFunction(request);
+    for (const TextParameter& parameter : parameters) {
+        if (addStringParameter(request, parameter.name, parameter.value)) continue;
+        freePcbRequestObject(request);
+        return nullptr;
+    }
+    return request;
+}
+
+request_t* executeWanChangeQuery(const char* function) {
+    static constexpr TextParameter parameters[] = {
+        {"subscriber", "orvoservicemanager"                 },
+        {"class",      "getAddrs"                           },
+        {"flag",       "global && !deprecated && !tentative"},
+        {"traverse",   "down"                               },
+    };
+    return executePreparedPcbFunction(prepareQuery(function, parameters));
 }
 
 static request_t* startCgNatCheck() {
-    request_t* request = prepareToExecutePcbFunction(KQueryObject, "hasFlag");
-    addStringParameter(request, "flag", "cgnat");
-    return executePreparedPcbFunctionAsync(request);
+    static constexpr TextParameter parameters[] = {
+        {"flag", "cgnat"},
+    };
+    return executePreparedPcbFunctionAsync(prepareQuery("hasFlag", parameters));
 }
 
 static void handleInitialValue(const WatchedParameter& watched, object_t* object) {

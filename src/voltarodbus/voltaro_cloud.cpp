@@ -13,7 +13,7 @@
 static constexpr char KLogCategory[] = "orvoservicemanager";
 static constexpr char KLogModule[] = "src/voltarodbus";
 
-static constexpr char KFormType[] = "application/x-www-form-urlencoded";
+#define FORM_TYPE "application/x-www-form-urlencoded"
 
 OwnedText urlEncodeString(const char* text) {
     CURL* curl = curl_easy_init();
@@ -38,11 +38,11 @@ struct Needed {
 struct Answer {
     OwnedJson json;      // null when the answer cannot be used
     const char* status;  // not empty; belongs to the tree
-
-    bool isOk() const { return strcmp(status, "ok") == 0; }
 };
 
 }  // namespace
+
+static bool isOk(const Answer& answer) { return strcmp(answer.status, "ok") == 0; }
 
 // Whether all texts are there and not empty; the first that is not is logged.
 static bool areGiven(std::initializer_list<Needed> all) {
@@ -123,11 +123,11 @@ OwnedText loginToVoltaro(const char* email, const char* password) {
         return nullptr;
     }
     LOG(DEBUG, "URL encoded form: %s", form.get());
-    const OwnedText body = curlPostV2(url.get(), form.get(), getPathToServerCABundleFile(),
-                                      R"({"Content-Type":"application/x-www-form-urlencoded"})");
+    const OwnedText body =
+        curlPostV2(url.get(), form.get(), getPathToServerCABundleFile(), "{\"Content-Type\":\"" FORM_TYPE "\"}");
     const Answer answer = readAnswer(url.get(), body);
     if (!answer.json) return nullptr;
-    if (!answer.isOk()) {
+    if (!isOk(answer)) {
         LOG(ERROR, "Auth request returned error %s", answer.status);
         return nullptr;
     }
@@ -136,7 +136,7 @@ OwnedText loginToVoltaro(const char* email, const char* password) {
 
 static OwnedJson makeHeaders(const char* token) {
     OwnedJson headers(cJSON_CreateObject());
-    if (!cJSON_AddStringToObject(headers.get(), "Content-Type", KFormType) ||
+    if (!cJSON_AddStringToObject(headers.get(), "Content-Type", FORM_TYPE) ||
         !cJSON_AddStringToObject(headers.get(), "Auth-Token", token)) {
         // Sent without its token the request would only be refused.
         LOG(ERROR, "Out of memory");
@@ -167,7 +167,7 @@ OwnedText getSwitchDetails(const char* token, const char* switchId) {
     if (!url) return nullptr;
     const Answer answer = readAnswer(url.get(), body);
     if (!answer.json) return nullptr;
-    if (!answer.isOk()) {
+    if (!isOk(answer)) {
         LOG(ERROR, "Request returned error %s", answer.status);
         return nullptr;
     }
@@ -228,7 +228,7 @@ OwnedText changeStateOfSwitch(const char* token, const char* switchId, SwitchAct
     if (!url) return nullptr;
     const Answer answer = readAnswer(url.get(), body);
     if (!answer.json) return nullptr;
-    if (answer.isOk()) return copyOfState(answer);
+    if (isOk(answer)) return copyOfState(answer);
     LOG(ERROR, "Request returned error %s", answer.status);
     *error = classify(jsonTextMember(answer.json.get(), "error"));
     return nullptr;

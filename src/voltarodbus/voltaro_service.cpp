@@ -14,7 +14,7 @@
 static constexpr char KLogCategory[] = "orvoservicemanager";
 static constexpr char KLogModule[] = "src/voltarodbus";
 
-message_bus* iVoltaroMessageBus;
+static message_bus* iVoltaroMessageBus;  // null while the service is not offered
 
 static constexpr char KOn[] = R"({"status":"OK","state":"on"})";
 static constexpr char KOff[] = R"({"status":"OK","state":"off"})";
@@ -139,8 +139,8 @@ static void answerSet(MethodCall& call) {
 
 // ----- Get
 
-// Checks the cloud's answer once more and takes the plug's data out of it: null for success, else the reply.
-static const char* readPlug(const cJSON* details, cJSON** state, cJSON** power) {
+// Checks the cloud's answer once more and finds the plug's data in it: null for success, else the reply.
+static const char* readPlug(const cJSON* details, cJSON** device) {
     if (!details) return KServerInternalError;
     const char* status = jsonTextMember(details, "status");
     if (!status) {
@@ -151,23 +151,24 @@ static const char* readPlug(const cJSON* details, cJSON** state, cJSON** power) 
         LOG(WARN, "Failed to getSwitchDetails: %s", status);
         return KServerInternalError;
     }
-    const cJSON* device = cJSON_GetObjectItem(details, "device");
-    if (!device) {
+    *device = cJSON_GetObjectItem(details, "device");
+    if (!cJSON_IsObject(*device)) {
         LOG(WARN, "No device data in getSwitchDetails");
         return KServerInternalError;
     }
-    *state = cJSON_GetObjectItem(device, "state");
-    *power = cJSON_GetObjectItem(device, "power");
-    return cJSON_IsString(*state) && *power ? nullptr : KServerInternalError;
+    const bool complete = jsonTextMember(*device, "state") && cJSON_GetObjectItem(*device, "power");
+    return complete ? nullptr : KServerInternalError;
 }
 
-// The success reply, which refers to the two values; null when memory is short.
-static OwnedText plugReply(cJSON* state, cJSON* power) {
+// The success reply; null when memory is short. The two values move over from the cloud's answer: neither copied, nor
+// referred to by nodes that the library loses when it runs out of memory.
+static OwnedText plugReply(cJSON* device) {
     const OwnedJson reply(cJSON_CreateObject());
     if (!cJSON_AddStringToObject(reply.get(), "status", "OK")) return nullptr;
     cJSON* plug = cJSON_AddObjectToObject(reply.get(), "switch");
-    if (!cJSON_AddItemReferenceToObject(plug, "state", state)) return nullptr;
-    if (!cJSON_AddItemReferenceToObject(plug, "power", power)) return nullptr;
+    if (!plug) return nullptr;
+    cJSON_AddItemToObjectCS(plug, "state", cJSON_DetachItemFromObject(device, "state"));
+    cJSON_AddItemToObjectCS(plug, "power", cJSON_DetachItemFromObject(device, "power"));
     return printJson(reply.get());
 }
 
@@ -183,10 +184,9 @@ static const char* getSwitch(const char* switchId, OwnedText* built) {
     if (!details) return KServerConnectionError;
     LOG(DEBUG, "getSwitchDetails OK: %s", details.get());
     const OwnedJson parsed = parseJson(details.get());
-    cJSON* state = nullptr;
-    cJSON* power = nullptr;
-    if (const char* reply = readPlug(parsed.get(), &state, &power)) return reply;
-    *built = plugReply(state, power);
+    cJSON* device = nullptr;
+    if (const char* reply = readPlug(parsed.get(), &device)) return reply;
+    *built = plugReply(device);
     return *built ? nullptr : KOutOfMemory;
 }
 

@@ -6,8 +6,6 @@
 
 #include "common/msg_bus/message_bus.h"
 
-extern message_bus* iVoltaroMessageBus;  // null while the service is not offered
-
 /// Offers the service on `base`: 1, or 0 when any of it failed (logged, nothing left behind). Main thread, before the
 /// bus thread runs.
 [[nodiscard]] int enableDbusForVoltaro(struct event_base* base);
@@ -15,5 +13,6 @@ extern message_bus* iVoltaroMessageBus;  // null while the service is not offere
 /// Takes the service back, if it is offered; see message_bus_free for what that means for the other services.
 void disableDbusForVoltaro();
 
-/// The service's method callback. Bus thread; Set and Get block for three or four requests of up to 30 s each.
+/// The service's method callback. Bus thread; Set and Get block for three or four requests of up to 30 s each,
+/// EnableBackend for its exchanges and the save.
 void handleVoltaroMethodCall(message_bus* bus, const char* method, const char* firstArgument, DBusMessage* call);

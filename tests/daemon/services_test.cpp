@@ -2,6 +2,9 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <map>
+#include <sstream>
+#include <thread>
 
 #include "tests/daemon/daemon.h"
 #include "tests/world/bus_client.h"
@@ -301,4 +304,227 @@ TEST_F(Services, VoltaroSwitchesAndReadsPlugs) {
     const auto type = std::find(headers.begin(), headers.end(), "Content-Type: application/x-www-form-urlencoded");
     ASSERT_NE(type, headers.end());
     EXPECT_TRUE((type + 1)->starts_with("Auth-Token: token-")) << *(type + 1);
+}
+
+// What stands between `before` and the next quote.
+static std::string quotedAfter(const std::string& line, const std::string& before) {
+    const size_t begin = line.find(before) + before.size();
+    return line.substr(begin, line.find_first_of("\"'", begin) - begin);
+}
+
+// The methods of a description, each as "method in>out"; a description has one tag a line.
+static std::vector<std::string> describedMethods(const std::string& interface) {
+    std::istringstream xml(readFile(ORSM_SOURCE_FOLDER "/dbus/" + interface + ".xml"));
+    std::vector<std::string> methods;
+    std::string name, in, out;
+    for (std::string line; std::getline(xml, line);) {
+        if (line.find("<method ") != std::string::npos) {
+            name = quotedAfter(line, "name=\"");
+            in = out = "";
+        } else if (line.find("<arg ") != std::string::npos) {
+            (quotedAfter(line, "direction=\"") == "in" ? in : out) += quotedAfter(line, "type=\"");
+        } else if (line.find("</method>") != std::string::npos) {
+            methods.push_back(name + " " + in + ">" + out);
+        }
+    }
+    return methods;
+}
+
+TEST_F(Services, AnswerExactlyWhatTheirDescriptionsSay) {
+    gateway_.start();
+    std::vector<std::string> described, served;
+    for (const char* service : {"dyndns", "voltaro", "orvoservicesinfo"}) {
+        const std::string interface = std::string("com.corvane.orsm.") + service;
+        for (const std::string& method : describedMethods(interface)) {
+            const std::string name = method.substr(0, method.find(' '));
+            described.push_back(interface + "." + name);
+            BusArguments arguments;
+            for (const char type : method.substr(name.size() + 1, method.find('>') - name.size() - 1)) {
+                arguments.push_back(type == 'b' ? BusArgument(true) : BusArgument("xx"));
+            }
+            DBusMessage* call = BusClient::message(std::string("/") + service, interface, name, arguments);
+            DBusMessage* reply = dbus_connection_send_with_reply_and_block(client_.connection(), call, 60'000, nullptr);
+            ASSERT_TRUE(reply) << method;
+            EXPECT_EQ(dbus_message_get_signature(reply), method.substr(method.find('>') + 1)) << method;
+            dbus_message_unref(reply);
+            dbus_message_unref(call);
+        }
+    }
+    // What listens stands in the log of the start.
+    std::istringstream log(gateway_.log.content());
+    for (std::string line; std::getline(log, line);) {
+        if (line.find("Adding listener for") == std::string::npos) continue;
+        served.push_back(quotedAfter(line, "interface='") + "." + quotedAfter(line, "member='"));
+    }
+    EXPECT_EQ(described, served);
+    EXPECT_EQ(gateway_.end(), 0);
+}
+
+TEST_F(Services, WrongClientsHarmNobody) {
+    gateway_.start();
+    const std::string info = R"({"status":"OK"})";
+    const std::string unknown = "org.freedesktop.DBus.Error.UnknownMethod";
+    struct Case {
+        const char *path, *interface, *method;
+        BusArguments arguments;
+        std::string reply;
+    };
+    for (const Case& c : {
+             Case{"/orvoservicesinfo", "",                                  "Get",       {},                info                               },
+             Case{"/orvoservicesinfo", "com.corvane.orsm.orvoservicesinfo", "Get",       {"more", true, 7}, info                               },
+             Case{"/orvoservicesinfo", "com.corvane.orsm.voltaro",          "Get",       {},                unknown                            },
+             Case{"/dyndns",           "com.corvane.orsm.voltaro",          "Get",       {"x"},             unknown                            },
+             Case{"/dyndns",           "",                                  "GetName",   {},                R"({"status":"OK","result":null})" },
+             Case{"/voltaro",          "",                                  "IsEnabled", {},                unknown                            },
+             Case{"/none",             "com.corvane.orsm.dyndns",           "GetName",   {},                unknown                            },
+             Case{"/",                 "",                                  "Get",       {},                unknown                            },
+             Case{"/dyndns",           "com.corvane.orsm.dyndns",           "IsEnabled", {false, "x"},      R"({"status":"OK","result":false})"},
+    }) {
+        EXPECT_EQ(client_.call(c.path, c.interface, c.method, c.arguments), c.reply) << c.path << " " << c.method;
+    }
+
+    // A client that is gone before its answer, while the server holds the bus thread.
+    gateway_.cloud->order({"fault", "verify", "hold"});
+    {
+        BusClient hasty;
+        DBusMessage* call = BusClient::message("/dyndns", "com.corvane.orsm.dyndns", "IsNameTaken", {"free"});
+        dbus_connection_send(hasty.connection(), call, nullptr);
+        dbus_connection_flush(hasty.connection());
+        dbus_message_unref(call);
+        ASSERT_TRUE(waitFor([&] { return gateway_.cloud->journal().size() == 1; }));
+    }
+    gateway_.cloud->order({"release"});
+    gateway_.log.next("Dyn DNS IsNameTaken finished");
+
+    // Text that D-Bus cannot carry: an error at once, and the next call is served.
+    const std::string failed = "org.freedesktop.DBus.Error.Failed";
+    gateway_.set("OrvoService.DynDNS", "HostName", "\xC3\x28");
+    EXPECT_EQ(client_.call("/dyndns", "com.corvane.orsm.dyndns", "GetName"), failed);
+    gateway_.log.next(" WARN failed to send DBus method response");
+    gateway_.set("OrvoService.DynDNS", "HostName", std::string(100'000, '\x01'));
+    EXPECT_EQ(client_.call("/dyndns", "com.corvane.orsm.dyndns", "GetName").size(), 600'000U + 27);
+    gateway_.set("OrvoService.DynDNS", "HostName", "");
+    gateway_.set("NMC.HomeAutomation", "HA-ID", "HA-1");
+    gateway_.log.next("Synchronizing DynDNS in reaction to HA-ID change");
+    gateway_.cloud->order({"account", "HA-1", "e", "p"});
+    const std::string million(1'100'000, 'x');
+    for (const std::string& device :
+         {std::string(R"({"state":")") + "\xFF" + R"(","power":1})", R"({"state":"on","power":")" + million + "\"}"}) {
+        gateway_.cloud->answer("device", 200, R"({"status":"ok","device":)" + device + "}");
+        EXPECT_EQ(client_.call("/voltaro", "com.corvane.orsm.voltaro", "Get", {"p"}), failed);
+        EXPECT_EQ(client_.call("/orvoservicesinfo", "", "Get"), info);
+    }
+    EXPECT_EQ(gateway_.log.count("failed to send DBus method response"), 3U);
+    EXPECT_EQ(gateway_.end(), 0);
+    EXPECT_EQ(gateway_.daemon->output(), "");
+}
+
+TEST_F(Services, CallsAndChangesWaitForASlowServerAndKeepTheirOrder) {
+    gateway_.start();
+    gateway_.cloud->order({"fault", "verify", "hold"});
+    std::vector<DBusPendingCall*> pending;
+    const auto send = [&](const char* method, const BusArguments& arguments) {
+        DBusMessage* call = BusClient::message("/dyndns", "com.corvane.orsm.dyndns", method, arguments);
+        DBusPendingCall* one = nullptr;
+        ASSERT_TRUE(dbus_connection_send_with_reply(client_.connection(), call, &one, 60'000));
+        pending.push_back(one);
+        dbus_message_unref(call);
+    };
+    send("IsNameTaken", {"free"});
+    dbus_connection_flush(client_.connection());
+    ASSERT_TRUE(waitFor([&] { return gateway_.cloud->journal().size() == 1; }));
+    for (int i = 0; i < 50; ++i) {
+        send("IsNameTaken", {"-" + std::to_string(i)});
+    }
+    dbus_connection_flush(client_.connection());
+    for (const char* marker : {"first", "second", "third"}) {
+        gateway_.set("OrvoService.HomeAutomation", "CommunicationServer", marker);
+    }
+    EXPECT_EQ(gateway_.log.count("Invalid name"), 0U);
+    gateway_.cloud->order({"release"});
+    for (DBusPendingCall* one : pending) {
+        dbus_pending_call_block(one);
+        DBusMessage* reply = dbus_pending_call_steal_reply(one);
+        EXPECT_EQ(BusClient::textOf(reply), one == pending[0] ? KFalse : KInvalid);
+        dbus_message_unref(reply);
+        dbus_pending_call_unref(one);
+    }
+    for (const char* marker : {"first", "second", "third"}) {
+        gateway_.log.next(std::string("Communication server URL changed: ") + marker);
+    }
+    LogReader calls(KDaemonLog);
+    for (int i = 0; i < 50; ++i) {
+        calls.next("Invalid name: -" + std::to_string(i));
+    }
+    EXPECT_EQ(gateway_.end(), 0);
+}
+
+// One of eight clients: keeps at most 100 calls outstanding, and counts what each of its calls got.
+static void callOften(int calls, std::map<std::string, int>& replies) {
+    BusClient client;
+    int sent = 0, answered = 0;
+    struct Counter {
+        std::map<std::string, int>& replies;
+        int& answered;
+    } counter{replies, answered};
+    while (answered < calls) {
+        while (sent < calls && sent - answered < 100) {
+            const int kind = sent++ % 4;
+            DBusMessage* call = kind == 0   ? BusClient::message("/dyndns", "com.corvane.orsm.dyndns", "IsEnabled", {})
+                                : kind == 1 ? BusClient::message("/orvoservicesinfo", "", "Get", {})
+                                : kind == 2
+                                    ? BusClient::message("/voltaro", "com.corvane.orsm.voltaro", "Set", {"p", "up"})
+                                    : BusClient::message("/dyndns", "com.corvane.orsm.dyndns", "None", {});
+            DBusPendingCall* pending = nullptr;
+            ASSERT_TRUE(dbus_connection_send_with_reply(client.connection(), call, &pending, DBUS_TIMEOUT_INFINITE));
+            dbus_pending_call_set_notify(
+                pending,
+                [](DBusPendingCall* done, void* data) {
+                    auto* count = static_cast<Counter*>(data);
+                    DBusMessage* reply = dbus_pending_call_steal_reply(done);
+                    ++count->replies[BusClient::textOf(reply)];
+                    ++count->answered;
+                    dbus_message_unref(reply);
+                },
+                &counter, nullptr);
+            dbus_pending_call_unref(pending);
+            dbus_message_unref(call);
+        }
+        ASSERT_TRUE(dbus_connection_read_write_dispatch(client.connection(), 60'000));
+    }
+}
+
+TEST_F(Services, AStormOfCallsIsAnsweredEveryOneOnceWhileChangesArrive) {
+    gateway_.start();
+    constexpr int KClients = 8, KCalls = 1250;
+    std::vector<std::map<std::string, int>> replies(KClients);
+    std::vector<std::thread> clients;
+    dbus_threads_init_default();
+    for (auto& one : replies) {
+        clients.emplace_back([&one] { callOften(KCalls, one); });
+    }
+    for (int i = 0; i < 20; ++i) {
+        gateway_.set("OrvoService.HomeAutomation", "CommunicationServer", "storm-" + std::to_string(i));
+    }
+    for (std::thread& client : clients) {
+        client.join();
+    }
+    std::map<std::string, int> all;
+    for (const auto& one : replies) {
+        for (const auto& [reply, count] : one) {
+            all[reply] += count;
+        }
+    }
+    const std::map<std::string, int> expected = {
+        {KFalse,                                     8 * 313},
+        {R"({"status":"OK"})",                       8 * 313},
+        {voltaroError("ACTION_NOT_DEFINED"),         8 * 312},
+        {"org.freedesktop.DBus.Error.UnknownMethod", 8 * 312},
+    };
+    EXPECT_EQ(all, expected);
+    for (int i = 0; i < 20; ++i) {
+        gateway_.log.next("Communication server URL changed: storm-" + std::to_string(i));
+    }
+    EXPECT_EQ(gateway_.end(), 0);
+    EXPECT_EQ(gateway_.daemon->output(), "");
 }

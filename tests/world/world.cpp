@@ -175,9 +175,10 @@ static std::unique_ptr<Process> startListener(std::vector<std::string> arguments
     return process;
 }
 
-std::unique_ptr<Process> startDbusDaemon() {
+std::unique_ptr<Process> startDbusDaemon(const std::string& configuration) {
     return startListener(
-        {"dbus-daemon", "--nofork", "--nopidfile", "--config-file=" ORSM_SOURCE_FOLDER "/tests/world/bus.conf"},
+        {"dbus-daemon", "--nofork", "--nopidfile",
+         "--config-file=" + (configuration.empty() ? ORSM_SOURCE_FOLDER "/tests/world/bus.conf" : configuration)},
         "/var/run/dbus/system_bus_socket");
 }
 

@@ -66,8 +66,9 @@ class LogReader {
     size_t position_ = 0;
 };
 
-/// Starts a bus at /var/run/dbus/system_bus_socket, and waits until it listens.
-std::unique_ptr<Process> startDbusDaemon();
+/// Starts a bus at /var/run/dbus/system_bus_socket with the world's own configuration or another one, and waits until
+/// it listens.
+std::unique_ptr<Process> startDbusDaemon(const std::string& configuration = "");
 
 /// Starts the data-model bus at /var/run/pcb_sys with the gateway's own definition or another one, and waits until it
 /// listens.
