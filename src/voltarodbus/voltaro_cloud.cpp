@@ -13,7 +13,7 @@
 static constexpr char KLogCategory[] = "orvoservicemanager";
 static constexpr char KLogModule[] = "src/voltarodbus";
 
-#define FORM_TYPE "application/x-www-form-urlencoded"
+static constexpr char KFormHeaders[] = R"({"Content-Type":"application/x-www-form-urlencoded"})";
 
 OwnedText urlEncodeString(const char* text) {
     CURL* curl = curl_easy_init();
@@ -123,8 +123,7 @@ OwnedText loginToVoltaro(const char* email, const char* password) {
         return nullptr;
     }
     LOG(DEBUG, "URL encoded form: %s", form.get());
-    const OwnedText body =
-        curlPostV2(url.get(), form.get(), getPathToServerCABundleFile(), "{\"Content-Type\":\"" FORM_TYPE "\"}");
+    const OwnedText body = curlPostV2(url.get(), form.get(), getPathToServerCABundleFile(), KFormHeaders);
     const Answer answer = readAnswer(url.get(), body);
     if (!answer.json) return nullptr;
     if (!isOk(answer)) {
@@ -135,9 +134,8 @@ OwnedText loginToVoltaro(const char* email, const char* password) {
 }
 
 static OwnedJson makeHeaders(const char* token) {
-    OwnedJson headers(cJSON_CreateObject());
-    if (!cJSON_AddStringToObject(headers.get(), "Content-Type", FORM_TYPE) ||
-        !cJSON_AddStringToObject(headers.get(), "Auth-Token", token)) {
+    OwnedJson headers = parseJson(KFormHeaders);
+    if (!cJSON_AddStringToObject(headers.get(), "Auth-Token", token)) {
         // Sent without its token the request would only be refused.
         LOG(ERROR, "Out of memory");
         return nullptr;
