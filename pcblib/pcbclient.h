@@ -1,7 +1,8 @@
 // The daemon's client of the gateway's data model: contexts and parameters, subscriptions and the event loop, function
 // calls. It stands on the platform's libraries. The singleton client, the subscriptions, the loop, the queues and the
 // asynchronous functions belong to the main thread; a context made with easyCreatePcbDataModelClient belongs to the
-// thread that uses it. Every failure is logged here; operations report 1 for success and 0 for failure.
+// thread that uses it. Failures are logged here, except short memory where the result says it; operations report 1
+// for success and 0 for failure.
 #pragma once
 
 #include "common/text/text.h"
@@ -18,8 +19,8 @@ struct PcbContext {
 /// Connects the singleton client: 1, or 0 when it exists already or cannot be made. Main thread.
 [[nodiscard]] int createPcbDataModelClient();
 
-/// Releases the singleton client with what its queues still hold, if it exists. Main thread, outside the loop, after
-/// every other request was released.
+/// Releases the singleton client, if it exists, with the queued releases and subscriptions; a queued call stays its
+/// owner's. Main thread, outside the loop, after every other request was released.
 void destroyPcbDataModelClient();
 
 /// Connects a further context; null when that fails. Released with easyDestroyPcbDataModelClient. Start-up only: the
@@ -64,7 +65,8 @@ parameter_t* easyGetPcbParamNext(object_t* object, parameter_t** cursor, const c
 constexpr const char* getPcbObjectPathForDynDns() { return "OrvoService.DynDNS"; }
 constexpr const char* getPcbParameterDynDnsEnable() { return "Enable"; }
 
-// ----- Subscriptions and the event loop (main thread; texts and handles given to callbacks live for the call)
+// ----- Subscriptions and the event loop (main thread, with the singleton there; texts and handles given to callbacks
+// live for the call)
 
 /// Receives an object as it is delivered.
 using PcbObjectChangedCallback = void (*)(const char* path, object_t* object);
@@ -87,8 +89,8 @@ void setPcbCustomNotificationCallback(PcbCustomNotificationCallback callback);
 [[nodiscard]] request_t* listenToNotificationsFromPcbObject(const char* path);
 [[nodiscard]] request_t* listenToCustomNotificationsFromPcbObject(const char* path);
 
-/// Queues a subscription like listenToChangesInPcbObject for the end of the loop's current pass. The request lives
-/// until the client is destroyed.
+/// Queues a subscription like listenToChangesInPcbObject for the end of the loop's current pass; a null path is
+/// ignored. The request lives until the client is destroyed.
 void listenToChangesInPcbObjectAsync(OwnedText path);
 
 /// The handlers of reply items, and what they do with a notification; always 1.
@@ -100,7 +102,8 @@ void walkThroughNotificationParameters(notification_t* notification);
 /// Releases a request and takes it out of every queue; null is ignored. Not from a callback for the request itself.
 void freePcbRequestObject(request_t* request);
 
-/// Queues a request (null is ignored) to be released at the end of the loop's current pass: the way out of a callback.
+/// Queues a request (null is ignored) to be released at the end of the loop's current pass: the way out of a callback,
+/// which uses nothing of the request any more. When memory is too short to queue it, it is released at once.
 void freePcbRequestObjectAsync(request_t* request);
 
 /// Runs until the bus connection is lost, SIGTERM or SIGINT arrives or the loop is stopped; 1 then. Without a
@@ -126,16 +129,17 @@ void setPcbRequestLostCallback(PcbRequestLostCallback callback);
 /// A function call to be filled and sent, or null. Released by its owner like a subscription.
 [[nodiscard]] request_t* prepareToExecutePcbFunction(const char* path, const char* function);
 
-/// Adds a named parameter to a prepared call: nonzero, or 0 when memory is short or there is no request.
-int addStringParameter(request_t* request, const char* name, const char* value);
+/// Adds a named parameter to a prepared call: nonzero, or 0 when memory is short, one of the three is null or the call
+/// was sent already.
+[[nodiscard]] int addStringParameter(request_t* request, const char* name, const char* value);
 
 /// A map to be filled and added to a call, or null; released with freeMapParameter whether it was added or not.
 [[nodiscard]] variant_map_t* createMapParameter();
-int addStringParameterToMap(variant_map_t* map, const char* key, const char* value);
-int addIntParameterToMap(variant_map_t* map, const char* key, int value);
-int addBoolParameterToMap(variant_map_t* map, const char* key, int flag);
+[[nodiscard]] int addStringParameterToMap(variant_map_t* map, const char* key, const char* value);
+[[nodiscard]] int addIntParameterToMap(variant_map_t* map, const char* key, int value);
+[[nodiscard]] int addBoolParameterToMap(variant_map_t* map, const char* key, int flag);
 /// Moves the map's contents into a parameter of the call; nonzero, or 0.
-int addMapParameter(request_t* request, const char* name, variant_map_t* map);
+[[nodiscard]] int addMapParameter(request_t* request, const char* name, variant_map_t* map);
 void freeMapParameter(variant_map_t* map);
 
 /// Sends a prepared call; its result reaches the function callback. The request, or null after releasing it when it
@@ -144,13 +148,14 @@ void freeMapParameter(variant_map_t* map);
 
 /// Queues a prepared call to be sent at the end of the loop's current pass. The request, or null after releasing it
 /// when it could not be queued; null gives null. The way to call from a callback.
-request_t* executePreparedPcbFunctionAsync(request_t* request);
+[[nodiscard]] request_t* executePreparedPcbFunctionAsync(request_t* request);
 
 /// Calls a function without parameters, like prepareToExecutePcbFunction and executePreparedPcbFunction.
 [[nodiscard]] request_t* executePcbFunction(const char* path, const char* function);
 
 /// Calls a function without parameters and waits up to 5 s, once: the result JSON, which belongs to this module and is
-/// valid until the next call of this operation, or null. One thread at a time.
+/// valid until the next call of this operation, or null. One thread at a time; not with the singleton while its loop
+/// runs.
 const char* easyExecutePcbFunction(PcbContext* context, const char* path, const char* function);
 
 /// The handler of an asynchronous call's reply items; always 1.

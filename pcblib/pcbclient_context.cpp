@@ -22,37 +22,43 @@ static void stopUsingLibrary() {
     if (--iPcbLibraryUsers == 0) connection_exitLibrary();
 }
 
-static bool connectContext(PcbContext* context) {
-    context->pcb = pcb_create(KClientName, 0, nullptr);
-    if (!context->pcb) {
-        LOG(ERROR, "Cannot create pcb client");
-        return false;
-    }
-    pcb_client_set_attribute(context->pcb, PCB_CLIENT_OWN_OBJECTS, 0);
-    context->peer = pcb_client_connect(context->pcb, KBusUri);
-    if (context->peer) return true;
-    LOG(ERROR, "Failed to connect to %s (0x%8.8X - %s), exiting", KBusUri, pcb_error, error_string(pcb_error));
-    pcb_destroy(context->pcb);
-    return false;
-}
+namespace {
+
+struct FreeContext {
+    void operator()(PcbContext* context) const { free(context); }
+};
+struct LeaveLibrary {
+    void operator()(const int*) const { stopUsingLibrary(); }
+};
+struct DestroyClient {
+    void operator()(pcb_t* pcb) const { pcb_destroy(pcb); }
+};
+
+}  // namespace
 
 PcbContext* easyCreatePcbDataModelClient() {
-    PcbContext* context = static_cast<PcbContext*>(calloc(1, sizeof(PcbContext)));
+    std::unique_ptr<PcbContext, FreeContext> context(static_cast<PcbContext*>(calloc(1, sizeof(PcbContext))));
     if (!context) {
         LOG(ERROR, "No memory to create pcb context");
         return nullptr;
     }
-    if (!useLibrary()) {
-        free(context);
+    if (!useLibrary()) return nullptr;
+    std::unique_ptr<const int, LeaveLibrary> use(&iPcbLibraryUsers);
+    std::unique_ptr<pcb_t, DestroyClient> pcb(pcb_create(KClientName, 0, nullptr));
+    if (!pcb) {
+        LOG(ERROR, "Cannot create pcb client");
         return nullptr;
     }
-    if (!connectContext(context)) {
-        free(context);
-        stopUsingLibrary();
+    pcb_client_set_attribute(pcb.get(), PCB_CLIENT_OWN_OBJECTS, 0);
+    context->peer = pcb_client_connect(pcb.get(), KBusUri);
+    if (!context->peer) {
+        LOG(ERROR, "Failed to connect to %s (0x%8.8X - %s), exiting", KBusUri, pcb_error, error_string(pcb_error));
         return nullptr;
     }
     connection_setTerminated(false);
-    return context;
+    context->pcb = pcb.release();
+    (void)use.release();
+    return context.release();
 }
 
 void easyDestroyPcbDataModelClient(PcbContext* context) {

@@ -25,12 +25,8 @@ request_t* prepareToExecutePcbFunction(const char* path, const char* function) {
 // Adds what `fill` puts into a variant; nothing when there is no request or `fill` fails.
 template <class Fill>
 static int addParameter(request_t* request, const char* name, const Fill& fill) {
-    if (!request) return 0;
-    variant_t variant;
-    if (!variant_initialize(&variant)) return 0;
-    const bool added = fill(&variant) && request_addParameter(request, name, &variant);
-    variant_cleanup(&variant);
-    return added;
+    ScopedVariant value;
+    return request && value.ready && fill(&value.variant) && request_addParameter(request, name, &value.variant);
 }
 
 int addStringParameter(request_t* request, const char* name, const char* value) {
@@ -61,8 +57,9 @@ int addBoolParameterToMap(variant_map_t* map, const char* key, int flag) {
 
 void freeMapParameter(variant_map_t* map) {
     if (!map) return;
-    // Empty after it was added to a call; a map that never was still owns its entries.
-    variant_map_cleanup(map);
+    // Empty once it was added to a call; what was never added goes with this variant.
+    ScopedVariant rest;
+    if (rest.ready) (void)variant_setMapMove(&rest.variant, map);
     free(map);
 }
 
@@ -94,11 +91,14 @@ request_t* executePcbFunction(const char* path, const char* function) {
 
 // ----- Results
 
-static bool addArguments(cJSON* result, reply_item_t* item) {
-    for (argument_value_t* argument = argument_valueFirstArgument(reply_item_returnArguments(item)); argument;
+// A new text; null for no value, and for one that cannot be converted.
+static OwnedText textOf(const variant_t* value) { return OwnedText(value ? variant_char(value) : nullptr); }
+
+static bool addArguments(cJSON* result, argument_value_list_t* arguments) {
+    for (argument_value_t* argument = argument_valueFirstArgument(arguments); argument;
          argument = argument_valueNextArgument(argument)) {
         const char* name = textOrEmpty(argument_valueName(argument));
-        const OwnedText value(variant_char(argument_value(argument)));
+        const OwnedText value = textOf(argument_value(argument));
         LOG(DEBUG, "Arg: name = %s, value = %s", name, value.get());
         if (!addJsonStringOrNull(result, name, value.get())) return false;
     }
@@ -108,9 +108,10 @@ static bool addArguments(cJSON* result, reply_item_t* item) {
 // Null when memory is short: a result that lacks a member would look like another answer.
 static OwnedText functionReturnToJson(reply_item_t* item) {
     const OwnedJson result(cJSON_CreateObject());
-    const OwnedText returned(variant_char(reply_item_returnValue(item)));
+    const OwnedText returned = textOf(reply_item_returnValue(item));
     if (!addJsonStringOrNull(result.get(), "returns", returned.get())) return nullptr;
-    if (!addArguments(result.get(), item)) return nullptr;
+    argument_value_list_t* arguments = reply_item_returnArguments(item);
+    if (arguments && !addArguments(result.get(), arguments)) return nullptr;
     return printJson(result.get());
 }
 
@@ -147,37 +148,30 @@ static int handleSyncFunctionReturn(request_t* request, reply_item_t* item) {
 
 // One wait, whatever it brings: events that are not the answer use it up.
 static void waitForResult(connection_info_t* connection) {
-    llist_t connections;
-    llist_initialize(&connections);
-    llist_append(&connections, connection_listLink(connection));
+    ConnectionList connections(connection);
+    if (!connection) pcb_error = PCB_ERROR_NOT_CONNECTED;
     timeval limit = {5, 0};
-    const int events = outsideGate([&] { return connection_waitForEvents(&connections, &limit); });
+    const int events =
+        connections.ready ? outsideGate([&] { return connection_waitForEvents(&connections.list, &limit); }) : -1;
     if (events < 0) {
         LOG(ERROR, "Error %d (%s)", static_cast<int>(pcb_error), error_string(pcb_error));
     } else if (events == 0) {
         LOG(WARN, "Easy execute PCB function - timeout");
     } else {
-        connection_handleEvents(&connections);
+        connection_handleEvents(&connections.list);
     }
-    llist_cleanup(&connections);
 }
 
 const char* easyExecutePcbFunction(PcbContext* context, const char* path, const char* function) {
     if (!context) return nullptr;
     LOG(DEBUG, "Easy execute PCB function - start");
-    request_t* request = createRequest(path, function, REQUEST_FUNCTION_SYNCHRONOUS);
+    const OwnedRequest request(createRequest(path, function, REQUEST_FUNCTION_SYNCHRONOUS));
     if (!request) return nullptr;
-    request_setReplyItemHandler(request, handleSyncFunctionReturn);
-    if (!sendRequest(context, request)) {
-        request_destroy(request);
-        return nullptr;
-    }
-    connection_info_t* connection = pcb_connection(context->pcb);
-    if (!connection) pcb_error = PCB_ERROR_NOT_CONNECTED;
+    request_setReplyItemHandler(request.get(), handleSyncFunctionReturn);
+    if (!sendRequest(context, request.get())) return nullptr;
     free(iLastFunctionResult);
     iLastFunctionResult = nullptr;
-    waitForResult(connection);
+    waitForResult(pcb_connection(context->pcb));
     LOG(DEBUG, "Easy execute PCB function - finished");
-    request_destroy(request);
     return iLastFunctionResult;
 }

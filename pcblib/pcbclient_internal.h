@@ -1,6 +1,8 @@
 // What the files of the data-model client share.
 #pragma once
 
+#include <memory>
+
 #include "common/log/log.h"
 #include "pcblib/pcbclient.h"
 
@@ -9,20 +11,51 @@
 
 extern PcbContext* iPcbContext;  // the singleton, or null
 
+struct DestroyRequest {
+    void operator()(request_t* request) const { request_destroy(request); }
+};
+using OwnedRequest = std::unique_ptr<request_t, DestroyRequest>;
+
+/// A variant on the stack that releases what it holds; `ready` says whether it can be used.
+struct ScopedVariant {
+    variant_t variant;
+    bool ready;
+
+    ScopedVariant() : ready(variant_initialize(&variant)) {}
+    ~ScopedVariant() {
+        if (ready) variant_cleanup(&variant);
+    }
+    ScopedVariant(const ScopedVariant&) = delete;
+    ScopedVariant& operator=(const ScopedVariant&) = delete;
+};
+
+/// A list of one connection to wait on; `ready` is false when there is none, or it stands in another list.
+struct ConnectionList {
+    llist_t list;
+    bool ready;
+
+    explicit ConnectionList(connection_info_t* connection)
+        : ready(llist_initialize(&list) && connection && llist_append(&list, connection_listLink(connection))) {}
+    ~ConnectionList() { llist_cleanup(&list); }
+    ConnectionList(const ConnectionList&) = delete;
+    ConnectionList& operator=(const ConnectionList&) = delete;
+};
+
 /// Sends queued calls, releases queued requests and makes queued subscriptions, each queue newest first. Main thread,
 /// between two passes of the loop.
 void drainPendingWork();
 
-/// Releases what the queues hold, and the subscriptions that were made from them. Main thread, outside the loop.
+/// Releases what waits to be released, the queued paths and the subscriptions that were made from them; drops queued
+/// calls, which are their owners'. Main thread, outside the loop.
 void releasePendingWork();
 
 /// Queues a call for drainPendingWork: false when memory is short.
 [[nodiscard]] bool pushPendingExecution(request_t* request);
 
-/// Sends a request through the singleton; a failure is logged.
+/// Sends a request through `context`; a failure is logged.
 [[nodiscard]] bool sendRequest(PcbContext* context, request_t* request);
 
-/// Installs the handler of asynchronous calls and sends; a failure is logged.
+/// Installs the handler of asynchronous calls and sends through the singleton; a failure is logged.
 [[nodiscard]] bool sendPreparedFunction(request_t* request);
 
 /// Logs an error item.

@@ -81,17 +81,13 @@ bool sendRequest(PcbContext* context, request_t* request) {
 }
 
 static request_t* listenTo(const char* path, uint32_t flags, request_reply_item_handler_t handler) {
-    request_t* request = request_create_getObject(path, -1, flags);
+    OwnedRequest request(request_create_getObject(path, -1, flags));
     if (!request) {
         LOG(ERROR, "Failed to create request (0x%8.8X - %s)", pcb_error, error_string(pcb_error));
         return nullptr;
     }
-    request_setReplyItemHandler(request, handler);
-    if (!sendRequest(iPcbContext, request)) {
-        request_destroy(request);
-        return nullptr;
-    }
-    return request;
+    request_setReplyItemHandler(request.get(), handler);
+    return sendRequest(iPcbContext, request.get()) ? request.release() : nullptr;
 }
 
 request_t* listenToChangesInPcbObject(const char* path) { return listenTo(path, REQUEST_WATCH, clientHandleReplyItem); }
@@ -193,20 +189,21 @@ void freePcbRequestObject(request_t* request) {
 void freePcbRequestObjectAsync(request_t* request) {
     if (!request) return;
     if (!iPendingRequestReleases.push(request)) {
-        // Memory is short: released at once, which the platform library allows from any handler.
+        // Memory is short. The platform library allows this from any handler, the request's own included.
         freePcbRequestObject(request);
         return;
     }
     wakeEventLoop();
 }
 
-static void listenNow(char* path) {
-    const OwnedText owned(path);
-    request_t* request = listenToChangesInPcbObject(path);
-    if (request && !iRequestsOfPendingListens.push(request)) {
-        LOG(ERROR, "No memory to listen to %s", path);
-        request_destroy(request);
+static void listenNow(const OwnedText path) {
+    OwnedRequest request(listenToChangesInPcbObject(path.get()));
+    if (!request) return;
+    if (!iRequestsOfPendingListens.push(request.get())) {
+        LOG(ERROR, "No memory to listen to %s", path.get());
+        return;
     }
+    (void)request.release();  // the list's from here on
 }
 
 void drainPendingWork() {
@@ -221,7 +218,7 @@ void drainPendingWork() {
     }
     char* path = nullptr;
     while (iPendingListens.pop(&path)) {
-        listenNow(path);
+        listenNow(OwnedText(path));
     }
 }
 
@@ -243,23 +240,6 @@ void releasePendingWork() {
 }
 
 // ----- The loop
-
-namespace {
-
-// The list of connections to wait on: the singleton's, for the time of the loop.
-struct ConnectionList {
-    llist_t list;
-
-    explicit ConnectionList(connection_info_t* connection) {
-        llist_initialize(&list);
-        llist_append(&list, connection_listLink(connection));
-    }
-    ~ConnectionList() { llist_cleanup(&list); }
-    ConnectionList(const ConnectionList&) = delete;
-    ConnectionList& operator=(const ConnectionList&) = delete;
-};
-
-}  // namespace
 
 static void runEventLoop(connection_info_t* connection) {
     ConnectionList connections(connection);

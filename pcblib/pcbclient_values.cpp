@@ -4,23 +4,6 @@
 #include "common/gate/gate.h"
 #include "pcblib/pcbclient_internal.h"
 
-namespace {
-
-// A variant on the stack that releases what it holds.
-struct ScopedVariant {
-    variant_t variant;
-    bool ready;
-
-    ScopedVariant() : ready(variant_initialize(&variant)) {}
-    ~ScopedVariant() {
-        if (ready) variant_cleanup(&variant);
-    }
-    ScopedVariant(const ScopedVariant&) = delete;
-    ScopedVariant& operator=(const ScopedVariant&) = delete;
-};
-
-}  // namespace
-
 OwnedText easyGetPcbParamAsString(PcbContext* context, const char* object, const char* parameter) {
     if (!context) {
         LOG(ERROR, "Get: Null context passed");

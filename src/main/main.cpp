@@ -76,12 +76,36 @@ static void* dbusThreadLoop(void*) {
     return nullptr;
 }
 
-static sigset_t endSignals() {
-    sigset_t signals;
-    sigemptyset(&signals);
-    sigaddset(&signals, SIGTERM);
-    sigaddset(&signals, SIGINT);
-    return signals;
+// Until the data-model loop is there to be ended in order, SIGTERM and SIGINT end the process on the spot: start-up may
+// be waiting for a bus that never answers, and nothing it has made outlives the process but the pid file.
+static void endDuringStartUp(int) {
+    unlink(KOrsmPidFileName);
+    _exit(0);
+}
+
+namespace {
+
+struct SignalActions {
+    struct sigaction onTerminate, onInterrupt;
+};
+
+}  // namespace
+
+// The result is what the data-model library does on the two signals, for giveEndSignalsBack.
+static SignalActions takeEndSignals() {
+    // The library takes the signals over when it is first set up; only then may others be put in their place.
+    (void)connection_initLibrary();
+    struct sigaction atOnce = {};
+    atOnce.sa_handler = endDuringStartUp;
+    SignalActions before;
+    sigaction(SIGTERM, &atOnce, &before.onTerminate);
+    sigaction(SIGINT, &atOnce, &before.onInterrupt);
+    return before;
+}
+
+static void giveEndSignalsBack(const SignalActions& before) {
+    sigaction(SIGTERM, &before.onTerminate, nullptr);
+    sigaction(SIGINT, &before.onInterrupt, nullptr);
 }
 
 // Subscribes to everything that is watched, and runs the data-model loop if all of it succeeded; ends the process.
@@ -107,7 +131,7 @@ static sigset_t endSignals() {
 }
 
 // Everything behind the pid file; comes back, with the exit status, only while there is no bus thread.
-static int serve(const sigset_t& heldSignals) {
+static int serve(const SignalActions& loopActions) {
     iEventBase = event_base_new();
     if (!iEventBase) {
         LOG(ERROR, "Cannot start event loop");
@@ -131,7 +155,7 @@ static int serve(const sigset_t& heldSignals) {
     sem_post(&iStoreLoaded);
     if (!createPcbDataModelClient()) endProcess(1, {});
 
-    pthread_sigmask(SIG_UNBLOCK, &heldSignals, nullptr);
+    giveEndSignalsBack(loopActions);
     watchDataModel();
 }
 
@@ -157,12 +181,9 @@ static int runDaemon(const char* configurationPath) {
         LOG(INFO, "Process demonized properly");
     }
 
-    // Held back until the data-model client exists, whose loop they end in order: a signal in between must not leave
-    // the pid file behind.
-    const sigset_t held = endSignals();
-    pthread_sigmask(SIG_BLOCK, &held, nullptr);
+    const SignalActions loopActions = takeEndSignals();
     if (!write_pidfile(KOrsmPidFileName)) return 1;
-    const int status = serve(held);
+    const int status = serve(loopActions);
     unlink(KOrsmPidFileName);
     return status;
 }

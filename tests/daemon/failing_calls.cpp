@@ -7,11 +7,19 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "platform/pcb/pcb.h"
+
 static bool fails(const char* call) {
     const char* failing = getenv("FAILING_CALL");
     if (!failing || strcmp(failing, call) != 0) return false;
     errno = EMFILE;
     return true;
+}
+
+// The client of the bus thread is the first, the main thread's the second.
+static bool isSecondCall() {
+    static int calls = 0;
+    return ++calls == 2;
 }
 
 extern "C" {
@@ -41,5 +49,21 @@ int __real_pthread_create(pthread_t*, const pthread_attr_t*, void* (*)(void*), v
 int __wrap_pthread_create(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
 int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*entry)(void*), void* argument) {
     return fails("pthread_create") ? EAGAIN : __real_pthread_create(thread, attributes, entry, argument);
+}
+
+char* __real_strdup(const char*);
+char* __wrap_strdup(const char*);
+char* __wrap_strdup(const char* text) { return fails("strdup") ? nullptr : __real_strdup(text); }
+
+peer_info_t* __real_pcb_client_connect(pcb_t*, const char*);
+peer_info_t* __wrap_pcb_client_connect(pcb_t*, const char*);
+peer_info_t* __wrap_pcb_client_connect(pcb_t* pcb, const char* uri) {
+    return isSecondCall() && fails("pcb_client_connect") ? nullptr : __real_pcb_client_connect(pcb, uri);
+}
+
+request_t* __real_request_create_getObject(const char*, int32_t, uint32_t);
+request_t* __wrap_request_create_getObject(const char*, int32_t, uint32_t);
+request_t* __wrap_request_create_getObject(const char* path, int32_t depth, uint32_t flags) {
+    return fails("request_create_getObject") ? nullptr : __real_request_create_getObject(path, depth, flags);
 }
 }

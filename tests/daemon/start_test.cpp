@@ -73,13 +73,15 @@ TEST(StartUp, AFailureEndsWithOneAndLeavesNoPidFile) {
     const auto dbus = startDbusDaemon();
     const std::string configuration = daemonConfiguration("https://127.0.0.1:1", "/none");
     for (const Case& c : {
-             Case{"fork",                                                    "ERROR Cannot demonize process!", true},
-             Case{"setsid",                                                         "ERROR Cannot demonize process!",                                                                                  true},
-             Case{"event_base_new",                                                     "ERROR Cannot start event loop"   },
+             Case{"fork",                                                     "ERROR Cannot demonize process!", true},
+             Case{"setsid",                                                          "ERROR Cannot demonize process!",                                                                                   true},
+             Case{"event_base_new",                                                      "ERROR Cannot start event loop"   },
              Case{"pipe2","ERROR Failed to create event pipe: Too many open files"  },
-             Case{"pipe2",                            "ERROR Cannot create pipe for listening pcb changes"                                                         },
+             Case{"pipe2",                             "ERROR Cannot create pipe for listening pcb changes"                                                          },
              Case{"event_new","ERROR Failed to create event pipewatcher: "},
-             Case{"pthread_create",                                    "ERROR Could not create thread for dbus handling"                                                                                                                   },
+             Case{"pthread_create",                                     "ERROR Could not create thread for dbus handling"                                                                                                                     },
+             Case{"pcb_client_connect","ERROR Failed to connect to pcb://ipc:{/var/run/pcb_sys}"},
+             Case{"request_create_getObject",                             "ERROR Failed to create request (0x"                                                                                                                                                                             },
     }) {
         SCOPED_TRACE(c.failingCall);
         std::string text = configuration;
@@ -95,6 +97,18 @@ TEST(StartUp, AFailureEndsWithOneAndLeavesNoPidFile) {
         EXPECT_TRUE(waitFor([] { return !exists(KPidFile); }));
         EXPECT_EQ(daemon->output(), "");
     }
+}
+
+TEST(StartUp, WithoutMemoryForItsSettingsItSaysSo) {
+    auto daemon = startDaemon(daemonConfiguration("https://127.0.0.1:1", "/none"),
+                              {
+                                  {"FAILING_CALL", "strdup"}
+    },
+                              "orvoservicemanager-failing");
+    EXPECT_EQ(daemon->wait(), 1);
+    EXPECT_EQ(daemon->output(),
+              "Cannot init requests engine\nCannot init OrvoServicesInfo\n"
+              "Configuration file broken or no required parameters given\n");
 }
 
 TEST(StartUp, WithoutItsBusesItEndsWithOne) {
@@ -163,5 +177,18 @@ TEST(StartUp, ASignalAtAnyMomentEndsItInOrder) {
         EXPECT_EQ(daemon->wait(), 0);
         EXPECT_FALSE(exists(KPidFile));
         EXPECT_EQ(daemon->output(), "");
+    }
+
+    // A bus that hangs holds start-up up, but not its end.
+    for (Process* hung : {gateway.dbus.get(), gateway.bus.get()}) {
+        writeFile(KDaemonLog, "");
+        hung->send(SIGSTOP);
+        auto daemon = startDaemon(daemonConfiguration(gateway.cloud->url(), gateway.cloud->caPath()));
+        ASSERT_TRUE(waitFor([] { return exists(KPidFile); }));
+        daemon->send(SIGINT);
+        EXPECT_EQ(daemon->wait(), 0);
+        EXPECT_EQ(gateway.log.count("WARN") + gateway.log.count("ERROR"), 0U) << "it waited for the bus";
+        EXPECT_FALSE(exists(KPidFile));
+        hung->send(SIGCONT);
     }
 }
