@@ -22,6 +22,7 @@ struct PendingCall {
 struct Result {
     uint32_t error = 0;
     OwnedText returns;  // none: the function returns nothing
+    OwnedJson outArguments = nullptr;
 };
 
 }  // namespace
@@ -55,6 +56,22 @@ static Result runNotify(object_t*, const cJSON* arguments) {
     return {};
 }
 
+// Gives its arguments back as out-arguments, in their order.
+static Result runEcho(object_t*, const cJSON* arguments) {
+    Result result = {0, nullptr, OwnedJson(cJSON_CreateArray())};
+    const cJSON* argument = nullptr;
+    cJSON_ArrayForEach(argument, arguments) {
+        OwnedJson item(cJSON_CreateObject());
+        const bool complete = addJsonText(item.get(), KWireName, argument->string) &&
+                              addJsonText(item.get(), KWireValue, textOrEmpty(cJSON_GetStringValue(argument)));
+        if (!complete || !cJSON_AddItemToArray(result.outArguments.get(), item.get())) {
+            return {PCB_ERROR_NO_MEMORY, nullptr};
+        }
+        (void)item.release();  // the array's from here on
+    }
+    return result;
+}
+
 static constexpr struct {
     const char *path, *name;
     Result (*run)(object_t* object, const cJSON* arguments);
@@ -63,6 +80,7 @@ static constexpr struct {
     {"NeMo.Intf.data", "closeQuery", runCloseQuery},
     {"NeMo.Intf.data", "hasFlag",    runHasFlag   },
     {KSimulation,      "notify",     runNotify    },
+    {KSimulation,      "echo",       runEcho      },
 };
 
 static Result run(const PendingCall* call) {
@@ -79,7 +97,7 @@ static Result run(const PendingCall* call) {
 }
 
 static void serve(const PendingCall* call) {
-    const Result result = run(call);
+    Result result = run(call);
     const char* function = call->function.get();
     if (result.error) {
         printf("pcb-bus: %.40s failed: %s\n", function, error_string(result.error));
@@ -87,8 +105,10 @@ static void serve(const PendingCall* call) {
     }
     printf("pcb-bus: %.40s returned %s\n", function, result.returns ? result.returns.get() : "nothing");
     OwnedJson answer = newAnswer(call->id);
-    const bool complete = answer && cJSON_AddArrayToObject(answer.get(), KWireArguments) &&
-                          (!result.returns || addJsonText(answer.get(), KWireReturns, result.returns.get()));
+    const bool complete = answer && (!result.returns || addJsonText(answer.get(), KWireReturns, result.returns.get()));
+    if (complete && result.outArguments) {
+        cJSON_AddItemToObjectCS(answer.get(), KWireArguments, result.outArguments.release());
+    }
     sendFrame(call->client, call->id, complete ? std::move(answer) : nullptr);
 }
 

@@ -161,6 +161,23 @@ TEST_F(Client, DeliversAnObjectOnceAndThenEveryChangeOfIt) {
     freePcbRequestObject(known);
 }
 
+TEST_F(Client, CustomNotificationsReachTheirOwnCallbackOnly) {
+    setPcbCustomNotificationCallback(
+        [](const char* path, const char* value) { receive(std::string("custom ") + path + " " + value); });
+    request_t* custom = listenToCustomNotificationsFromPcbObject("OrvoService.DynDNS");
+    request_t* changes = listenToNotificationsFromPcbObject("OrvoService.DynDNS");
+    request_t* notify = prepareToExecutePcbFunction("Simulation.Functions", "notify");
+    EXPECT_TRUE(addStringParameter(notify, "object", "OrvoService.DynDNS") && addStringParameter(notify, "value", "v"));
+    ASSERT_TRUE(executePreparedPcbFunction(notify));
+    EXPECT_EQ(runUntil("Simulation.Functions notify {\"returns\":null}"),
+              (Texts{"custom OrvoService.DynDNS v", "Simulation.Functions notify {\"returns\":null}"}));
+    set("OrvoService.DynDNS", "Enable", "true");
+    EXPECT_EQ(runUntil("OrvoService.DynDNS Enable false->true").size(), 1U);
+    for (request_t* request : {custom, changes, notify}) {
+        freePcbRequestObject(request);
+    }
+}
+
 TEST_F(Client, DefersWorkAndDoesItNewestFirst) {
     static request_t *first, *second;
     static Texts iLost;
@@ -212,11 +229,22 @@ TEST_F(Client, GivesFunctionResultsAsJson) {
         freePcbRequestObject(request);
     }
 
+    request_t* echo = prepareToExecutePcbFunction("Simulation.Functions", "echo");
+    EXPECT_TRUE(addStringParameter(echo, "A", "1") && addStringParameter(echo, "B", "x\"y"));
+    ASSERT_TRUE(executePreparedPcbFunction(echo));
+    runUntil(R"(Simulation.Functions echo {"returns":null,"A":"1","B":"x\"y"})");
+    log_.next("DEBUG Arg: name = A, value = 1");
+    freePcbRequestObject(echo);
+
     PcbContext* context = easyCreatePcbDataModelClient();
     EXPECT_STREQ(easyExecutePcbFunction(context, "NeMo.Intf.data", "hasFlag"), R"({"returns":"false"})");
     log_.next("Function executed: object = NeMo.Intf.data, function = hasFlag");
     log_.next("Easy execute PCB function - finished");
     EXPECT_EQ(easyExecutePcbFunction(context, "NeMo.Intf.data", "noFunction"), nullptr);
     EXPECT_EQ(easyExecutePcbFunction(nullptr, "NeMo.Intf.data", "hasFlag"), nullptr);
+    set("Simulation.Functions", "Delay", "100000");
+    EXPECT_EQ(easyExecutePcbFunction(context, "NeMo.Intf.data", "hasFlag"), nullptr);
+    log_.next(" WARN Easy execute PCB function - timeout");
+    log_.next("Easy execute PCB function - finished");
     easyDestroyPcbDataModelClient(context);
 }
