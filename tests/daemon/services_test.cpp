@@ -51,7 +51,10 @@ class Services : public testing::Test {
         gateway_.log.next("DynDNS empty hostname saved in PCB");
         gateway_.log.next("saved to OrvoService");
     }
-    std::string lastRequest() { return gateway_.cloud->journal().back().target; }
+    void endWell() {
+        EXPECT_EQ(gateway_.end(), 0);
+        EXPECT_EQ(gateway_.daemon->output(), "");
+    }
 
     Gateway gateway_;
     BusClient client_;
@@ -59,83 +62,79 @@ class Services : public testing::Test {
 
 std::string dynDnsError(const char* status) { return std::string(R"({"status":")") + status + R"(","result":null})"; }
 std::string voltaroError(const char* status) { return std::string(R"({"status":")") + status + R"("})"; }
+std::vector<std::string> fault(const char* resource, const char* kind) { return {"fault", resource, kind}; }
+std::vector<std::string> body(const char* resource, const char* text) {
+    return {"fault", resource, "body", "1", "200", text};
+}
+std::vector<std::string> refusal(const char* resource, const char* error) {
+    return {"fault", resource, "status", "1", "error", error};
+}
 
 const std::string KTrue = R"({"status":"OK","result":true})";
 const std::string KFalse = R"({"status":"OK","result":false})";
+const std::string KNoName = R"({"status":"OK","result":null})";
 const std::string KInvalid = dynDnsError("INVALID_NAME");
 const std::string KInternal = dynDnsError("SERVER_INTERNAL_ERROR");
+const std::string KNoAnswer = dynDnsError("SERVER_CONNECTION_ERROR");
+const std::string KBusError = dynDnsError("DBUS_ERROR");
+const std::string KUnknownMethod = "org.freedesktop.DBus.Error.UnknownMethod";
 
 }  // namespace
+
+// One row a call: wrapped rows could not be compared by eye.
+// clang-format off
 
 TEST_F(Services, DynDnsChecksArgumentsAndConditionsInOrder) {
     gateway_.start();
     dynDns({
-        {"IsEnabled",   {},                          KFalse,                                     " INFO Dyn DNS IsEnabled: false",           true },
-        {"GetName",     {},                          R"({"status":"OK","result":null})",         "GetName response: ",                       true },
-        {"IsNameTaken", {},                          KInvalid,                                   "ERROR Name is empty",                      true },
-        {"IsNameTaken", {7},                         KInvalid,                                   "ERROR Name is empty",                      true },
-        {"IsNameTaken", {""},                        KInvalid,                                   "ERROR Name is empty",                      true },
-        {"IsNameTaken", {"a"},                       KInvalid,                                   "ERROR Invalid name: a",                    true },
-        {"IsNameTaken", {std::string(64, 'a')},      KInvalid,                                   "ERROR Invalid name: aaaa",                 true },
-        {"IsNameTaken", {"-ab"},                     KInvalid,                                   "ERROR Invalid name: -ab",                  true },
-        {"IsNameTaken", {"a_b"},                     KInvalid,                                   "ERROR Invalid name: a_b",                  true },
-        {"IsNameTaken", {"a.b"},                     KInvalid,                                   "ERROR Invalid name: a.b",                  true },
-        {"IsNameTaken", {"a\xC3\xA9"},               KInvalid,                                   "ERROR Invalid name: a\xC3\xA9",            true },
-        {"IsNameTaken", {std::string(1 << 20, 'a')}, KInvalid,                                   "ERROR Invalid name: aaaa",                 true },
-        {"Configure",   {},                          dynDnsError("DBUS_ERROR"),                  " WARN No arguments",                       false},
-        {"Configure",   {"true", "box"},             dynDnsError("DBUS_ERROR"),                  "Wrong argument 1 type, required: boolean", false},
-        {"Configure",   {true},                      KInvalid,                                   " WARN No argument 2",                      false},
-        {"Configure",   {false},                     KInvalid,                                   "ERROR Null argument 2",                    false},
-        {"Configure",   {true, 7},                   KInvalid,                                   "Wrong argument 2 type, required: string",  false},
-        {"Configure",   {true, "a_c"},               KInvalid,                                   "ERROR Invalid name: a_c",                  false},
-        {"Configure",   {true, "box"},               dynDnsError("NOT_SYNCHRONIZED"),            " WARN HA-ID not available",                false},
-        {"SetEnabled",  {"true"},                    "false",                                    "Wrong argument 1 type, required: boolean", false},
-        {"SetEnabled",  {},                          "false",                                    " WARN No arguments",                       false},
-        {"setEnabled",  {true},                      "org.freedesktop.DBus.Error.UnknownMethod", nullptr,                                    false},
+        {"IsEnabled", {}, KFalse, " INFO Dyn DNS IsEnabled: false", true},
+        {"GetName", {}, KNoName, "GetName response: ", true},
+        {"IsNameTaken", {}, KInvalid, "ERROR Name is empty", true},
+        {"IsNameTaken", {7}, KInvalid, "ERROR Name is empty", true},
+        {"IsNameTaken", {""}, KInvalid, "ERROR Name is empty", true},
+        {"IsNameTaken", {"a"}, KInvalid, "ERROR Invalid name: a", true},
+        {"IsNameTaken", {std::string(64, 'a')}, KInvalid, "ERROR Invalid name: aaaa", true},
+        {"IsNameTaken", {"-ab"}, KInvalid, "ERROR Invalid name: -ab", true},
+        {"IsNameTaken", {"a_b"}, KInvalid, "ERROR Invalid name: a_b", true},
+        {"IsNameTaken", {"a.b"}, KInvalid, "ERROR Invalid name: a.b", true},
+        {"IsNameTaken", {"a\xC3\xA9"}, KInvalid, "ERROR Invalid name: a\xC3\xA9", true},
+        {"IsNameTaken", {std::string(1 << 20, 'a')}, KInvalid, "ERROR Invalid name: aaaa", true},
+        {"Configure", {}, KBusError, " WARN No arguments", false},
+        {"Configure", {"true", "box"}, KBusError, "Wrong argument 1 type, required: boolean", false},
+        {"Configure", {true}, KInvalid, " WARN No argument 2", false},
+        {"Configure", {false}, KInvalid, "ERROR Null argument 2", false},
+        {"Configure", {true, 7}, KInvalid, "Wrong argument 2 type, required: string", false},
+        {"Configure", {true, "a_c"}, KInvalid, "ERROR Invalid name: a_c", false},
+        {"Configure", {true, "box"}, dynDnsError("NOT_SYNCHRONIZED"), " WARN HA-ID not available", false},
+        {"SetEnabled", {"true"}, "false", "Wrong argument 1 type, required: boolean", false},
+        {"SetEnabled", {}, "false", " WARN No arguments", false},
+        {"setEnabled", {true}, KUnknownMethod, nullptr, false},
     });
     EXPECT_TRUE(gateway_.cloud->journal().empty());
-    EXPECT_EQ(gateway_.end(), 0);
-    EXPECT_EQ(gateway_.daemon->output(), "");
+    endWell();
 }
 
 TEST_F(Services, DynDnsAsksTheServerAndKeepsAllThreeInAgreement) {
     gateway_.start();
     synchronize("HA-1");
-    const std::string longest(63, 'Z');
-    const auto body = [](const char* text) {
-        return std::vector<std::string>{"fault", "verify", "body", "1", "200", text};
-    };
+    const char* taken = R"({"Status":"SUCCESS","AVAILABLE":"true"})";
     dynDns({
-        {"IsNameTaken",                                       {"Free-1-"},      KFalse,                                " INFO Dyn DNS IsNameTaken: false",                                                                      true                                                                                                                                                                                                                                                                                                                   },
-        {"IsNameTaken",                                       {"busy"},         KTrue,                                 " INFO Dyn DNS IsNameTaken: true",                                                                       true,                                                                                                                                                                                                                                                                                                                    {"take", "busy"}},
-        {"IsNameTaken",                                                   {true},                                                       KFalse,                                    "Dyn DNS IsNameTaken: false",                                                                               true                                                                                                                                                                                                                                                                                                                                      },
-        {"IsNameTaken",                                                   {"xx"},                                                       KTrue,                                    nullptr,                                                                                true,                       body(R"({"Status":"SUCCESS","AVAILABLE":"true"})")},
-        {"IsNameTaken", {"xx"},                 KInternal,                                          nullptr,                                                                                                                                           true,                                                                                                                                                                                                                                                                                                                                                                                                                   body(R"({"status":"SUCCESS"})")},
-        {"IsNameTaken",
-         {"xx"},
-         KInternal,                                                                     " WARN Dyn DNS status error: Success",
-         true,                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                         body(R"({"status":"Success"})")},
-        {"IsNameTaken",              {"xx"},                                                                  KInternal,                                                                        nullptr,                                                                                                                                                                               true,body("[")},
-        {"IsNameTaken",
-         {"xx"},
-         dynDnsError("SERVER_CONNECTION_ERROR"),
-         "ERROR Dyn DNS IsNameTaken error",true,
-         {"fault", "verify", "close"}},
-        {"IsNameTaken",                                              {longest},                                KFalse,                                                                            "Dyn DNS IsNameTaken: false",                                                                                                                                                                                                                                                                                                                    true                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                  },
-        {"Configure",
-         {true, "xx"},
-         KInternal, " WARN Failed to configure DynDNS: BUSY",
-         false, {"fault", "set", "status", "1", "BUSY"}},
-        {"Configure",                                         {true, "xx"},                                                          KInternal,                                                                                                    nullptr,                                                                                                                                                                   false,                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                          {"fault", "set", "empty"}},
-        {"Configure",
-         {true, "xx"},
-         dynDnsError("SERVER_CONNECTION_ERROR"),
-         "ERROR Dyn DNS Configure error",                                                                               false,
-         {"fault", "set", "half"}},
-        {"GetName",                          {},                                          R"({"status":"OK","result":null})",                                                                     nullptr,                                                                                                                                                                                                          true                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                        },
-        {"Configure",                                              {true, "Box"},                                              KTrue,                                                                                   " INFO Dyn DNS Configure response: true",                                                                                                                                                                                  true                                                                                                                                                                                                                                                                                                                                                                                                                                                                             },
-        {"GetName",                                            {},                                                        R"({"status":"OK","result":"box"})",                         nullptr,true},
-        {"IsEnabled",           {},                       KTrue," INFO Dyn DNS IsEnabled: true",true},
+        {"IsNameTaken", {"Free-1-"}, KFalse, " INFO Dyn DNS IsNameTaken: false", true},
+        {"IsNameTaken", {"busy"}, KTrue, " INFO Dyn DNS IsNameTaken: true", true, {"take", "busy"}},
+        {"IsNameTaken", {true}, KFalse, "Dyn DNS IsNameTaken: false", true},
+        {"IsNameTaken", {"xx"}, KTrue, nullptr, true, body("verify", taken)},
+        {"IsNameTaken", {"xx"}, KInternal, nullptr, true, body("verify", R"({"status":"SUCCESS"})")},
+        {"IsNameTaken", {"xx"}, KInternal, "Dyn DNS status error: No", true, body("verify", R"({"status":"No"})")},
+        {"IsNameTaken", {"xx"}, KInternal, nullptr, true, body("verify", "[")},
+        {"IsNameTaken", {"xx"}, KNoAnswer, "ERROR Dyn DNS IsNameTaken error", true, fault("verify", "close")},
+        {"IsNameTaken", {std::string(63, 'Z')}, KFalse, "Dyn DNS IsNameTaken: false", true},
+        {"Configure", {true, "xx"}, KInternal, " WARN Failed to configure DynDNS: error", false, refusal("set", "")},
+        {"Configure", {true, "xx"}, KInternal, nullptr, false, fault("set", "empty")},
+        {"Configure", {true, "xx"}, KNoAnswer, "ERROR Dyn DNS Configure error", false, fault("set", "half")},
+        {"GetName", {}, KNoName, nullptr, true},
+        {"Configure", {true, "Box"}, KTrue, " INFO Dyn DNS Configure response: true", true},
+        {"GetName", {}, R"({"status":"OK","result":"box"})", nullptr, true},
+        {"IsEnabled", {}, KTrue, " INFO Dyn DNS IsEnabled: true", true},
     });
     EXPECT_EQ(gateway_.cloud->journal()[1].target, "/hm/dyndns/verify?name=free-1-");
     EXPECT_EQ(gateway_.cloud->journal()[3].target, "/hm/dyndns/verify?name=true");
@@ -145,19 +144,13 @@ TEST_F(Services, DynDnsAsksTheServerAndKeepsAllThreeInAgreement) {
     EXPECT_EQ(gateway_.log.count("Setup dyn dns on server"), 0U);
 
     // The switch alone reaches the server through the data model, and the file with the next save.
-    dynDns({
-        {"SetEnabled", {false}, "true", " INFO Requested enabled=false", true}
-    });
-    gateway_.log.next("Setting dyn dns configuration");
+    dynDns({{"SetEnabled", {false}, "true", " INFO Requested enabled=false", true}});
     gateway_.log.next("Dyn DNS Configure OK");
     EXPECT_EQ(gateway_.cloud->journal().back().body, R"({"name":"box","haId":"HA-1","enabled":false})");
-    dynDns({
-        {"Configure", {true, ""}, KTrue, "DynDNS empty hostname saved in PCB", true}
-    });
+    dynDns({{"Configure", {true, ""}, KTrue, "DynDNS empty hostname saved in PCB", true}});
     EXPECT_EQ(gateway_.cloud->journal().back().body, R"({"name":"","haId":"HA-1","enabled":true})");
     EXPECT_EQ(gateway_.get("OrvoService.DynDNS", "HostName"), "");
-    EXPECT_EQ(gateway_.end(), 0);
-    EXPECT_EQ(gateway_.daemon->output(), "");
+    endWell();
 }
 
 TEST_F(Services, AnswerWhenTheDataModelHasNoSuchObject) {
@@ -171,135 +164,92 @@ TEST_F(Services, AnswerWhenTheDataModelHasNoSuchObject) {
     gateway_.bus = startPcbBus("/var/run/small.odl");
     gateway_.start();
     dynDns({
-        {"IsEnabled",  {},            dynDnsError("DBUS_ERROR"), "ERROR Dyn DNS IsEnabled error",                   false},
-        {"GetName",    {},            dynDnsError("DBUS_ERROR"), "ERROR Dyn DNS GetName error",                     false},
-        {"SetEnabled", {true},        "false",                   "ERROR Cannot SetEnabled DynDNS value in PCB",     false},
-        {"Configure",  {true, "box"}, KTrue,                     "ERROR Cannot set DynDNS enable value in PCB",     true },
-        {"Configure",  {true, "box"}, KTrue,                     "ERROR Cannot set DynDNS hostname value in PCB",   true },
-        {"Configure",  {true, ""},    KTrue,                     "ERROR Cannot clear DynDNS hostname value in PCB", true },
+        {"IsEnabled", {}, KBusError, "ERROR Dyn DNS IsEnabled error", false},
+        {"GetName", {}, KBusError, "ERROR Dyn DNS GetName error", false},
+        {"SetEnabled", {true}, "false", "ERROR Cannot SetEnabled DynDNS value in PCB", false},
+        {"Configure", {true, "box"}, KTrue, "ERROR Cannot set DynDNS enable value in PCB", true},
+        {"Configure", {true, "box"}, KTrue, "ERROR Cannot set DynDNS hostname value in PCB", true},
+        {"Configure", {true, ""}, KTrue, "ERROR Cannot clear DynDNS hostname value in PCB", true},
     });
-    voltaro({
-        {"EnableBackend", {true}, "false", "param Enable (0x00020001 - ", true}
-    });
-    EXPECT_EQ(gateway_.end(), 0);
+    voltaro({{"EnableBackend", {true}, "false", "param Enable (0x00020001 - ", true}});
+    endWell();
 }
 
 TEST_F(Services, VoltaroSwitchesAndReadsPlugs) {
+    const std::string notFound = voltaroError("SWITCH_NOT_FOUND");
+    const std::string noAction = voltaroError("ACTION_NOT_DEFINED");
+    const std::string notSynchronized = voltaroError("NOT_SYNCHRONIZED");
     gateway_.start();
     voltaro({
-        {"Set",           {},           voltaroError("SWITCH_NOT_FOUND"),   "ERROR Missing dbus method argument: switchId", false},
-        {"Set",           {true, "on"}, voltaroError("SWITCH_NOT_FOUND"),   "Wrong argument 1 type, required: string",      false},
-        {"Set",           {""},         voltaroError("SWITCH_NOT_FOUND"),   "Missing dbus method argument: switchId",       false},
-        {"Set",           {"s1"},       voltaroError("ACTION_NOT_DEFINED"), "ERROR Missing dbus method argument: action",   false},
-        {"Set",           {"s1", ""},   voltaroError("ACTION_NOT_DEFINED"), "Missing dbus method argument: action",         false},
-        {"Set",
-         {"s1", "ON"},
-         voltaroError("ACTION_NOT_DEFINED"),
-         "ERROR Wrong dbus method argument: unknown action ON",                                                             false},
-        {"Set",           {"s1", "on"}, voltaroError("NOT_SYNCHRONIZED"),   " WARN HA-ID not available",                    false},
-        {"Get",           {},           voltaroError("SWITCH_NOT_FOUND"),   "Missing dbus method argument: switchId",       false},
-        {"Get",           {"s1"},       voltaroError("NOT_SYNCHRONIZED"),   "HA-ID not available",                          false},
-        {"EnableBackend", {"true"},     "false",                            "Wrong argument 1 type, required: boolean",     true },
+        {"Set", {}, notFound, "ERROR Missing dbus method argument: switchId", false},
+        {"Set", {true, "on"}, notFound, "Wrong argument 1 type, required: string", false},
+        {"Set", {""}, notFound, "Missing dbus method argument: switchId", false},
+        {"Set", {"s1"}, noAction, "ERROR Missing dbus method argument: action", false},
+        {"Set", {"s1", ""}, noAction, "Missing dbus method argument: action", false},
+        {"Set", {"s1", "ON"}, noAction, "ERROR Wrong dbus method argument: unknown action ON", false},
+        {"Set", {"s1", "on"}, notSynchronized, " WARN HA-ID not available", false},
+        {"Get", {}, notFound, "Missing dbus method argument: switchId", false},
+        {"Get", {"s1"}, notSynchronized, "HA-ID not available", false},
+        {"EnableBackend", {"true"}, "false", "Wrong argument 1 type, required: boolean", true},
     });
     EXPECT_TRUE(gateway_.cloud->journal().empty());
     synchronize("HA-1");
     gateway_.cloud->order({"plug", "p-1", "off", "12.50"});
-    const auto answer = [](const char* resource, const char* text) {
-        return std::vector<std::string>{"fault", resource, "body", "1", "200", text};
-    };
     const std::string on = R"({"status":"OK","state":"on"})";
     const std::string off = R"({"status":"OK","state":"off"})";
-    const std::string connection = voltaroError("SERVER_CONNECTION_ERROR");
+    const std::string noAnswer = voltaroError("SERVER_CONNECTION_ERROR");
     const std::string internal = voltaroError("SERVER_INTERNAL_ERROR");
     const std::string unpaired = voltaroError("NO_PAIRED_VOLTARO_ACCOUNT");
     const std::string noLogin = voltaroError("CANNOT_LOGIN_TO_VOLTARO");
-    const char* emptyPassword = R"({"status":"SUCCESS","params":"{\"email\":\"a\",\"password\":\"\"}"})";
+    const std::string offline = voltaroError("SWITCH_IS_OFFLINE");
+    const std::string refused = voltaroError("SWITCH_ALREADY_HAS_SUCH_STATE");
+    const char* noPassword = R"({"status":"SUCCESS","params":"{\"email\":\"a\",\"password\":\"\"}"})";
+    const char* endless = R"({"status":"ok","device":{"state":"on","power":1e999}})";
+    const char* noState = R"({"status":"ok","device":{"state":1,"power":1}})";
     voltaro({
-        {"Get",                  {"p-1"}, unpaired,               nullptr,        false                                             },
-        {                "Get",
-         {"p-1"},
-         unpaired, " WARN Cannot find Voltaro email or password",
-         false,                                                                                                      answer("params", emptyPassword)},
-        {  "Get",                  {"p-1"}, internal,               nullptr,        false,                                              answer("params", R"({"status":"SUCCESS","params":"{"})")},
-        {"Get",                      {"p-1"},                         internal,                   " WARN Failed to get params: NO", false, answer("params", R"({"status":"NO"})")},
-        {            "Get", {"p-1"},        internal,                          nullptr,                                 false,                                                                    answer("params", "")},
-        {                                       "Get",       {"p-1"},           connection,                                 "ERROR getParamsForHaId error",                                           false,             {"fault", "params", "close"}},
+        {"Get", {"p-1"}, unpaired, nullptr, false},
+        {"Get", {"p-1"}, unpaired, "Cannot find Voltaro email or password", false, body("params", noPassword)},
+        {"Get", {"p-1"}, internal, nullptr, false, body("params", R"({"status":"SUCCESS","params":"{"})")},
+        {"Get", {"p-1"}, internal, " WARN Failed to get params: NO", false, body("params", R"({"status":"NO"})")},
+        {"Get", {"p-1"}, internal, nullptr, false, body("params", "")},
+        {"Get", {"p-1"}, noAnswer, "ERROR getParamsForHaId error", false, fault("params", "close")},
     });
     gateway_.cloud->order({"account", "HA-1", "me+you@x y", "p&=%"});
     voltaro({
-        {"Get",
-         {"p-1"},
-         noLogin,                                                                                       "ERROR Cannot find authToken in response json",
-         false,                                                                                                                                                                                                                                                                                answer("auth", R"({"status":"ok"})")},
-        {"Get",
-         {"p-1"},
-         noLogin,                                                                "ERROR Auth request returned error OK",
-         false,                                                                                                                                                                                                                                                                              answer("auth", R"({"status":"OK","authToken":"t"})")},
-        {"Set",                                       {"p-1", "on"},                                       noLogin,                                   "ERROR Cannot login to Voltaro",                                                                                       false,{"fault", "auth", "half"}},
-        {"Get",
-         {"p-1"},
-         R"({"status":"OK","switch":{"state":"off","power":12.5}})"," INFO Get switch details OK",
-         true                                                                                                     },
-        {"Get",                                     {true}, connection,                                "ERROR Request returned error error",                                                                                                                                                false                                                                                                                                                                         },
-        {"Get",
-         {"p-1"},
-         R"({"status":"OK","switch":{"state":"on","power":null}})",nullptr,
-         true,answer("device", R"({"status":"ok","device":{"state":"on","power":1e999}})")},
-        {"Get",
-         {"p-1"},
-         internal,                                                           " WARN No device data in getSwitchDetails",
-         false,                                                                                                                                                                                                                                                                                                                                                                                                                                         answer("device", R"({"status":"ok"})")},
-        {"Get",
-         {"p-1"},
-         internal,                                                                                       nullptr,
-         false,                                                                                                                                                                       answer("device", R"({"status":"ok","device":{"state":1,"power":1}})")},
-        {"Get",                            {"p-1"},                    internal,                                                     nullptr,                                                                                                     false,                                                                                                                                                                                                                                                                              answer("device", R"({"status":"ok","device":{"state":"on"}})")},
-        {"Set",                                    {"p-1", "on"},                                                      on,                                                                        " INFO Current switch state: on",                                                                        true                                },
-        {"Set",         {"p-1", "off"},off,"Current switch state: off",true},
-        {"Set",                                           {"p-1", "toggle"},                                                    on,                                     "Current switch state: on",                                  true                                                         },
-        {"Set",                                           {"p-1", "on"},                                                    off,                                                               nullptr,                                                                                                                      true,                                                                                                                                                                                                                          answer("switch", R"({"status":"ok","state":"dimmed"})")},
-        {"Set",
-         {"p-1", "on"},
-         connection,                          "ERROR Cannot find state in response json",
-         false,                                                                                                                                                                                                                                                                                                                                            answer("switch", R"({"status":"ok","state":""})")},
-        {"Set",
-         {"p-1", "on"},
-         voltaroError("SWITCH_IS_OFFLINE"),
-         nullptr,                            false,
-         {"fault", "switch", "status", "1", "error", "device.not.connected"}},
-        {"Set",
-         {"p-1", "on"},
-         voltaroError("SWITCH_ALREADY_HAS_SUCH_STATE"),
-         nullptr,                                                                                    false,
-         {"fault", "switch", "status", "1", "error", "switch.not.allowed"}},
-        {"Set", {"p-1", "on"},                                                      connection,                                                                        nullptr,                                                                                            false,{"fault", "switch", "status", "1", "error", "other"}},
-        {"Set",
-         {"p-1", "toggle"},
-         connection,                                                                                       nullptr,
-         false,                                                                                                                                                                                                                  {"fault", "device", "status", "1", "error", "device.not.connected"}},
-        {"Set",
-         {"p-1", "toggle"},
-         connection,                                                 "ERROR Unknown device state",
-         false,                                                                                                                                                                                    answer("device", R"({"status":"ok","device":{}})")},
-        {"EnableBackend",                                           {true},                                                    "true",                                                                        " INFO Voltaro Enable set to 1",                                                             true                                                                                                             },
+        {"Get", {"p-1"}, noLogin, "Cannot find authToken in response json", false, body("auth", R"({"status":"ok"})")},
+        {"Get", {"p-1"}, noLogin, "Auth request returned error OK", false, body("auth", R"({"status":"OK"})")},
+        {"Set", {"p-1", "on"}, noLogin, "ERROR Cannot login to Voltaro", false, fault("auth", "half")},
+        {"Get", {"p-1"}, R"({"status":"OK","switch":{"state":"off","power":12.5}})", "Get switch details OK", true},
+        {"Get", {true}, noAnswer, "ERROR Request returned error error", false},
+        {"Get", {"p-1"}, R"({"status":"OK","switch":{"state":"on","power":null}})", nullptr, true, body("device", endless)},
+        {"Get", {"p-1"}, internal, "No device data in getSwitchDetails", false, body("device", R"({"status":"ok"})")},
+        {"Get", {"p-1"}, internal, nullptr, false, body("device", noState)},
+        {"Set", {"p-1", "on"}, on, " INFO Current switch state: on", true},
+        {"Set", {"p-1", "off"}, off, "Current switch state: off", true},
+        {"Set", {"p-1", "toggle"}, on, "Current switch state: on", true},
+        {"Set", {"p-1", "on"}, off, nullptr, true, body("switch", R"({"status":"ok","state":"dimmed"})")},
+        {"Set", {"p-1", "on"}, noAnswer, "Cannot find state in response json", false, body("switch", R"({"status":"ok"})")},
+        {"Set", {"p-1", "on"}, offline, nullptr, false, refusal("switch", "device.not.connected")},
+        {"Set", {"p-1", "on"}, refused, nullptr, false, refusal("switch", "switch.not.allowed")},
+        {"Set", {"p-1", "on"}, noAnswer, nullptr, false, refusal("switch", "other")},
+        {"Set", {"p-1", "toggle"}, noAnswer, nullptr, false, refusal("device", "device.not.connected")},
+        {"Set", {"p-1", "toggle"}, noAnswer, "ERROR Unknown device state", false, body("device", noState)},
+        {"EnableBackend", {true}, "true", " INFO Voltaro Enable set to 1", true},
     });
+    // clang-format on
     EXPECT_EQ(gateway_.get("OrvoService.Voltaro", "Enable"), "true");
-    EXPECT_EQ(gateway_.end(), 0);
-    EXPECT_EQ(gateway_.daemon->output(), "");
+    endWell();
 
-    // What stood on the wire, for a toggle from off: account, login, details, switch.
+    // What stood on the wire for the toggle from off to on: account, login, details, switch.
     std::vector<CloudRequest> toggle = gateway_.cloud->journal();
     while (!toggle.empty() && toggle[0].body != "id=p-1&on=false") {
         toggle.erase(toggle.begin());
     }
     ASSERT_GT(toggle.size(), 4U);
     EXPECT_EQ(toggle[1].target, "/hm/stardevice/HA-1/params");
-    EXPECT_EQ(toggle[2].target, "/api/auth");
-    EXPECT_EQ(toggle[2].body, "email=me%2Byou%40x%20y&password=p%26%3D%25");
-    EXPECT_EQ(toggle[3].target, "/api/device");
-    EXPECT_EQ(toggle[3].body, "id=p-1&minimal=false");
-    EXPECT_EQ(toggle[4].target, "/api/device/switch");
-    EXPECT_EQ(toggle[4].body, "id=p-1&on=true");
+    EXPECT_EQ(toggle[2].target + " " + toggle[2].body, "/api/auth email=me%2Byou%40x%20y&password=p%26%3D%25");
+    EXPECT_EQ(toggle[3].target + " " + toggle[3].body, "/api/device id=p-1&minimal=false");
+    EXPECT_EQ(toggle[4].target + " " + toggle[4].body, "/api/device/switch id=p-1&on=true");
     const auto& headers = toggle[4].headers;
     const auto type = std::find(headers.begin(), headers.end(), "Content-Type: application/x-www-form-urlencoded");
     ASSERT_NE(type, headers.end());
@@ -357,28 +307,28 @@ TEST_F(Services, AnswerExactlyWhatTheirDescriptionsSay) {
         served.push_back(quotedAfter(line, "interface='") + "." + quotedAfter(line, "member='"));
     }
     EXPECT_EQ(described, served);
-    EXPECT_EQ(gateway_.end(), 0);
+    endWell();
 }
 
 TEST_F(Services, WrongClientsHarmNobody) {
     gateway_.start();
     const std::string info = R"({"status":"OK"})";
-    const std::string unknown = "org.freedesktop.DBus.Error.UnknownMethod";
+    const std::string& unknown = KUnknownMethod;
     struct Case {
         const char *path, *interface, *method;
         BusArguments arguments;
         std::string reply;
     };
     for (const Case& c : {
-             Case{"/orvoservicesinfo", "",                                  "Get",       {},                info                               },
-             Case{"/orvoservicesinfo", "com.corvane.orsm.orvoservicesinfo", "Get",       {"more", true, 7}, info                               },
-             Case{"/orvoservicesinfo", "com.corvane.orsm.voltaro",          "Get",       {},                unknown                            },
-             Case{"/dyndns",           "com.corvane.orsm.voltaro",          "Get",       {"x"},             unknown                            },
-             Case{"/dyndns",           "",                                  "GetName",   {},                R"({"status":"OK","result":null})" },
-             Case{"/voltaro",          "",                                  "IsEnabled", {},                unknown                            },
-             Case{"/none",             "com.corvane.orsm.dyndns",           "GetName",   {},                unknown                            },
-             Case{"/",                 "",                                  "Get",       {},                unknown                            },
-             Case{"/dyndns",           "com.corvane.orsm.dyndns",           "IsEnabled", {false, "x"},      R"({"status":"OK","result":false})"},
+             Case{"/orvoservicesinfo", "",                                  "Get",       {},                info   },
+             Case{"/orvoservicesinfo", "com.corvane.orsm.orvoservicesinfo", "Get",       {"more", true, 7}, info   },
+             Case{"/orvoservicesinfo", "com.corvane.orsm.voltaro",          "Get",       {},                unknown},
+             Case{"/dyndns",           "com.corvane.orsm.voltaro",          "Get",       {"x"},             unknown},
+             Case{"/dyndns",           "",                                  "GetName",   {},                KNoName},
+             Case{"/dyndns",           "com.corvane.orsm.dyndns",           "IsEnabled", {false, "x"},      KFalse },
+             Case{"/voltaro",          "",                                  "IsEnabled", {},                unknown},
+             Case{"/none",             "com.corvane.orsm.dyndns",           "GetName",   {},                unknown},
+             Case{"/",                 "",                                  "Get",       {},                unknown},
     }) {
         EXPECT_EQ(client_.call(c.path, c.interface, c.method, c.arguments), c.reply) << c.path << " " << c.method;
     }
@@ -415,8 +365,7 @@ TEST_F(Services, WrongClientsHarmNobody) {
         EXPECT_EQ(client_.call("/orvoservicesinfo", "", "Get"), info);
     }
     EXPECT_EQ(gateway_.log.count("failed to send DBus method response"), 3U);
-    EXPECT_EQ(gateway_.end(), 0);
-    EXPECT_EQ(gateway_.daemon->output(), "");
+    endWell();
 }
 
 TEST_F(Services, CallsAndChangesWaitForASlowServerAndKeepTheirOrder) {
@@ -456,7 +405,7 @@ TEST_F(Services, CallsAndChangesWaitForASlowServerAndKeepTheirOrder) {
     for (int i = 0; i < 50; ++i) {
         calls.next("Invalid name: -" + std::to_string(i));
     }
-    EXPECT_EQ(gateway_.end(), 0);
+    endWell();
 }
 
 // One of eight clients: keeps at most 100 calls outstanding, and counts what each of its calls got.
@@ -525,6 +474,5 @@ TEST_F(Services, AStormOfCallsIsAnsweredEveryOneOnceWhileChangesArrive) {
     for (int i = 0; i < 20; ++i) {
         gateway_.log.next("Communication server URL changed: storm-" + std::to_string(i));
     }
-    EXPECT_EQ(gateway_.end(), 0);
-    EXPECT_EQ(gateway_.daemon->output(), "");
+    endWell();
 }
