@@ -124,7 +124,6 @@ static CURLcode transfer(CURL* handle) {
 }
 
 static OwnedText performRequest(const char* uri, const char* method, const char* caBundle, const PostContent* post) {
-    LOG(INFO, "Curl HTTP %s begin", method);
     if (!uri || !*uri) {
         LOG(ERROR, "Empty URI passed");
         return nullptr;
@@ -162,19 +161,24 @@ static OwnedText performRequest(const char* uri, const char* method, const char*
     LOG(INFO, "Request OK");
     response.data.get()[response.length] = '\0';
     LOG(DEBUG, "Response body: %s", response.data.get());
-    LOG(INFO, "Curl HTTP %s success", method);
     return std::move(response.data);
 }
 
 OwnedText curlRequest(const char* uri, const char* method, const char* caBundle) {
-    return performRequest(uri, method, caBundle, nullptr);
+    LOG(INFO, "Curl HTTP %s begin", method);
+    OwnedText answer = performRequest(uri, method, caBundle, nullptr);
+    if (answer) LOG(INFO, "Curl HTTP %s success", method);
+    return answer;
 }
 
 OwnedText curlGet(const char* uri, const char* caBundle) { return curlRequest(uri, "GET", caBundle); }
 
 OwnedText curlPostV1(const char* uri, const char* body, const char* caBundle, const cJSON* headers) {
+    LOG(INFO, "Curl HTTP POST begin");
     const PostContent post = {body, headers};
-    return performRequest(uri, "POST", caBundle, &post);
+    OwnedText answer = performRequest(uri, "POST", caBundle, &post);
+    if (answer) LOG(INFO, "Curl HTTP POST success");
+    return answer;
 }
 
 OwnedText curlPostV2(const char* uri, const char* body, const char* caBundle, const char* headersText) {
