@@ -30,7 +30,8 @@ const char* getPathToServerCABundleFile();
 const char* getVoltaroServerUrl();
 
 // The requests below give the answer's body whatever its HTTP status, or null when a setting or argument is missing,
-// memory is short or the request failed (all logged but a GET's URL that cannot be allocated). The base URL, names and
+// memory is short or the request failed (all logged, except a URL of
+// getDynDnsConfiguration or getParamsForHaId that cannot be allocated). The base URL, names and
 // HA-IDs go out as they are, empty ones too. Bus thread only; each blocks up to 30 s.
 
 /// Asks whether a host name is still free.

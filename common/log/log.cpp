@@ -1,9 +1,11 @@
 #include "common/log/log.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <pthread.h>
 #include <signal.h>
 #include <strings.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/time.h>
 #include <syslog.h>
@@ -159,13 +161,38 @@ static void writeOnce(int file, const Line& line) {
     }
 }
 
+// Whether a write of this length to a pipe, terminal or socket would not wait for its reader.
+static bool takesNow(int file, size_t length) {
+    pollfd writable = {file, POLLOUT, 0};
+    if (poll(&writable, 1, 0) <= 0) return false;
+    // One free page is promised; a longer line needs more, and the pages in use may be no more than half full.
+    const int capacity = length > PIPE_BUF ? fcntl(file, F_GETPIPE_SZ) : -1;
+    int unread = 0;
+    if (capacity < 0 || ioctl(file, FIONREAD, &unread) != 0) return true;
+    return 2 * unread + 3 * PIPE_BUF <= capacity;
+}
+
+// Waits half a second for a reader that has stopped reading, the first time; its lines are dropped then until it reads
+// again. Without an end to the wait, the log's lock would hold both threads, and the end of the process.
+static bool waitUntilTaken(int file, size_t length) {
+    static bool readerStopped = false;
+    for (int tries = readerStopped ? 0 : 50; !takesNow(file, length); --tries) {
+        readerStopped = tries <= 0;
+        if (readerStopped) return false;
+        poll(nullptr, 0, 10);
+    }
+    readerStopped = false;
+    return true;
+}
+
 static void writeToStandardOutput(const Line& line) {
     fflush(stdout);  // what the program printed before stands before
-    writeOnce(STDOUT_FILENO, line);
+    if (waitUntilTaken(STDOUT_FILENO, line.length)) writeOnce(STDOUT_FILENO, line);
 }
 
 static void appendToFile(const char* path, const Line& line) {
-    const int file = open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666);
+    // Without waiting: the name may be a pipe's that nobody reads.
+    const int file = open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NONBLOCK, 0666);
     if (file < 0) return;
     writeOnce(file, line);
     close(file);

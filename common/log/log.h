@@ -14,6 +14,7 @@ enum LogLevel { LEVEL_TRACE = 0, LEVEL_DEBUG, LEVEL_INFO, LEVEL_WARN, LEVEL_ERRO
 /// was. Any thread; not from a signal handler. Callers use LOG, which checks the format.
 void _log(const char* category, int level, const char* file, ssize_t line, const char* format, ...);
 
+// The macros' own parts: a null text becomes an empty one, and the compiler sees the format.
 inline const char* loggable(const char* text) { return text ? text : ""; }
 inline const char* loggable(char* text) { return text ? text : ""; }
 template <class Value>

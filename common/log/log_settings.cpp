@@ -101,24 +101,24 @@ static bool addCategory(const char* rest, const char* value) {
 struct Setting {
     const char* key;
     bool (*set)(const char* rest, const char* value);
-    bool hasRest = false;
+    bool hasRest;
 };
 
 static constexpr Setting KSettings[] = {
-    {"enabled",     setEnabled                           },
-    {"level",       setLevel                             },
-    {"file",        setFlag<&LogSettings::file>          },
-    {"network",     setFlag<&LogSettings::network>       },
-    {"stdout",      setFlag<&LogSettings::standardOutput>},
-    {"protocol",    setFlag<&LogSettings::protocol>      },
-    {"lineandfile", setFlag<&LogSettings::lineAndFile>   },
-    {"filename",    setLogFileName                       },
-    {"category.",   addCategory,                           true},
-    {"max_file_count",             setNumber<&LogSettings::maxFileCount>                                  },
-    {"max_file_size",             setNumber<&LogSettings::maxFileSize> },
-    {"rolling_file_path",             setText<&LogSettings::rollingFilePath>                              },
-    {"syslog",             setFlag<&LogSettings::systemLog>            },
-    {"syslog.ident",             setText<&LogSettings::systemLogIdentity>                        },
+    {"enabled",           setEnabled,                               false},
+    {"level",             setLevel,                                 false},
+    {"file",              setFlag<&LogSettings::file>,              false},
+    {"network",           setFlag<&LogSettings::network>,           false},
+    {"stdout",            setFlag<&LogSettings::standardOutput>,    false},
+    {"protocol",          setFlag<&LogSettings::protocol>,          false},
+    {"lineandfile",       setFlag<&LogSettings::lineAndFile>,       false},
+    {"filename",          setLogFileName,                           false},
+    {"category.",         addCategory,                              true },
+    {"max_file_count",    setNumber<&LogSettings::maxFileCount>,    false},
+    {"max_file_size",     setNumber<&LogSettings::maxFileSize>,     false},
+    {"rolling_file_path", setText<&LogSettings::rollingFilePath>,   false},
+    {"syslog",            setFlag<&LogSettings::systemLog>,         false},
+    {"syslog.ident",      setText<&LogSettings::systemLogIdentity>, false},
 };
 
 static bool applySetting(const char* key, const char* value) {

@@ -1,5 +1,7 @@
 // The daemon's main job, and how it ends, with everything around it real.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "platform/pcb/pcb.h"
@@ -133,6 +135,24 @@ TEST(MainJob, EndsWhileMoreChangesWaitThanThePipeHolds) {
     EXPECT_EQ(gateway.end(), 0);
     EXPECT_FALSE(exists(KPidFile));
     EXPECT_EQ(gateway.daemon->output(), "");
+}
+
+TEST(MainJob, GoesOnAndEndsAlthoughNobodyReadsItsOutput) {
+    Gateway gateway;
+    ASSERT_EQ(mkfifo("/var/run/output", 0600), 0);
+    const int unread = open("/var/run/output", O_RDWR | O_CLOEXEC);
+    writeFile("/var/run/orsm.conf",
+              daemonConfiguration(gateway.cloud->url(), gateway.cloud->caPath(), "logger.stdout=true\n"));
+    gateway.daemon = std::make_unique<Process>(std::vector<std::string>{
+        "sh", "-c", "exec " + binary("orvoservicemanager") + " -c /var/run/orsm.conf >/var/run/output"});
+    gateway.log.next("CG-NAT status: false");
+    for (int i = 0; i < 12; ++i) {
+        gateway.set("NMC.HomeAutomation", "HA-ID", std::string(7000, 'x') + std::to_string(i));
+    }
+    gateway.settle();
+    EXPECT_EQ(gateway.end(), 0);
+    EXPECT_FALSE(exists(KPidFile));
+    close(unread);
 }
 
 TEST(MainJob, TheRetryRecoversAfterTheServerFailed) {
