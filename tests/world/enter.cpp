@@ -56,7 +56,7 @@ static void mountEmptyFolder(const char* path) {
 
 static void emptyFolder(const char* path) {
     char command[PATH_MAX];
-    snprintf(command, sizeof command, "rm -rf %s/orvoservice* %s/pcb_sys %s/kelm.*", path, path, path);
+    snprintf(command, sizeof command, "cd %s && rm -rf orvoservice* orsm* pcb_sys* kelm.* desk cloud output*", path);
     if (system(command) != 0) fail(path);
 }
 
@@ -68,6 +68,21 @@ static void emptyFolder(const char* path) {
 }
 
 static int statusOf(int status) { return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status); }
+
+// Ends what the command left behind, where no PID namespace does: orphans are this process's children.
+static void endOrphans() {
+    char path[64];
+    snprintf(path, sizeof path, "/proc/self/task/%d/children", getpid());
+    for (;;) {
+        FILE* file = fopen(path, "re");
+        int orphan = 0;
+        while (file && fscanf(file, "%d", &orphan) == 1) {
+            kill(orphan, SIGKILL);
+        }
+        if (file) fclose(file);
+        if (waitpid(-1, nullptr, 0) < 0 && errno == ECHILD) return;
+    }
+}
 
 // The first process of the PID namespace: it starts the command, reaps what is left behind by others, and takes the
 // whole namespace with it when it ends.
@@ -137,5 +152,6 @@ int main(int argc, char** argv) {
     while (waitpid(iChild, &status, 0) < 0) {
         if (errno != EINTR) fail("waitpid");
     }
+    if (!isolated) endOrphans();
     return statusOf(status);
 }
