@@ -74,12 +74,14 @@ static void endOrphans() {
     char path[64];
     snprintf(path, sizeof path, "/proc/self/task/%d/children", getpid());
     for (;;) {
-        FILE* file = fopen(path, "re");
-        int orphan = 0;
-        while (file && fscanf(file, "%d", &orphan) == 1) {
-            kill(orphan, SIGKILL);
+        char children[4096] = "";
+        const int file = open(path, O_RDONLY | O_CLOEXEC);
+        if (file >= 0 && read(file, children, sizeof children - 1) < 0) children[0] = 0;
+        if (file >= 0) close(file);
+        char* next = children;
+        for (long orphan = strtol(next, &next, 10); orphan > 0; orphan = strtol(next, &next, 10)) {
+            kill(static_cast<pid_t>(orphan), SIGKILL);
         }
-        if (file) fclose(file);
         if (waitpid(-1, nullptr, 0) < 0 && errno == ECHILD) return;
     }
 }
