@@ -11,6 +11,7 @@ static constexpr char KLogModule[] = "common/msg_bus/message_bus";
 
 static void schedule_dispatch(message_bus* bus) {
     event* dispatch = bus->dispatchEvent.get();
+    // Should memory be too short for the timer, the next activity of the connection arms it.
     if (!event_pending(dispatch, EV_TIMEOUT, nullptr)) (void)armTimer(dispatch, 0, 0);
 }
 

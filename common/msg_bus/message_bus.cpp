@@ -85,7 +85,7 @@ message_bus* message_bus_new(event_base* base, const char* name, const char* pat
     OwnedConnection connection = openSharedConnection(DBUS_BUS_SESSION);
     if (!connection) return nullptr;
     std::unique_ptr<message_bus, ReleaseBus> bus(newBus(std::move(connection), base, name).release());
-    if (!bus || !connection_setup(bus.get())) {
+    if (!bus || !connection_setup(bus.get())) {  // also when memory is too short for the object
         LOG(WARN, "failed to setup dbus connection");
         return nullptr;
     }
@@ -121,7 +121,7 @@ int message_bus_request_name(message_bus* bus, const char* name) {
 
 static bool add_match_rule(message_bus* bus, const char* name) {
     const OwnedText rule = formatText("type='signal',interface='%s',member='%s'", bus->name.get(), name);
-    if (!rule) {
+    if (!rule) {  // short memory here reads as it does when the library itself runs out of it
         LOG(WARN, "Failed to dbus_bus_add_match: %s", DBUS_ERROR_NO_MEMORY);
         return false;
     }

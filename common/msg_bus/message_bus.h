@@ -54,7 +54,8 @@ void message_bus_set_method_call_callback(message_bus* bus, message_bus_method_c
 
 /// Answers `call` with one argument and releases it, whatever the result. Blocks until the reply is written. A text
 /// (not null) that is not UTF-8 or longer than 1 MiB fails; the client then gets an error instead. Any value other
-/// than 0 is true. The gate is given up while the reply is written. Bus thread.
+/// than 0 is true. A client that wants no answer is sent none, and the result is 1. The gate is given up while the
+/// reply is written. Bus thread.
 int message_bus_send_string_reply(message_bus* bus, DBusMessage* call, const char* text);
 int message_bus_send_bool_reply(message_bus* bus, DBusMessage* call, int value);
 

@@ -9,7 +9,7 @@
 static constexpr char KLogCategory[] = "message_bus";
 static constexpr char KLogModule[] = "common/msg_bus/message_bus";
 
-// The bus drops whoever sends more than it lets through at a time; no text of the daemon comes near this.
+// The bus drops whoever sends more than it lets through at a time, so a longer text fails as a reply.
 static constexpr size_t KLongestText = 1024UL * 1024;
 
 // Texts from servers and from the data model hold any byte, and libdbus ends the process on what is not UTF-8.
@@ -129,13 +129,14 @@ static OwnedMessage newError(DBusMessage* call) {
     return OwnedMessage(dbus_message_new_error(call, DBUS_ERROR_FAILED, "The reply could not be sent"));
 }
 
-// Releases the call whatever happens. `value` is null when it cannot go onto the bus.
+// Releases the call whatever happens. `value` is null when it cannot go onto the bus. A client that wants no reply is
+// sent none: the bus would refuse it and complain in its log.
 static int sendReply(message_bus* bus, DBusMessage* raw, int type, const void* value) {
     const OwnedMessage call(raw);
-    if (call && dbus_message_get_no_reply(call.get())) return 1;
-    if (call && value && sendMessage(bus, newReply(call.get(), type, value))) return 1;
+    const bool wanted = call && !dbus_message_get_no_reply(call.get());
+    if (call && value && (!wanted || sendMessage(bus, newReply(call.get(), type, value)))) return 1;
     LOG(WARN, "failed to send DBus method response");
-    if (call) (void)sendMessage(bus, newError(call.get()));
+    if (wanted) (void)sendMessage(bus, newError(call.get()));
     return 0;
 }
 
