@@ -65,8 +65,9 @@ const char* valueOf(const char* path, const char* parameter);
 void changeValueOf(const char* path, const char* parameter, const char* text);
 /// Whether a list of words, divided by blanks or commas, holds `word`.
 bool holdsWord(const char* words, const char* word);
-/// A parameter that holds a number; `otherwise` when it does not.
-long numberOf(const char* path, const char* parameter, long otherwise);
+/// A parameter that holds milliseconds, from 0 to an hour: more count as an hour, and what is negative or no whole
+/// number as `otherwise`, as does a parameter that does not exist.
+long millisecondsOf(const char* path, const char* parameter, long otherwise);
 
 // ---- functions.cpp: the functions of objects ----
 

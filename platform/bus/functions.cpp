@@ -144,7 +144,7 @@ void callFunction(Client* client, uint64_t id, const cJSON* frame) {
     if (!call->path || !call->function || (arguments && !call->arguments)) {
         return sendError(client, id, PCB_ERROR_NO_MEMORY, nullptr, nullptr);
     }
-    call->due = now() + numberOf(KSimulation, "Delay", 0);
+    call->due = now() + millisecondsOf(KSimulation, "Delay", 0);
     PendingCall** end = &firstCall;
     while (*end) {
         // A shorter delay lets no call overtake an earlier one.

@@ -1,4 +1,5 @@
 // How the gateway behaves when values change: its client towards the application server, its addresses.
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 
@@ -22,12 +23,12 @@ const char* valueOf(const char* path, const char* parameter) {
     return found ? found->text() : nullptr;
 }
 
-long numberOf(const char* path, const char* parameter, long otherwise) {
+long millisecondsOf(const char* path, const char* parameter, long otherwise) {
     const char* text = textOrEmpty(valueOf(path, parameter));
     char* end = nullptr;
     const long number = strtol(text, &end, 10);
-    const bool usable = end != text && !*end && number >= 0 && number <= KLongestMilliseconds;
-    return usable ? number : otherwise;
+    const bool usable = end != text && !*end && number >= 0;
+    return usable ? std::min(number, KLongestMilliseconds) : otherwise;
 }
 
 bool holdsWord(const char* words, const char* word) {
@@ -69,7 +70,7 @@ static void followConnectionMode() {
         event_pending(connectTimer, EV_TIMEOUT, nullptr)) {
         return;
     }
-    const long delay = numberOf(KSimulation, "ConnectDelay", KConnectMilliseconds);
+    const long delay = millisecondsOf(KSimulation, "ConnectDelay", KConnectMilliseconds);
     const timeval time = {delay / 1000, delay % 1000 * 1000};
     event_add(connectTimer, &time);
 }
