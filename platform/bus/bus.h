@@ -30,8 +30,9 @@ void serveClient(int socket);
 void dropClient(Client* client, const char* reason);
 /// Frees all clients at the end.
 void freeClients();
-/// Sends a frame (null: memory was short). A client that cannot be told is dropped.
-void sendFrame(Client* client, uint64_t id, OwnedJson frame);
+/// Sends a frame (null: memory was short): whether this frame is on its way. In the place of one that is too large goes
+/// an error; a client that cannot be told is dropped.
+bool sendFrame(Client* client, uint64_t id, OwnedJson frame);
 void sendError(Client* client, uint64_t id, uint32_t code, const char* path, const char* member);
 /// An answer with an id and nothing else; null when memory is short.
 [[nodiscard]] OwnedJson newAnswer(uint64_t id);

@@ -89,21 +89,41 @@ void sendError(Client* client, uint64_t id, uint32_t code, const char* path, con
     sendFrame(client, id, complete ? std::move(answer) : nullptr);
 }
 
-void sendFrame(Client* client, uint64_t id, OwnedJson frame) {
-    if (client->dropped) return;
+// Always false.
+static bool drop(Client* client, const char* reason) {
+    dropClient(client, reason);
+    return false;
+}
+
+bool sendFrame(Client* client, uint64_t id, OwnedJson frame) {
+    if (client->dropped) return false;
     const OwnedText text = frame ? printJson(frame.get()) : nullptr;
-    if (!text) return dropClient(client, "memory is short");
+    if (!text) return drop(client, "memory is short");
     const size_t length = strlen(text.get());
-    if (length > KMaxFrameLength) return sendError(client, id, PCB_ERROR_FRAME_TOO_LARGE, nullptr, nullptr);
+    if (length > KMaxFrameLength) {
+        sendError(client, id, PCB_ERROR_FRAME_TOO_LARGE, nullptr, nullptr);
+        return false;
+    }
     evbuffer* out = bufferevent_get_output(client->stream.get());
-    if (evbuffer_get_length(out) + length > KMaxBacklog) return dropClient(client, "it does not read, 64 MiB wait");
+    if (evbuffer_get_length(out) + length > KMaxBacklog) return drop(client, "it does not read, 64 MiB wait");
     text.get()[length] = '\n';  // in the place of its zero
-    if (evbuffer_add(out, text.get(), length + 1) != 0) dropClient(client, "memory is short");
+    return evbuffer_add(out, text.get(), length + 1) == 0 || drop(client, "memory is short");
+}
+
+// Whether a zero byte stands in the line, as such or escaped: it would cut a text short.
+static bool holdsZero(std::string_view line) {
+    if (line.find('\0') != std::string_view::npos) return true;
+    size_t escape = line.find('\\');
+    while (escape != std::string_view::npos) {
+        if (line.substr(escape + 1, 5) == "u0000") return true;
+        escape = line.find('\\', escape + 2);  // what is escaped may itself be a backslash
+    }
+    return false;
 }
 
 static void handleLine(Client* client, char* line, size_t length) {
     line[length] = '\0';
-    const OwnedJson frame(strlen(line) == length ? cJSON_ParseWithOpts(line, nullptr, true) : nullptr);
+    const OwnedJson frame(holdsZero({line, length}) ? nullptr : cJSON_ParseWithOpts(line, nullptr, true));
     const bool complete = jsonCount(frame.get(), KWireId) && jsonText(frame.get(), KWireOperation);
     if (!complete) return dropClient(client, "malformed frame");
     handleFrame(client, frame.get());

@@ -44,9 +44,10 @@ void subscribe(Client* client, uint64_t id, const cJSON* frame) {
     subscription->id = id;
     subscription->flags = flags;
     subscription->depth = depthOf(frame);
-    sendFrame(client, id, firstAnswer(id, flags, path, subscription->depth));
+    // Who hears of an error is told that the request is over.
+    const bool answered = sendFrame(client, id, firstAnswer(id, flags, path, subscription->depth));
     const bool onlyObject = flags & REQUEST_OBJECT && !(flags & REQUEST_STAYS);
-    if (onlyObject) return;
+    if (!answered || onlyObject) return;
     Subscription** end = &firstSubscription;
     while (*end) {
         end = &(*end)->next;
