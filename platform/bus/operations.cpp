@@ -1,4 +1,6 @@
 // What clients ask of the bus, one row an operation.
+#include <cmath>
+#include <cstdint>
 #include <cstring>
 
 #include "platform/bus/bus.h"
@@ -77,12 +79,36 @@ static void answerObject(const Call& call) {
     sendFrame(call.client, call.id, std::move(answer));
 }
 
+// Whether a member is missing or a whole number in the range.
+static bool isMissingOrWhole(const cJSON* frame, const char* name, double least, double most) {
+    const cJSON* item = cJSON_GetObjectItemCaseSensitive(frame, name);
+    return !item || (cJSON_IsNumber(item) && item->valuedouble >= least && item->valuedouble <= most &&
+                     floor(item->valuedouble) == item->valuedouble);
+}
+
 static void answerSubscribe(const Call& call) {
+    if (!isMissingOrWhole(call.frame, KWireDepth, INT32_MIN, INT32_MAX) ||
+        !isMissingOrWhole(call.frame, KWireFlags, 0, UINT32_MAX)) {
+        return call.refuse(PCB_ERROR_MALFORMED_REQUEST);
+    }
     if (namedObject(call)) subscribe(call.client, call.id, call.frame);
 }
 
+// An argument is a text, or an object that stands for a map.
+static bool areArguments(const cJSON* arguments) {
+    if (!arguments) return true;
+    if (!cJSON_IsObject(arguments)) return false;
+    const cJSON* argument = nullptr;
+    cJSON_ArrayForEach(argument, arguments) {
+        if (!cJSON_IsString(argument) && !cJSON_IsObject(argument)) return false;
+    }
+    return true;
+}
+
 static void answerCall(const Call& call) {
-    if (!call.path || !jsonText(call.frame, KWireFunction)) return call.refuse(PCB_ERROR_MALFORMED_REQUEST);
+    const bool usable = call.path && jsonText(call.frame, KWireFunction) &&
+                        areArguments(cJSON_GetObjectItemCaseSensitive(call.frame, KWireArguments));
+    if (!usable) return call.refuse(PCB_ERROR_MALFORMED_REQUEST);
     callFunction(call.client, call.id, call.frame);
 }
 

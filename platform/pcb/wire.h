@@ -1,7 +1,7 @@
 // What a client and the bus say to each other: frames of one JSON object a line.
 //
-// A client's frame holds "op" and an "id" that counts up from 1. The bus answers with the same id: "error" (a code),
-// "description" and "info", or what the operation gives.
+// A client's frame holds "op" and an "id" that counts up from 1, to 10^15 at most. The bus answers with the same id:
+// "error" (a code), "description" and "info", or what the operation gives.
 //
 //   hello      name, platform                 -> {}
 //   get        path, parameter                -> value
@@ -9,7 +9,8 @@
 //   object     path                           -> object
 //   subscribe  path, depth, flags             -> object if asked for, else {}; and then any number of
 //                                                notification (its type), path, parameters (an array of texts)
-//   call       path, function, arguments      -> returns (if anything), arguments: [{name, value}]
+//   call       path, function, arguments (an object of texts and of objects, which are maps)
+//                                             -> returns (if anything), arguments: [{name, value}]
 //   cancel     request (the id of a subscription or call): no answer, and none for the request any more
 #pragma once
 
@@ -51,11 +52,12 @@ inline const char* jsonText(const cJSON* object, const char* name) {
     return cJSON_GetStringValue(cJSON_GetObjectItemCaseSensitive(object, name));
 }
 
-/// A member as a number from 0 to 2^53, such as an id or an error code; 0 when there is none.
+/// A member as a whole number from 0 to 10^15, such as an id or an error code; 0 when there is none.
 inline uint64_t jsonCount(const cJSON* object, const char* name) {
     const cJSON* item = cJSON_GetObjectItemCaseSensitive(object, name);
-    const bool fits = cJSON_IsNumber(item) && item->valuedouble >= 0 && item->valuedouble <= 9007199254740992.0;
-    return fits ? static_cast<uint64_t>(item->valuedouble) : 0;
+    if (!cJSON_IsNumber(item) || !(item->valuedouble >= 0 && item->valuedouble <= 1e15)) return 0;
+    const auto count = static_cast<uint64_t>(item->valuedouble);
+    return static_cast<double>(count) == item->valuedouble ? count : 0;
 }
 
 /// Adds a member; false when memory is short.
