@@ -1,4 +1,8 @@
 // pcb-ctl: reads, sets, lists and watches the data model, and calls its functions, from a shell.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
@@ -54,7 +58,11 @@ static bool complain(const char* what, const char* detail, const char* reason) {
     return false;
 }
 
-static bool print(const char* text) { return puts(text) >= 0 && fflush(stdout) == 0; }
+static bool complainOfOutput() { return complain("standard output", nullptr, strerror(errno)); }
+
+static bool flushOutput() { return (fflush(stdout) == 0 && !ferror(stdout)) || complainOfOutput(); }
+
+static bool print(const char* text) { return puts(text) < 0 ? complainOfOutput() : flushOutput(); }
 
 static bool get(const Session& session, char** words, int) {
     const variant_t* value = pcb_client_get(session.peer, words[0], words[1]);
@@ -76,7 +84,7 @@ static bool list(object_t* object) {
          parameter = object_nextParameter(parameter)) {
         const OwnedText value(variant_char(parameter_getValue(parameter)));
         if (!value) return complain(path.get(), parameter_name(parameter), error_string(pcb_error));
-        printf("%s.%s=%s\n", path.get(), parameter_name(parameter), value.get());
+        if (printf("%s.%s=%s\n", path.get(), parameter_name(parameter), value.get()) < 0) return complainOfOutput();
     }
     for (object_t* child = object_firstChild(object); child; child = object_nextSibling(child)) {
         if (!list(child)) return false;
@@ -87,7 +95,7 @@ static bool list(object_t* object) {
 static bool ls(const Session& session, char** words, int count) {
     const char* path = count ? words[0] : "";
     object_t* object = pcb_client_get_object(session.peer, path, 0);
-    return object ? list(object) : complain(path, nullptr, error_string(pcb_error));
+    return object ? list(object) && flushOutput() : complain(path, nullptr, error_string(pcb_error));
 }
 
 static void reportError(request_t* request, reply_item_t* item) {
@@ -114,6 +122,7 @@ static void reportError(request_t* request, reply_item_t* item) {
 }
 
 static int printChange(request_t* request, reply_item_t* item) {
+    if (failed) return 1;
     if (reply_item_type(item) == REPLY_ITEM_ERROR) reportError(request, item);
     if (reply_item_type(item) == REPLY_ITEM_OBJECT) fprintf(stderr, "watching %s\n", request_path(request));
     if (reply_item_type(item) != REPLY_ITEM_NOTIFICATION) return 1;
@@ -122,10 +131,10 @@ static int printChange(request_t* request, reply_item_t* item) {
     notification_parameter_t* before = notification_nextParameter(name);
     notification_parameter_t* after = notification_nextParameter(before);
     if (!after) return 1;
-    printf("%s %s %s -> %s\n", notification_objectPath(notification), notification_parameter_value(name),
-           notification_parameter_value(before), notification_parameter_value(after));
-    if (fflush(stdout) != 0)
-        failed = !complain(request_path(request), nullptr, "nobody reads standard output any more");
+    const bool printed =
+        printf("%s %s %s -> %s\n", notification_objectPath(notification), notification_parameter_value(name),
+               notification_parameter_value(before), notification_parameter_value(after)) >= 0;
+    failed = !(printed ? flushOutput() : complainOfOutput());
     return 1;
 }
 
@@ -221,7 +230,18 @@ static bool runCommand(const char* socketPath, char** words, int count) {
     return false;
 }
 
+// Takes the places of standard streams that are closed, or the socket would take one, and what is printed go to the
+// bus. Writing there fails, as it would have done.
+static void fillStandardStreams() {
+    int file = 0;
+    while (file >= 0 && file <= STDERR_FILENO) {
+        file = open("/dev/null", O_RDONLY);
+    }
+    if (file >= 0) close(file);
+}
+
 int main(int count, char** words) {
+    fillStandardStreams();
     const char* socketPath = KDefaultSocket;
     ++words;
     --count;
