@@ -38,4 +38,10 @@ struct Exchange {
 /// A text as a JSON string with its quotes; zero bytes and control characters are escaped, other bytes stay.
 std::string quote(const std::string& text);
 
+/// What a number in an order may be at most.
+inline constexpr size_t KLargestNumber = size_t{64} << 20;
+
+/// The number that is all of a word; throws std::invalid_argument when there is none from `least` to `most`.
+size_t toNumber(const std::string& word, size_t least = 0, size_t most = KLargestNumber);
+
 }  // namespace cloudsim

@@ -1,6 +1,8 @@
 #include "simulator/cloud-sim/faults.h"
 
 #include <algorithm>
+#include <charconv>
+#include <cstring>
 #include <stdexcept>
 
 namespace cloudsim {
@@ -22,13 +24,24 @@ std::string quote(const std::string& text) {
     return quoted + '"';
 }
 
+size_t toNumber(const std::string& word, size_t least, size_t most) {
+    size_t number = 0;
+    const char* const wordEnd = word.data() + word.size();
+    const auto [end, error] = std::from_chars(word.data(), wordEnd, number);
+    if (error == std::errc() && end == wordEnd && number >= least && number <= most) return number;
+    throw std::invalid_argument(word.substr(0, 30) + " is no number from " + std::to_string(least) + " to " +
+                                std::to_string(most));
+}
+
 static std::string valueOr(const Words& values, size_t index, const char* otherwise) {
     return index < values.size() ? values[index] : otherwise;
 }
 
 static size_t numberOr(const Words& values, size_t otherwise) {
-    return values.empty() ? otherwise : std::stoul(values[0]);
+    return values.empty() ? otherwise : toNumber(values[0]);
 }
+
+static int toStatus(const std::string& word) { return static_cast<int>(toNumber(word, 100, 599)); }
 
 // Puts a member in front of those that a JSON object has.
 static void putInFront(std::string& object, const std::string& member) {
@@ -67,8 +80,8 @@ static void putHttp404(Exchange& e, const Words&) { answer(e, 404, R"({"status":
 static void putHttp204(Exchange& e, const Words&) { answer(e, 204, ""); }
 static void putNotJson(Exchange& e, const Words&) { answer(e, 200, "busy, try later"); }
 static void putEmpty(Exchange& e, const Words&) { answer(e, 200, ""); }
-static void putBody(Exchange& e, const Words& values) { answer(e, std::stoi(values.at(0)), values.at(1), KJson); }
-static void putRaw(Exchange& e, const Words& values) { e.raw = values.at(0); }
+static void putBody(Exchange& e, const Words& values) { answer(e, toStatus(values[0]), values[1], KJson); }
+static void putRaw(Exchange& e, const Words& values) { e.raw = values[0]; }
 
 static void putLarge(Exchange& e, const Words& values) {
     putInFront(e.body, "\"padding\":\"" + std::string(numberOr(values, 4 << 20), 'x') + '"');
@@ -89,7 +102,7 @@ static void putLongHeader(Exchange& e, const Words& values) {
 }
 
 static void putRedirect(Exchange& e, const Words& values) {
-    redirect(e, static_cast<int>(numberOr(values, 302)), e.url + "/moved" + e.target);
+    redirect(e, values.empty() ? 302 : toStatus(values[0]), e.url + "/moved" + e.target);
 }
 
 static void putRedirectLoop(Exchange& e, const Words&) { redirect(e, 302, e.url + e.target); }
@@ -106,33 +119,34 @@ static void putHalf(Exchange& e, const Words&) { e.ending = Ending::HalfBody; }
 static void putShort(Exchange& e, const Words&) { e.ending = Ending::ShortBody; }
 static void putBrokenChunk(Exchange& e, const Words&) { e.ending = Ending::BrokenChunk; }
 
+static constexpr char KFile[] = "@FILE";
 static constexpr FaultKind KFaultKinds[] = {
-    {"status",          "[STATUS [ERROR]]", "an error status in the JSON",                       putStatus       },
-    {"http500",         "",                 "HTTP 500 with JSON",                                putHttp500      },
-    {"http500-text",    "",                 "HTTP 500 without JSON",                             putHttp500Text  },
-    {"http404",         "",                 "HTTP 404 with JSON",                                putHttp404      },
-    {"http204",         "",                 "HTTP 204",                                          putHttp204      },
-    {"not-json",        "",                 "a body that is not JSON",                           putNotJson      },
-    {"empty",           "",                 "an empty body",                                     putEmpty        },
-    {"body",            "STATUS BODY",      "this HTTP status and these bytes",                  putBody         },
-    {"raw",             "BYTES",            "these bytes as the whole answer, headers included", putRaw          },
-    {"large",           "[BYTES]",          "the answer with a padding of 4 MiB in front",       putLarge        },
-    {"nested",          "[LEVELS]",         "the answer nested 1001 deep",                       putNested       },
-    {"duplicate",       "",                 "another \"status\" in front of the true one",       putDuplicate    },
-    {"upper-case",      "",                 "the answer with member names in upper case",        putUpperCase    },
-    {"byte-order-mark", "",                 "the answer behind a byte order mark",               putByteOrderMark},
-    {"zero-byte",       "",                 "the answer with a zero byte in its middle",         putZeroByte     },
-    {"long-header",     "[BYTES]",          "the answer behind a header of 100 KiB",             putLongHeader   },
-    {"redirect",        "[STATUS]",         "302 to an address that answers, without faults",    putRedirect     },
-    {"redirect-loop",   "",                 "302 to itself; order it with count 0",              putRedirectLoop },
-    {"redirect-file",   "",                 "302 to a file",                                     putRedirectFile },
-    {"hold",            "",                 "the answer, held until the order release",          putHold         },
-    {"delay",           "[MS]",             "the answer after 1000 ms",                          putDelay        },
-    {"trickle",         "[MS]",             "the answer one byte at a time, 1000 ms apart",      putTrickle      },
-    {"close",           "",                 "closed before the first byte",                      putClose        },
-    {"half",            "",                 "closed half way through the body",                  putHalf         },
-    {"short",           "",                 "half of the announced body, properly closed",       putShort        },
-    {"broken-chunk",    "",                 "a chunked body that breaks off",                    putBrokenChunk  },
+    {"status",          "[STATUS [ERROR]]",  "an error status in the JSON",                       putStatus       },
+    {"http500",         "",                  "HTTP 500 with JSON",                                putHttp500      },
+    {"http500-text",    "",                  "HTTP 500 without JSON",                             putHttp500Text  },
+    {"http404",         "",                  "HTTP 404 with JSON",                                putHttp404      },
+    {"http204",         "",                  "HTTP 204",                                          putHttp204      },
+    {"not-json",        "",                  "a body that is not JSON",                           putNotJson      },
+    {"empty",           "",                  "an empty body",                                     putEmpty        },
+    {"body",            "STATUS BODY|@FILE", "this HTTP status and these bytes",                  putBody         },
+    {"raw",             "BYTES|@FILE",       "these bytes as the whole answer, headers included", putRaw          },
+    {"large",           "[BYTES]",           "the answer with a padding of 4 MiB in front",       putLarge        },
+    {"nested",          "[LEVELS]",          "the answer nested 1001 deep",                       putNested       },
+    {"duplicate",       "",                  "another \"status\" in front of the true one",       putDuplicate    },
+    {"upper-case",      "",                  "the answer with member names in upper case",        putUpperCase    },
+    {"byte-order-mark", "",                  "the answer behind a byte order mark",               putByteOrderMark},
+    {"zero-byte",       "",                  "the answer with a zero byte in its middle",         putZeroByte     },
+    {"long-header",     "[BYTES]",           "the answer behind a header of 100 KiB",             putLongHeader   },
+    {"redirect",        "[STATUS]",          "302 to an address that answers, without faults",    putRedirect     },
+    {"redirect-loop",   "",                  "302 to itself; order it with count 0",              putRedirectLoop },
+    {"redirect-file",   "",                  "302 to a file",                                     putRedirectFile },
+    {"hold",            "",                  "the answer, held until the order release",          putHold         },
+    {"delay",           "[MS]",              "the answer after 1000 ms",                          putDelay        },
+    {"trickle",         "[MS]",              "the answer one byte at a time, 1000 ms apart",      putTrickle      },
+    {"close",           "",                  "closed before the first byte",                      putClose        },
+    {"half",            "",                  "closed half way through the body",                  putHalf         },
+    {"short",           "",                  "half of the announced body, properly closed",       putShort        },
+    {"broken-chunk",    "",                  "a chunked body that breaks off",                    putBrokenChunk  },
 };
 
 static constexpr ConnectionKind KConnectionKinds[] = {
@@ -147,6 +161,11 @@ static constexpr ConnectionKind KConnectionKinds[] = {
 std::span<const FaultKind> faultKinds() { return KFaultKinds; }
 std::span<const ConnectionKind> connectionKinds() { return KConnectionKinds; }
 
+bool takesFile(const std::string& kind) {
+    return std::any_of(std::begin(KFaultKinds), std::end(KFaultKinds),
+                       [&](const FaultKind& row) { return row.name == kind && strstr(row.values, KFile); });
+}
+
 template <class Kind>
 static const Kind* find(std::span<const Kind> kinds, const std::string& name) {
     const auto found = std::find_if(kinds.begin(), kinds.end(), [&](const Kind& kind) { return kind.name == name; });
@@ -154,17 +173,28 @@ static const Kind* find(std::span<const Kind> kinds, const std::string& name) {
     return &*found;
 }
 
+// So that a value that cannot be used is refused now, and not at the request.
+static void rehearse(const FaultKind& kind, const Words& values) {
+    const std::string_view all = kind.values;
+    const std::string_view required = all.substr(0, all.find('['));
+    const auto most = static_cast<size_t>(std::count(all.begin(), all.end(), ' ')) + !all.empty();
+    const auto least = static_cast<size_t>(std::count(required.begin(), required.end(), ' ')) + !required.empty();
+    const std::string usage = std::string("the fault ") + kind.name + " takes " + (most ? kind.values : "no value");
+    if (values.size() < least || values.size() > most) throw std::invalid_argument(usage);
+    Exchange exchange;
+    try {
+        kind.apply(exchange, values);
+    } catch (const std::invalid_argument& error) {
+        throw std::invalid_argument(usage + ": " + error.what());
+    }
+}
+
 void FaultQueues::order(const std::string& resource, const std::string& kind, unsigned count, Words values) {
     if (resource == KConnection) {
         (void)find(connectionKinds(), kind);
+        if (!values.empty()) throw std::invalid_argument("the fault " + kind + " takes no value");
     } else {
-        const FaultKind* const row = find(faultKinds(), kind);
-        Exchange rehearsal;  // so that a value that cannot be used is refused now, and not at the request
-        try {
-            row->apply(rehearsal, values);
-        } catch (const std::logic_error&) {
-            throw std::invalid_argument("the fault " + kind + " takes " + row->values);
-        }
+        rehearse(*find(faultKinds(), kind), values);
     }
     orders_[resource].push_back({kind, count, std::move(values)});
 }

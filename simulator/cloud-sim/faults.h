@@ -17,9 +17,10 @@ inline constexpr char KConnection[] = "connection";
 
 struct FaultKind {
     const char* name;
-    const char* values;  // what may follow the count, for the help
+    const char* values;  // what may follow the count, one word each, what may be left out in brackets
     const char* help;
-    /// Puts the fault upon an answer; throws std::exception for values that it cannot use.
+    /// Puts the fault upon an answer; there are as many values as `values` says. Throws std::invalid_argument for a
+    /// value that it cannot use.
     void (*apply)(Exchange& exchange, const Words& values);
 };
 
@@ -32,6 +33,8 @@ struct ConnectionKind {
     Certificate certificate;
 };
 
+/// Whether the fault's last value may be @FILE.
+bool takesFile(const std::string& kind);
 std::span<const FaultKind> faultKinds();
 std::span<const ConnectionKind> connectionKinds();
 
@@ -39,7 +42,7 @@ std::span<const ConnectionKind> connectionKinds();
 class FaultQueues {
   public:
     /// Orders `kind` for the next `count` requests of `resource`, 0 for all until it is cleared. Throws
-    /// std::invalid_argument for an unknown kind and for values that it cannot use.
+    /// std::invalid_argument for an unknown kind and for values that it cannot use or does not take.
     void order(const std::string& resource, const std::string& kind, unsigned count, Words values);
     /// Takes back what was ordered for `resource`; for all when it is empty.
     void clear(const std::string& resource);

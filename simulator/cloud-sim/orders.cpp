@@ -1,7 +1,6 @@
 #include "simulator/cloud-sim/orders.h"
 
 #include <algorithm>
-#include <charconv>
 #include <fstream>
 #include <iostream>
 #include <sstream>
@@ -21,13 +20,6 @@ static bool toBool(const Words& words, size_t index, bool otherwise) {
     if (index >= words.size()) return otherwise;
     if (words[index] != "true" && words[index] != "false") throw std::invalid_argument("neither true nor false");
     return words[index] == "true";
-}
-
-static unsigned toCount(const std::string& word) {
-    unsigned count = 0;
-    const auto [end, error] = std::from_chars(word.data(), word.data() + word.size(), count);
-    if (error != std::errc() || end != word.data() + word.size()) throw std::invalid_argument("COUNT is no number");
-    return count;
 }
 
 static void checkResource(const std::string& name) {
@@ -76,7 +68,7 @@ static std::string orderPlug(Cloud& cloud, const Words& words) {
 
 static std::string orderFault(Cloud& cloud, const Words& words) {
     checkResource(words[1]);
-    const unsigned count = words.size() > 3 ? toCount(words[3]) : 1;
+    const unsigned count = words.size() > 3 ? static_cast<unsigned>(toNumber(words[3])) : 1;
     Words values;
     for (size_t i = 4; i < words.size(); ++i) {
         values.push_back(words[i]);
@@ -182,29 +174,69 @@ static std::string carryOut(Cloud& cloud, const Words& words) {
     throw std::invalid_argument("unknown order; try help");
 }
 
-static Words wordsOf(const httplib::Request& request) {
+// The words of a path such as /show, each percent-encoded.
+static Words wordsOfPath(const std::string& path) {
     Words words;
     size_t end = 0;
     do {
         const size_t begin = end + 1;
-        end = request.target.find('/', begin);
-        words.push_back(httplib::detail::decode_url(request.target.substr(begin, end - begin), false));
+        end = path.find('/', begin);
+        words.push_back(httplib::detail::decode_url(path.substr(begin, end - begin), false));
     } while (end != std::string::npos);
-    if (!request.body.empty()) words.push_back(request.body);
     return words;
+}
+
+// A body holds each word behind its length and a colon: words may be long, and hold any byte.
+static Words wordsOfBody(const std::string& body) {
+    Words words;
+    size_t begin = 0;
+    while (begin < body.size()) {
+        const size_t colon = std::min(body.find(':', begin), body.size());
+        const size_t length = toNumber(body.substr(begin, colon - begin));
+        begin = colon + 1;
+        if (begin > body.size() || length > body.size() - begin) throw std::invalid_argument("a word is cut short");
+        words.push_back(body.substr(begin, length));
+        begin += length;
+    }
+    return words;
+}
+
+static std::string bodyOf(const Words& words) {
+    std::string body;
+    for (const std::string& word : words) {
+        body += std::to_string(word.size()) + ":" + word;
+    }
+    return body;
+}
+
+static void refuse(httplib::Response& response, const char* reason) {
+    response.status = 400;
+    response.set_content(reason, "text/plain");
 }
 
 void serveOrders(httplib::Server& server, Cloud& cloud) {
     const auto handler = [&cloud](const httplib::Request& request, httplib::Response& response) {
         try {
-            response.set_content(carryOut(cloud, wordsOf(request)), "text/plain");
-        } catch (const std::logic_error& error) {
-            response.status = 400;
-            response.set_content(error.what(), "text/plain");
+            const bool post = request.method == "POST";
+            const Words words = post ? wordsOfBody(request.body) : wordsOfPath(request.target);
+            response.set_content(carryOut(cloud, words), "text/plain");
+        } catch (const std::bad_alloc&) {
+            refuse(response, "memory is short");
+        } catch (const std::exception& error) {
+            refuse(response, error.what());
         }
     };
     server.Get(".*", handler);
     server.Post(".*", handler);
+}
+
+// Puts the bytes of a file in the place of the word @FILE.
+static void readFileOf(std::string& word) {
+    const std::string name = word.substr(1);
+    std::ifstream file(name, std::ios::binary);
+    file.peek();  // a folder can be opened, but not read
+    if (!file.is_open() || file.bad()) throw std::runtime_error("cannot read " + name);
+    word = readAll(file);
 }
 
 int sendOrder(const std::string& directory, Words words) {
@@ -214,26 +246,21 @@ int sendOrder(const std::string& directory, Words words) {
         std::cerr << "cloud-sim: no servers run in " << directory << "\n";
         return 1;
     }
-    std::string bytes;
-    if (words[0] == "fault" && words.back().starts_with('@')) {
-        std::ifstream content(words.back().substr(1), std::ios::binary);
-        bytes = readAll(content);
-        words.pop_back();
-        if (bytes.empty()) words.emplace_back();
-    }
-    std::string path;
-    for (const std::string& word : words) {
-        path += "/" + httplib::detail::encode_query_param(word);
-    }
+    const bool valued = words.size() > 4 && words[0] == "fault";
+    if (valued && takesFile(words[2]) && words.back().starts_with('@')) readFileOf(words.back());
     httplib::Client client(url);
-    const httplib::Result result = client.Post(path, bytes, "application/octet-stream");
+    const httplib::Result result = client.Post("/", bodyOf(words), "application/octet-stream");
     if (!result) {
         std::cerr << "cloud-sim: no answer from " << url << "\n";
         return 1;
     }
-    (result->status == 200 ? std::cout : std::cerr << "cloud-sim: ")
-        << result->body << (result->status == 200 ? "" : "\n");
-    return result->status == 200 ? 0 : 1;
+    if (result->status == 200) {
+        std::cout << result->body;
+        return 0;
+    }
+    const std::string& reason = result->body;
+    std::cerr << "cloud-sim: " << (reason.empty() ? "refused, HTTP " + std::to_string(result->status) : reason) << "\n";
+    return 1;
 }
 
 }  // namespace cloudsim
