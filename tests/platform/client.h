@@ -1,4 +1,5 @@
-// What the platform's tests share: a connected client, watches that write down what arrives, and raw connections.
+// What the platform's tests share: a running bus and a connected client, requests that write down what arrives, and
+// the two ends that keep to no rules.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -8,17 +9,29 @@
 
 #include <functional>
 #include <map>
+#include <numeric>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "platform/pcb/pcb.h"
 #include "tests/world/world.h"
 
-inline std::string textOf(const variant_t* variant) {
-    char* text = variant_char(variant);
+using Items = std::vector<std::string>;
+
+inline constexpr char KDynDns[] = "OrvoService.DynDNS";
+
+/// The text, which is released.
+inline std::string take(char* text) {
     std::string copy = text ? text : "(none)";
     free(text);
     return copy;
+}
+
+inline std::string everyByte() {
+    std::string bytes(255, '\1');
+    std::iota(bytes.begin(), bytes.end(), '\1');
+    return bytes;
 }
 
 struct Client {
@@ -30,97 +43,104 @@ struct Client {
         if (platform) pcb_client_set_attribute(pcb, PCB_CLIENT_PLATFORM, 1);
         peer = pcb_client_connect(pcb, ("pcb://ipc:{" + path + "}").c_str());
     }
-    Client(const Client&) = delete;
-    Client& operator=(const Client&) = delete;
     ~Client() { pcb_destroy(pcb); }
 
+    /// What the last failed operation says.
+    std::string error() const { return error_string(pcb_client_error(pcb)); }
     std::string get(const char* path, const char* parameter) const {
         const variant_t* value = pcb_client_get(peer, path, parameter);
-        return value ? textOf(value) : "error: " + std::string(error_string(pcb_client_error(pcb)));
+        return value ? take(variant_char(value)) : "error: " + error();
     }
-    /// 0, or the error.
-    uint32_t set(const char* path, const char* parameter, const std::string& text) const {
-        variant_t value;
-        variant_initialize(&value);
-        variant_setChar(&value, text.c_str());
-        const bool done = pcb_client_set(peer, path, parameter, &value);
-        variant_cleanup(&value);
-        return done ? 0 : pcb_client_error(pcb);
+    /// "done", or the error.
+    std::string set(const char* path, const char* parameter, const std::string& value) const {
+        variant_t variant;
+        variant_initialize(&variant);
+        variant_setChar(&variant, value.c_str());
+        const bool done = pcb_client_set(peer, path, parameter, &variant);
+        variant_cleanup(&variant);
+        return done ? "done" : error();
     }
-    /// Runs the event loop until `done` holds; false when the loop must end before. What never comes ends the test.
+    /// Runs the event loop until `done` holds; false when the loop must end before.
     bool loopUntil(const std::function<bool()>& done) const {
-        alarm(40);
         llist_t list;
         llist_initialize(&list);
         llist_append(&list, connection_listLink(pcb_connection(pcb)));
+        fd_set readSet, writeSet;
         while (!done() && !connection_isTerminated()) {
-            fd_set readSet, writeSet;
-            if (connection_waitForEvents_r(&list, &readSet, &writeSet) > 0) {
-                connection_handleEvents_r(&list, &readSet, &writeSet);
-            }
+            const int ready = connection_waitForEvents_r(&list, &readSet, &writeSet);
+            EXPECT_GE(ready, 0);
+            if (ready > 0) connection_handleEvents_r(&list, &readSet, &writeSet);
         }
         llist_cleanup(&list);
-        alarm(0);
         return done();
     }
 };
 
 /// A request that writes down what arrives for it, one text an item.
 struct Watch {
+    const Client& client;
     request_t* request;
-    std::vector<std::string> items;
-    std::function<void()> onItem;
+    Items items;
+    std::function<void()> onItem = [] {};
 
-    Watch(const Client& client, const char* path, uint32_t flags = REQUEST_WATCH)
-        : Watch(client, request_create_getObject(path, -1, flags)) {}
-    Watch(const Client& client, request_t* prepared) : request(prepared) {
-        byRequest()[request] = this;
+    Watch(const Client& sender, const char* path, uint32_t flags = REQUEST_WATCH)
+        : Watch(sender, request_create_getObject(path, -1, flags)) {}
+    Watch(const Client& sender, request_t* prepared) : client(sender), request(prepared) {
+        byRequest[request] = this;
         request_setReplyItemHandler(request, takeItem);
         EXPECT_TRUE(pcb_sendRequest(client.pcb, client.peer, request));
     }
-    Watch(const Watch&) = delete;
-    Watch& operator=(const Watch&) = delete;
     ~Watch() { end(); }
     void end() {
-        byRequest().erase(request);
+        byRequest.erase(request);
         request_destroy(request);
         request = nullptr;
     }
+    /// Runs the client's event loop until so many items are there.
+    const Items& await(size_t count) const {
+        EXPECT_TRUE(client.loopUntil([&] { return items.size() >= count; }));
+        return items;
+    }
 
   private:
-    static std::map<request_t*, Watch*>& byRequest() {
-        static auto* watches = new std::map<request_t*, Watch*>;
-        return *watches;
-    }
+    static inline auto& byRequest = *new std::map<request_t*, Watch*>;
+
     static int takeItem(request_t* request, reply_item_t* item) {
-        Watch* watch = byRequest().at(request);
+        Watch* watch = byRequest.at(request);
         watch->items.push_back(describe(item));
-        if (watch->onItem) watch->onItem();
+        watch->onItem();
         return 1;
     }
     static std::string describe(reply_item_t* item) {
+        const std::string blank = " ";
         std::string text;
         if (object_t* object = reply_item_object(item)) {
-            char* path = object_pathChar(object, 0);
-            text = "object " + std::string(path);
-            free(path);
+            text = "object " + take(object_pathChar(object, 0));
             for (parameter_t* each = object_firstParameter(object); each; each = object_nextParameter(each)) {
-                text += std::string(" ") + parameter_name(each) + "=" + textOf(parameter_getValue(each));
+                text += blank + parameter_name(each) + "=" + take(variant_char(parameter_getValue(each)));
             }
         } else if (notification_t* notification = reply_item_notification(item)) {
-            text = std::to_string(notification_type(notification)) + " " + notification_objectPath(notification);
+            text = std::to_string(notification_type(notification)) + blank + notification_objectPath(notification);
             notification_parameter_t* each = notification_firstParameter(notification);
             for (; each; each = notification_nextParameter(each)) {
-                text += std::string(" ") + notification_parameter_value(each);
+                text += blank + notification_parameter_value(each);
             }
         } else if (reply_item_type(item) == REPLY_ITEM_ERROR) {
-            text = "error " + std::string(error_string(static_cast<uint32_t>(reply_item_error(item)))) + ": " +
-                   reply_item_errorDescription(item) + ": " + reply_item_errorInfo(item);
+            text = std::string("error ") + reply_item_errorDescription(item) + ": " + reply_item_errorInfo(item);
         } else {
-            text = "returns " + textOf(reply_item_returnValue(item));
+            text = "returns " + take(variant_char(reply_item_returnValue(item)));
         }
         return text;
     }
+};
+
+inline request_t* call(const char* path, const char* function) {
+    return request_create_executeFunction(path, function, REQUEST_FUNCTION_ASYNCHRONOUS);
+}
+
+struct Platform : testing::Test {
+    std::unique_ptr<world::Process> bus = world::startPcbBus();
+    Client client;
 };
 
 /// A connection that can send anything.
@@ -131,26 +151,41 @@ struct RawConnection {
         sockaddr_un address{AF_UNIX, "/var/run/pcb_sys"};
         EXPECT_EQ(connect(socket, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
     }
-    RawConnection(const RawConnection&) = delete;
-    RawConnection& operator=(const RawConnection&) = delete;
     ~RawConnection() { close(socket); }
-    /// Whether all of it was taken.
+    /// Whether all of it was taken; the bus may close the connection before.
     bool send(std::string_view bytes) const {
-        while (!bytes.empty()) {
-            const ssize_t count = ::send(socket, bytes.data(), bytes.size(), MSG_NOSIGNAL);
-            if (count <= 0) return false;
-            bytes.remove_prefix(static_cast<size_t>(count));
-        }
-        return true;
+        return ::send(socket, bytes.data(), bytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size());
     }
     /// What comes until `end` was read or the other side closes.
     std::string receiveUntil(std::string_view end) const {
         std::string all;
-        char bytes[4096];
-        ssize_t count = 0;
-        while (all.find(end) == std::string::npos && (count = recv(socket, bytes, sizeof bytes, 0)) > 0) {
-            all.append(bytes, static_cast<size_t>(count));
+        for (char byte = 0; !all.ends_with(end) && recv(socket, &byte, 1, 0) == 1;) {
+            all += byte;
         }
         return all;
     }
 };
+
+/// Gets a value from a bus that greets its client, answers with anything and closes the connection; what came of it.
+/// The client lives until `then` is done.
+inline std::string askLiar(std::string_view answer, void (*then)() = nullptr) {
+    sockaddr_un address{AF_UNIX, "/var/run/liar"};
+    unlink(address.sun_path);
+    const int listener = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    EXPECT_TRUE(bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 && listen(listener, 1) == 0);
+    std::thread liar([&] {
+        const int connection = accept(listener, nullptr, nullptr);
+        char request[1000];
+        for (const std::string_view text : {std::string_view("{\"id\":77,\"value\":\"x\"}\n{\"id\":1}\n"), answer}) {
+            (void)!recv(connection, request, sizeof request, 0);
+            (void)!send(connection, text.data(), text.size(), MSG_NOSIGNAL);
+        }
+        close(connection);
+        close(listener);
+    });
+    const Client client(address.sun_path);
+    std::string result = client.get("A", "B");
+    liar.join();
+    if (then) then();
+    return result;
+}
