@@ -92,3 +92,27 @@ TEST_F(Platform, TheBusRemovesAStaleSocketAndEndsCleanly) {
     EXPECT_EQ(next.wait(), 0);
     EXPECT_NE(access("/var/run/pcb_sys", F_OK), 0);
 }
+
+TEST_F(Platform, AFrameOfAWrongTypeIsRefusedOrClosesItsConnection) {
+    const std::string call = R"({"id":1,"op":"call","path":"NeMo.Intf.data","function":"hasFlag","arguments":)";
+    const std::string watch = R"({"id":1,"op":"subscribe","path":"DNS",)";
+    const std::string set = R"({"id":1,"op":"set","path":"OrvoService.DynDNS","parameter":"HostName","value":)";
+    const std::tuple<std::string, const char*> cases[] = {
+        {call + "[]}",                "malformed request"},
+        {call + R"({"flag":7}})",     "malformed request"},
+        {watch + R"("depth":1.5})",   "malformed request"},
+        {watch + R"("flags":"1"})",   "malformed request"},
+        {watch + R"("flags":1e10})",  "malformed request"},
+        {R"({"id":1.5,"op":"get"})",  ""                 },
+        {R"({"id":2e15,"op":"get"})", ""                 },
+        {set + R"("a\\\u0000b"})",    ""                 },
+        {set + R"("a\\u0000b"})",     "{\"id\":1}\n"     },
+    };
+    for (const auto& [frame, expected] : cases) {
+        const RawConnection raw;
+        ASSERT_TRUE(raw.send(frame + "\n"));
+        const std::string answer = raw.receiveUntil("\n");
+        EXPECT_TRUE(*expected ? answer.find(expected) != std::string::npos : answer.empty()) << frame << answer;
+    }
+    EXPECT_EQ(client.get(KDynDns, "HostName"), "a\\u0000b");
+}
