@@ -65,44 +65,59 @@ DBusHandlerResult handle_message(DBusConnection*, DBusMessage* message, void* da
     return DBUS_HANDLER_RESULT_NOT_YET_HANDLED;
 }
 
-// Reads the argument of this number, which has to be of this type.
-static bool readArgument(DBusMessage* message, int number, int type, const char* typeName, void* value) {
+namespace {
+
+// What is logged for an argument that is not there, of another type, or null.
+struct Argument {
+    int type;
+    const char *missing, *wrong, *null;
+};
+
+}  // namespace
+
+static constexpr Argument KFirstBoolean = {DBUS_TYPE_BOOLEAN, nullptr, "Wrong argument 1 type, required: boolean",
+                                           nullptr};
+static constexpr Argument KFirstString = {DBUS_TYPE_STRING, nullptr, "Wrong argument 1 type, required: string",
+                                          "Null argument 1"};
+static constexpr Argument KSecondString = {DBUS_TYPE_STRING, "No argument 2", "Wrong argument 2 type, required: string",
+                                           "Null argument 2"};
+
+static bool readArgument(DBusMessage* message, const Argument& argument, void* value) {
     DBusMessageIter arguments;
     if (!message || !dbus_message_iter_init(message, &arguments)) {
         LOG(WARN, "No arguments");
         return false;
     }
-    for (int i = 2; i <= number; ++i) {
-        if (!dbus_message_iter_next(&arguments)) {
-            LOG(WARN, "No argument %d", i);
-            return false;
-        }
+    // Only an argument behind the first can be missing when there are any.
+    if (argument.missing && !dbus_message_iter_next(&arguments)) {
+        LOG(WARN, "%s", argument.missing);
+        return false;
     }
-    if (dbus_message_iter_get_arg_type(&arguments) != type) {
-        LOG(WARN, "Wrong argument %d type, required: %s", number, typeName);
+    if (dbus_message_iter_get_arg_type(&arguments) != argument.type) {
+        LOG(WARN, "%s", argument.wrong);
         return false;
     }
     dbus_message_iter_get_basic(&arguments, value);
     return true;
 }
 
-static const char* readString(DBusMessage* message, int number) {
+static const char* readString(DBusMessage* message, const Argument& argument) {
     const char* text = nullptr;
-    if (!readArgument(message, number, DBUS_TYPE_STRING, "string", &text)) return nullptr;
-    if (!text) LOG(WARN, "Null argument %d", number);
+    if (!readArgument(message, argument, &text)) return nullptr;
+    if (!text) LOG(WARN, "%s", argument.null);
     return text;
 }
 
 int get_first_argument_bool_value(DBusMessage* message, int* value) {
     dbus_bool_t read = FALSE;
-    if (!readArgument(message, 1, DBUS_TYPE_BOOLEAN, "boolean", &read)) return 0;
+    if (!readArgument(message, KFirstBoolean, &read)) return 0;
     *value = read ? 1 : 0;
     return 1;
 }
 
-const char* get_first_argument_string_value(DBusMessage* message) { return readString(message, 1); }
+const char* get_first_argument_string_value(DBusMessage* message) { return readString(message, KFirstString); }
 
-const char* get_second_argument_string_value(DBusMessage* message) { return readString(message, 2); }
+const char* get_second_argument_string_value(DBusMessage* message) { return readString(message, KSecondString); }
 
 // --- Replies ---
 
