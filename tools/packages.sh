@@ -2,7 +2,7 @@
 
 BUILD_PACKAGES="g++ cmake ninja-build pkg-config libdbus-1-dev libevent-dev libcurl4-openssl-dev libcjson-dev
   libcpp-httplib-dev libssl-dev"
-WORLD_PACKAGES="dbus-daemon dbus-bin"
+WORLD_PACKAGES="dbus-daemon dbus-bin ca-certificates"
 
 # install_missing PACKAGE...
 install_missing() {
