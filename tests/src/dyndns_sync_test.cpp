@@ -2,6 +2,7 @@
 #include "src/dbusinterface/dyndns_sync.h"
 
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <sys/time.h>
 
 #include <cerrno>
@@ -163,6 +164,19 @@ TEST_F(Sync, RetriesGrowToAnHourAndStartOverWithATrigger) {
     step();
     EXPECT_EQ(armedDelay(), 5);
     EXPECT_TRUE(cloud_->journal().empty());
+}
+
+TEST_F(Sync, ARetryCountsFromTheFailureHoweverLongTheStepTook) {
+    react(EVENT_DNS_SERVER_STATUS_CHANGED, "");
+    synchronizeDynDnsConfiguration();
+    const auto slowStep = [](evutil_socket_t, short, void*) {
+        poll(nullptr, 0, 1500);  // a blocking step: the loop's own idea of the time stands still
+        step();
+        EXPECT_EQ(armedDelay(), 5);
+    };
+    const timeval now = {};
+    event_base_once(iBusEventBase, -1, EV_TIMEOUT, slowStep, nullptr, &now);
+    event_base_loop(iBusEventBase, EVLOOP_ONCE);
 }
 
 TEST_F(Sync, StoresWhatTheServerSays) {
