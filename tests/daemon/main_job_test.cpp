@@ -11,6 +11,14 @@ using namespace world;
 
 static bool exists(const char* path) { return access(path, F_OK) == 0; }
 
+// Starts the daemon and its synchronization, up to the request, whose answer the server holds.
+static void startHeldRequest(Gateway& gateway) {
+    gateway.cloud->order({"fault", "get", "hold", "1"});
+    gateway.start();
+    gateway.set("NMC.HomeAutomation", "HA-ID", "HA-1");
+    ASSERT_TRUE(waitFor([&] { return gateway.cloud->journal().size() == 1; }));
+}
+
 TEST(MainJob, KeepsTheRegistrationInAgreementAndNeverEchoesItBack) {
     Gateway gateway;
     gateway.cloud->order({"register", "HA-1", "first", "true"});
@@ -55,10 +63,7 @@ TEST(MainJob, KeepsTheRegistrationInAgreementAndNeverEchoesItBack) {
 TEST(MainJob, AKilledSynchronizationIsFinishedByTheNextStart) {
     Gateway gateway;
     gateway.cloud->order({"register", "HA-1", "box", "true"});
-    gateway.cloud->order({"fault", "get", "hold", "1"});
-    gateway.start();
-    gateway.set("NMC.HomeAutomation", "HA-ID", "HA-1");
-    ASSERT_TRUE(waitFor([&] { return gateway.cloud->journal().size() == 1; }));
+    startHeldRequest(gateway);
     EXPECT_NE(readFile(KStore).find("bool SyncNotFinished = \"true\";"), std::string::npos);
     gateway.end(SIGKILL);
     EXPECT_TRUE(exists(KPidFile));
@@ -75,10 +80,7 @@ TEST(MainJob, AKilledSynchronizationIsFinishedByTheNextStart) {
 
 TEST(MainJob, EndsAtOnceWhileTheServerHoldsARequest) {
     Gateway gateway;
-    gateway.cloud->order({"fault", "get", "hold", "1"});
-    gateway.start();
-    gateway.set("NMC.HomeAutomation", "HA-ID", "HA-1");
-    ASSERT_TRUE(waitFor([&] { return gateway.cloud->journal().size() == 1; }));
+    startHeldRequest(gateway);
     EXPECT_EQ(gateway.end(), 0);
     EXPECT_EQ(gateway.log.count("Request error"), 0U) << "it waited for the request";
     EXPECT_FALSE(exists(KPidFile));
@@ -105,10 +107,7 @@ static void setOften(const char* object, const char* parameter, int from, int to
 TEST(MainJob, ChangesDuringASlowRequestAllArriveInOrder) {
     Gateway gateway;
     gateway.cloud->order({"register", "HA-1", "box", "true"});
-    gateway.cloud->order({"fault", "get", "hold", "1"});
-    gateway.start();
-    gateway.set("NMC.HomeAutomation", "HA-ID", "HA-1");
-    ASSERT_TRUE(waitFor([&] { return gateway.cloud->journal().size() == 1; }));
+    startHeldRequest(gateway);
     setOften("NMC.HomeAutomation", "HA-ID", 1, 5000);
     EXPECT_EQ(gateway.log.count("HA-ID value: "), 2U);  // the initial one and the first
     gateway.cloud->order({"release"});
@@ -126,10 +125,7 @@ TEST(MainJob, ChangesDuringASlowRequestAllArriveInOrder) {
 
 TEST(MainJob, EndsWhileMoreChangesWaitThanThePipeHolds) {
     Gateway gateway;
-    gateway.cloud->order({"fault", "get", "hold", "1"});
-    gateway.start();
-    gateway.set("NMC.HomeAutomation", "HA-ID", "HA-1");
-    ASSERT_TRUE(waitFor([&] { return gateway.cloud->journal().size() == 1; }));
+    startHeldRequest(gateway);
     setOften("NMC.HomeAutomation", "HA-ID", 1, 200);
     gateway.log.next("NEW_VALUE=40");
     EXPECT_EQ(gateway.end(), 0);
