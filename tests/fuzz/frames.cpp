@@ -1,0 +1,147 @@
+// Frames between the data-model bus and its clients. The bus is the real one, without its main function.
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <utility>
+
+#include "pcblib/pcbclient_internal.h"
+#include "platform/bus/bus.h"
+#include "platform/pcb/internal.h"
+#include "platform/pcb/odl.h"
+#include "src/main/data_model_watch.h"
+#include "tests/fuzz/fuzz.h"
+#include "tests/world/world.h"
+
+Bus iBus;
+static int iSilentEnd = -1;  // of a bus that has said all before its client asks
+
+// The bus works in this thread, while its client waits for it.
+extern "C" int __real_poll(pollfd* waited, nfds_t count, int milliseconds);
+extern "C" int __wrap_poll(pollfd* waited, nfds_t count, int milliseconds);
+int __wrap_poll(pollfd* waited, nfds_t count, int milliseconds) {
+    int ready = __real_poll(waited, count, 0);
+    for (int pass = 0; iBus.firstClient && !ready && pass < 10; ++pass) {
+        event_base_loop(iBus.base, EVLOOP_NONBLOCK);
+        ready = __real_poll(waited, count, 0);
+    }
+    if (!ready) shutdown(iSilentEnd, SHUT_WR);  // nothing more will come
+    return ready ? ready : __real_poll(waited, count, milliseconds);
+}
+
+// Puts back what clients change: values, and objects that they made behind those that were there.
+static void restore(object_t* object, const object_t* fresh) {
+    const parameter_t* value = fresh->firstParameter;
+    for (parameter_t* at = object->firstParameter; at; at = at->next, value = value->next) {
+        if (strcmp(at->text(), value->text()) != 0) require(setParameterText(at, value->text()));
+    }
+    const object_t* like = fresh->firstChild;
+    for (object_t *child = object->firstChild, *next = nullptr; child; child = next) {
+        next = child->next;
+        like ? restore(child, like) : removeObject(child);
+        if (like) like = like->next;
+    }
+}
+
+static object_t* readTree() {
+    OdlFault fault;
+    std::string text = world::readFile(ORSM_SOURCE_FOLDER "/platform/bus/gateway.odl");
+    // Connected, so that nobody waits for it.
+    text.replace(text.find("\"false\"", text.find("ConnectionStatus")), strlen("\"false\""), "\"true\"");
+    return parseOdl(text, &fault).release();
+}
+
+static void renewBus() {
+    static const object_t* const fresh = readTree();
+    if (iBus.tree) return restore(iBus.tree, fresh);
+    iBus.tree = readTree();
+    iBus.base = event_base_new();
+    require(startFunctions());
+}
+
+struct Pair {
+    int ends[2];
+    explicit Pair(std::string_view bytes = {}) {
+        require(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, ends) == 0);
+        (void)!send(ends[1], bytes.data(), bytes.size(), 0);
+    }
+};
+
+// A new context, as the client library's own: destroyPcbDataModelClient releases it.
+static PcbContext* newContext(int socket) {
+    auto* context = static_cast<PcbContext*>(malloc(sizeof(PcbContext)));
+    context->pcb = pcb_create("fuzz", 0, nullptr);
+    context->pcb->connection.socket = socket;
+    context->peer = &context->pcb->peer;
+    return context;
+}
+
+PcbContext* clientOfFreshBus() {
+    static PcbContext* context = nullptr;
+    renewBus();
+    if (context) return context;
+    const Pair pair;
+    serveClient(pair.ends[0]);
+    return context = newContext(pair.ends[1]);
+}
+
+void fuzzBusFrames(std::string_view bytes) {
+    renewBus();
+    require(startGateway());
+    const Pair pair(bytes);
+    const Client* const others = iBus.firstClient;
+    serveClient(pair.ends[0]);
+    static std::string& answers = *new std::string(1 << 20, 0);
+    size_t length = 0;
+    for (int idle = 0; idle < 2;) {
+        event_base_loop(iBus.base, EVLOOP_NONBLOCK);
+        const ssize_t count = recv(pair.ends[1], &answers[length], answers.size() - length, 0);
+        count > 0 ? length += static_cast<size_t>(count) : static_cast<size_t>(++idle);
+    }
+    close(pair.ends[1]);
+    while (iBus.firstClient != others) {
+        event_base_loop(iBus.base, EVLOOP_NONBLOCK);
+    }
+    stopGateway();
+    for (std::string_view rest(answers.data(), length); rest.find('\n') != std::string_view::npos;) {
+        require(jsonCount(parseJson(takeLine(&rest).c_str()).get(), KWireId));
+    }
+}
+
+// All that the daemon asks of the bus, whose answers are there already.
+void fuzzClientFrames(std::string_view bytes) {
+    static int pipe[] = {-1, open("/dev/null", O_WRONLY | O_CLOEXEC)};
+    static Buffer& received = *new Buffer;  // kept: its size would make it the slowest part
+    iPipeForPcbChanges = pipe;
+    setPcbChangesCallbacks(pcbObjectChanged, pcbParamChanged);
+    setPcbFunctionCallback(pcbFunctionCallback);
+    setPcbRequestLostCallback(pcbRequestLost);
+    setPcbCustomNotificationCallback([](const char* path, const char* value) { require(path && value); });
+    const Pair pair(bytes);
+    iSilentEnd = pair.ends[1];
+    iPcbContext = newContext(pair.ends[0]);
+    connection_info_t* connection = &iPcbContext->pcb->connection;
+    std::swap(connection->in, received);
+    request_t* const requests[] = {listenToChangesInPcbObject("OrvoService.DynDNS"), executeWanChangeQuery("openQuery"),
+                                   executeWanChangeQuery("hasFlag"),
+                                   listenToCustomNotificationsFromPcbObject("DNS.Server")};
+    (void)easyGetPcbParamAsString(iPcbContext, "NMC.HomeAutomation", "HA-ID");
+    (void)easyGetPcbObject(iPcbContext, "OrvoService");
+    (void)easyExecutePcbFunction(iPcbContext, "NeMo.Intf.data", "hasFlag");
+    do {
+        ConnectionList list(connection);
+        connection_handleEvents(&list.list);
+        drainPendingWork();
+    } while (holdsFrame(connection));
+    for (request_t* request : requests) {
+        freePcbRequestObject(request);
+    }
+    freePcbRequestObject(std::exchange(iRequestWanChangeNotify, nullptr));
+    releasePendingCgNatChecks();
+    std::swap(connection->in, received);
+    received.start = received.length = 0;
+    destroyPcbDataModelClient();
+    close(std::exchange(iSilentEnd, -1));
+}

@@ -1,0 +1,66 @@
+// What libFuzzer calls, and the targets that are files. The environment variable FUZZ_TARGET names the target.
+#include "tests/fuzz/fuzz.h"
+
+#include <csignal>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <map>
+
+#include "common/log/log.h"
+#include "platform/pcb/odl.h"
+#include "src/main/startup_config.h"
+
+extern "C" int LLVMFuzzerInitialize(int*, char***);
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size);
+
+static Target* iTarget;
+
+int LLVMFuzzerInitialize(int*, char***) {
+    const std::map<std::string, Target*> targets{
+        {"configuration", fuzzConfiguration}, // text
+        {"definition",    fuzzDefinition   }, // text
+        {"bus-frames",    fuzzBusFrames    }, // what a client sends to the bus
+        {"client-frames", fuzzClientFrames }, // what the bus sends to a client
+        {"calls",         fuzzCalls        }, // a marshalled D-Bus message, or a method's letter and a line an argument
+        {"answers",       fuzzAnswers      }, // the letter of what asks the servers, and a line an answer
+        {"records",       fuzzRecords      }, // what stands in the event pipe
+    };
+    iTarget = targets.at(textOrEmpty(getenv("FUZZ_TARGET")));
+    return signal(SIGPIPE, SIG_IGN) == SIG_ERR;
+}
+
+int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
+    // Every line is formatted and none is written, whatever an earlier input did to the log.
+    iLogSettings.enabled = true;
+    iLogSettings.level = LEVEL_TRACE;
+    iLogSettings.standardOutput = iLogSettings.file = iLogSettings.systemLog = false;
+    iTarget({reinterpret_cast<const char*>(bytes), size});
+    return 0;
+}
+
+void fuzzConfiguration(std::string_view bytes) {
+    const OwnedConfig config = configFileLoadFromBytes(bytes.data(), bytes.size());
+    size_t length = 0;
+    for (const ConfigPair* pair = nullptr; (pair = configFileNextKVPair(config.get(), pair));) {
+        require(!strpbrk(pair->key, "=\r\n") && !strpbrk(pair->value, "\r\n"));
+        length += strlen(pair->key) + strlen(pair->value) + 1;
+    }
+    require(length <= bytes.size());
+    int daemonize = 0;
+    if (config) (void)initByConfig(config.get(), &daemonize);
+}
+
+// What was read is written so that it is read as the same again, and goes over the bus unchanged.
+void fuzzDefinition(std::string_view bytes) {
+    OdlFault fault;
+    Buffer first, second, third;
+    const Owned<object_t> read = parseOdl(bytes, &fault);
+    if (!read) return require(fault.reason && fault.line >= 1);
+    require(printOdl(read.get(), -1, &first));
+    const Owned<object_t> again = parseOdl(first.content(), &fault);
+    require(again && printOdl(again.get(), -1, &second) && second.content() == first.content());
+    object_t sent;
+    require(objectFromJson(&sent, parseJson(printJson(objectToJson(read.get(), -1).get()).get()).get()));
+    require(printOdl(&sent, -1, &third) && third.content() == first.content());
+}

@@ -1,0 +1,26 @@
+// The fuzz targets: each takes the bytes of one input and ends the process where the program breaks a promise.
+#pragma once
+
+#include <cstdlib>
+#include <string>
+#include <string_view>
+
+#include "pcblib/pcbclient.h"
+
+using Target = void(std::string_view bytes);
+Target fuzzConfiguration, fuzzDefinition, fuzzBusFrames, fuzzClientFrames, fuzzCalls, fuzzAnswers, fuzzRecords;
+
+/// Ends the process, which is a finding, unless `holds`.
+inline void require(bool holds) {
+    if (!holds) abort();
+}
+
+/// Takes the first line off a text; its line break goes with it.
+inline std::string takeLine(std::string_view* text) {
+    const std::string line(text->substr(0, text->find('\n')));
+    text->remove_prefix(std::min(line.size() + 1, text->size()));
+    return line;
+}
+
+/// The client of a bus that is part of this process, works whenever its client waits, and is in its first state again.
+PcbContext* clientOfFreshBus();

@@ -1,0 +1,148 @@
+// The bus thread's work from a message, a server's answer or a record on. The data model is the bus of this process;
+// replies end where libdbus would send them, requests where libcurl would.
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+
+#include "common/json/json.h"
+#include "common/msg_bus/message_bus_internal.h"
+#include "src/dbusinterface/dyndns_service.h"
+#include "src/dbusinterface/dyndns_sync.h"
+#include "src/dbusinterface/event_pipe.h"
+#include "src/dbusinterface/event_record.h"
+#include "src/dbusinterface/service_store.h"
+#include "src/dyndnsrequest.h"
+#include "src/httprequest.h"
+#include "src/orvoservicesinfo.h"
+#include "src/voltarodbus/voltaro_service.h"
+#include "tests/fuzz/fuzz.h"
+
+static std::string_view iAnswers;  // of the servers, a line each; a request without one fails
+static int iReplies;               // that were sent
+
+static OwnedText answer(const char* url) {
+    require(url);
+    return iAnswers.empty() ? nullptr : copyText(takeLine(&iAnswers).c_str());
+}
+OwnedText curlGet(const char* url, const char*) { return answer(url); }
+OwnedText curlPostV1(const char* url, const char*, const char*, const cJSON*) { return answer(url); }
+OwnedText curlPostV2(const char* url, const char*, const char*, const char*) { return answer(url); }
+
+// A reply is a boolean, an error, or a text that is JSON with a status.
+dbus_bool_t dbus_connection_send(DBusConnection*, DBusMessage* reply, dbus_uint32_t*) {
+    ++iReplies;
+    const char* text = nullptr;
+    const bool isText = dbus_message_get_type(reply) != DBUS_MESSAGE_TYPE_ERROR &&
+                        dbus_message_get_args(reply, nullptr, DBUS_TYPE_STRING, &text, DBUS_TYPE_INVALID);
+    require(!isText || jsonTextMember(parseJson(text).get(), "status"));
+    return TRUE;
+}
+void dbus_connection_flush(DBusConnection*) {}
+
+// Definitions have a target of their own; saving them here would be most of the time.
+PcbContext* iBusPcbClient;
+PcbContext* helperPcbDataModelClient() { return iBusPcbClient; }
+void saveOrvoServiceData() {}
+
+static constexpr struct {
+    const char *interface, *method;
+    message_bus_method_callback handler;
+} KMethods[] = {
+    {"com.corvane.orsm.dyndns",           "IsEnabled",     handleDynDnsMethodCall          },
+    {"com.corvane.orsm.dyndns",           "GetName",       handleDynDnsMethodCall          },
+    {"com.corvane.orsm.dyndns",           "IsNameTaken",   handleDynDnsMethodCall          },
+    {"com.corvane.orsm.dyndns",           "Configure",     handleDynDnsMethodCall          },
+    {"com.corvane.orsm.dyndns",           "SetEnabled",    handleDynDnsMethodCall          },
+    {"com.corvane.orsm.voltaro",          "Set",           handleVoltaroMethodCall         },
+    {"com.corvane.orsm.voltaro",          "Get",           handleVoltaroMethodCall         },
+    {"com.corvane.orsm.voltaro",          "EnableBackend", handleVoltaroMethodCall         },
+    {"com.corvane.orsm.orvoservicesinfo", "Get",           handleOrvoServicesInfoMethodCall},
+};
+
+// The state in which every input begins.
+static void startOver(const char* haId, TriState all) {
+    iBusPcbClient = clientOfFreshBus();
+    if (!iBusEventBase) {
+        iBusEventBase = event_base_new();
+        synchronizeDynDnsConfiguration();  // for its timer
+        require(initRequestsEngine("ca", "https://a", "https://v") && initOrvoServicesInfo(R"({"status":"OK"})"));
+    }
+    snprintf(iHomeAutomationId, sizeof iHomeAutomationId, "%s", haId);
+    iHomeAutomationEnable = iDnsServerStatus = iDynDnsEnable = all;
+    iIsBehindCgNat = all == TRI_TRUE ? TRI_FALSE : TRI_UNKNOWN;
+    iApplicationServerUrlDefined = all == TRI_TRUE;
+}
+
+// A call that is taken is answered once.
+static void makeCall(DBusMessage* call) {
+    static message_bus*(&services)[std::size(KMethods)] = *new message_bus* [1][std::size(KMethods)] {};
+    bool taken = false;
+    iReplies = 0;
+    for (size_t i = 0; i < std::size(KMethods) && !taken; ++i) {
+        if (!services[i]) {
+            services[i] = newRecord<message_bus>().release();
+            services[i]->name = copyText(KMethods[i].interface);
+            services[i]->methodCallback = KMethods[i].handler;
+            services[i]->methodListeners = newRecord<listener>().release();
+            services[i]->methodListeners->name = copyText(KMethods[i].method);
+        }
+        taken = handle_message(nullptr, call, services[i]) == DBUS_HANDLER_RESULT_HANDLED;
+    }
+    require(iReplies == (taken && !dbus_message_get_no_reply(call) ? 1 : 0));
+}
+
+// A message from a method's letter, and a line for each argument whose first letter is its type.
+static OwnedMessage buildCall(std::string_view text) {
+    const auto& method = KMethods[static_cast<unsigned char>(takeLine(&text)[0] - 'a') % std::size(KMethods)];
+    OwnedMessage call(dbus_message_new_method_call("com.corvane.orsm", "/x", method.interface, method.method));
+    dbus_message_set_serial(call.get(), 1);
+    while (!text.empty()) {
+        const std::string line = takeLine(&text);
+        const char* value = line.c_str() + !line.empty();
+        const dbus_bool_t flag = *value == 't';
+        if (line[0] == 'b') dbus_message_append_args(call.get(), DBUS_TYPE_BOOLEAN, &flag, DBUS_TYPE_INVALID);
+        if (line[0] != 's' || !dbus_validate_utf8(value, nullptr)) continue;
+        dbus_message_append_args(call.get(), DBUS_TYPE_STRING, &value, DBUS_TYPE_INVALID);
+    }
+    return call;
+}
+
+void fuzzCalls(std::string_view bytes) {
+    startOver("id", TRI_TRUE);
+    const bool isMessage = bytes.starts_with(DBUS_LITTLE_ENDIAN) || bytes.starts_with(DBUS_BIG_ENDIAN);
+    const OwnedMessage call =
+        isMessage ? OwnedMessage(dbus_message_demarshal(bytes.data(), static_cast<int>(bytes.size()), nullptr))
+                  : buildCall(bytes);
+    // What the first request of each method needs to succeed, and what the cloud says then.
+    iAnswers = R"({"status":"SUCCESS","available":true,"params":"{\"email\":\"e@x\",\"password\":\"p&w\"}"}
+{"status":"ok","authToken":"t"}
+{"status":"ok","state":"on","device":{"state":"off","power":1.5}}
+{"status":"ok","state":"on"})";
+    if (call) makeCall(call.get());
+}
+
+void fuzzAnswers(std::string_view bytes) {
+    static constexpr const char* KCalls[] = {"c\nsName", "d\nbt\nsName", "f\nsid\nson", "f\nsid\nstoggle", "g\nsid"};
+    startOver("id", TRI_TRUE);
+    const size_t chosen = static_cast<unsigned char>(takeLine(&bytes)[0] - 'a') % (std::size(KCalls) + 2);
+    iAnswers = bytes;
+    if (chosen < std::size(KCalls)) return makeCall(buildCall(KCalls[chosen]).get());
+    chosen == std::size(KCalls) ? (void)setupDynDnsOnServer() : runDynDnsSyncStep(-1, 0, nullptr);
+}
+
+void fuzzRecords(std::string_view bytes) {
+    startOver("", TRI_UNKNOWN);
+    static int* const ends = createPipeForProvidingChangesInDataModel(iBusEventBase);
+    static constexpr char KAnswer[] = R"({"status":"SUCCESS","dynDNS":{"name":"home","enabled":true}})";
+    while (!bytes.empty()) {
+        iAnswers = KAnswer;
+        const std::string_view record = bytes.substr(0, sizeof(EventRecord));
+        require(write(ends[1], record.data(), record.size()) > 0);
+        handleEventPipeRecord(ends[0], 0, nullptr);
+        bytes.remove_prefix(record.size());
+        require(strlen(iHomeAutomationId) < KHomeAutomationIdSize);
+    }
+    iAnswers = KAnswer;
+    runDynDnsSyncStep(-1, 0, nullptr);
+}
