@@ -1,7 +1,8 @@
 // enter COMMAND [ARGUMENT...]: runs a command in a private world and ends with its status. The world is a user, mount
 // and PID namespace of its own, with empty folders at /var/run, /media and /var/log; everything that the command starts
-// ends with it. Inside a world it only runs the command. Where the kernel refuses namespaces and the user is root in a
-// container, the real folders serve, one world at a time.
+// ends with it. Root finds every user of its own there, anybody else only itself, as root. Inside a world it only runs
+// the command. Where the kernel refuses namespaces and the user is root in a container, the real folders serve, one
+// world at a time.
 #include <fcntl.h>
 #include <sched.h>
 #include <signal.h>
@@ -32,6 +33,43 @@ static void writeMap(const char* path, const char* text) {
     const int file = open(path, O_WRONLY | O_CLOEXEC);
     if (file < 0 || write(file, text, strlen(text)) < 0) fail(path);
     close(file);
+}
+
+// Gives the namespace of the process that started this one the users of our own, each under the same number.
+static bool shareUsers(const char* name) {
+    char path[64];
+    snprintf(path, sizeof path, "/proc/self/%s", name);
+    FILE* const own = fopen(path, "re");
+    snprintf(path, sizeof path, "/proc/%d/%s", getppid(), name);
+    const int shared = open(path, O_WRONLY | O_CLOEXEC);
+    char map[4096] = "";
+    size_t length = 0;
+    unsigned first = 0, count = 0;
+    while (own && length < sizeof map && fscanf(own, "%u %*u %u", &first, &count) == 2) {
+        length += static_cast<size_t>(snprintf(map + length, sizeof map - length, "%u %u %u\n", first, first, count));
+    }
+    return write(shared, map, length) > 0;
+}
+
+// Only a process outside may put more than one user into a new namespace: it is started before, and the result, which
+// is called inside, tells whether it did so.
+static auto startSharingUsers() {
+    int door[2];
+    if (pipe2(door, O_CLOEXEC) != 0) fail("pipe");
+    const pid_t helper = fork();
+    if (helper < 0) fail("fork");
+    if (helper == 0) {
+        close(door[1]);
+        char none = 0;
+        (void)!read(door[0], &none, 1);  // until the namespace is there, or its maker gone
+        _exit(shareUsers("gid_map") && shareUsers("uid_map") ? 0 : 1);
+    }
+    close(door[0]);
+    return [helper, inside = door[1]] {
+        close(inside);
+        int status = 0;
+        return waitpid(helper, &status, 0) == helper && status == 0;
+    };
 }
 
 static void becomeRootOfOwnNamespace(uid_t user, gid_t group) {
@@ -118,9 +156,11 @@ int main(int argc, char** argv) {
 
     const uid_t user = geteuid();
     const gid_t group = getegid();
+    const auto shareUsersNow = startSharingUsers();
     bool isolated = unshare(CLONE_NEWUSER | CLONE_NEWNS | CLONE_NEWPID) == 0;
+    const bool shared = shareUsersNow();
     if (isolated) {
-        becomeRootOfOwnNamespace(user, group);
+        if (!shared) becomeRootOfOwnNamespace(user, group);
     } else {
         isolated = user == 0 && unshare(CLONE_NEWNS | CLONE_NEWPID) == 0;
     }
