@@ -29,6 +29,9 @@ class BusClient {
 
     DBusConnection* connection() { return connection_; }
 
+    /// Whom `call` calls.
+    std::string destination = "com.corvane.orsm";
+
     /// A call to the daemon; an empty interface leaves the field out. The caller releases it.
     static DBusMessage* message(const std::string& path, const std::string& interface, const std::string& method,
                                 const BusArguments& arguments) {
@@ -72,6 +75,7 @@ class BusClient {
     std::string call(const std::string& path, const std::string& interface, const std::string& method,
                      const BusArguments& arguments = {}) {
         DBusMessage* request = message(path, interface, method, arguments);
+        dbus_message_set_destination(request, destination.c_str());
         DBusError error;
         dbus_error_init(&error);
         DBusMessage* reply = dbus_connection_send_with_reply_and_block(connection_, request, 60'000, &error);
