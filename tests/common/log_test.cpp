@@ -96,7 +96,7 @@ TEST(Log, SendsThePriorityAndTheLineAsDataToTheSystemLog) {
 }
 
 TEST(Log, RotatesAsManyFilesAsAreWanted) {
-    for (const long count : {1L, 2L, -99999999999L, 99999999999L}) {
+    for (const int64_t count : {1LL, 2LL, -99999999999LL, 99999999999LL}) {
         const std::string folder = "/var/log/rotated." + std::to_string(count);
         // A line takes 33 bytes: a file that holds exactly the limit takes one more.
         configure("max_file_size=33 max_file_count=" + std::to_string(count) + " rolling_file_path=" + folder);
@@ -107,7 +107,7 @@ TEST(Log, RotatesAsManyFilesAsAreWanted) {
         for (int index = 0; index < 5; ++index) {
             const auto line = [index](int message) { return "SYSLOG " + std::to_string(message - 2 * index) + "\n"; };
             EXPECT_EQ(takeLog(folder + "/kelm." + std::to_string(index) + ".log"),
-                      index < std::clamp(count, 1L, 4L) ? line(7) + line(8) : "");
+                      index < std::clamp<int64_t>(count, 1, 4) ? line(7) + line(8) : "");
         }
     }
 }

@@ -17,7 +17,7 @@
 
 // A clock that only sleeping moves, so that the wait for the GatewayClient takes no time. Its wall clock can be set.
 static time_t iWallClockStep;
-static long iVirtualNanoseconds;
+static int64_t iVirtualNanoseconds;
 static time_t iVirtualWallClock = 1'700'000'000;
 
 extern "C" {
@@ -26,7 +26,8 @@ time_t __wrap_time(time_t*) { return iVirtualWallClock += iWallClockStep; }
 
 int __wrap_clock_gettime(clockid_t, timespec* now);
 int __wrap_clock_gettime(clockid_t, timespec* now) {
-    *now = {iVirtualNanoseconds / 1'000'000'000, iVirtualNanoseconds % 1'000'000'000};
+    *now = {static_cast<time_t>(iVirtualNanoseconds / 1'000'000'000),
+            static_cast<long>(iVirtualNanoseconds % 1'000'000'000)};
     return 0;
 }
 
@@ -329,11 +330,11 @@ TEST_F(Sync, TheGuardWaitsPutsTheModeBackAndGivesUpInTime) {
         set("OrvoService.GatewayClient", "ConnectionMode", c.mode);
         set("OrvoService.GatewayClient", "ConnectionStatus", "false");
         iWallClockStep = c.wallClockStep;
-        const long begin = iVirtualNanoseconds;
+        const int64_t begin = iVirtualNanoseconds;
         EXPECT_EQ(ensureGatewayClientIsConnected(), c.switched);
         log_.next(c.line);
         EXPECT_EQ(value("OrvoService.GatewayClient", "ConnectionMode"), "on");
-        const long waited = (iVirtualNanoseconds - begin) / 1'000'000'000;
+        const int64_t waited = (iVirtualNanoseconds - begin) / 1'000'000'000;
         EXPECT_LE(waited, 12);
         if (strcmp(c.line, "giving up") == 0 && c.wallClockStep <= 0) {
             EXPECT_GE(waited, 10);

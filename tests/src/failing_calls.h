@@ -35,6 +35,10 @@ WRAP(void*, realloc, void* block, size_t size) { return fails("realloc") ? nullp
 WRAP(int, vasprintf, char** text, const char* format, va_list arguments) {
     return fails("vasprintf") ? -1 : __real_vasprintf(text, format, arguments);
 }
+// What a release calls in its place.
+WRAP(int, __vasprintf_chk, char** text, int flag, const char* format, va_list arguments) {
+    return fails("vasprintf") ? -1 : __real___vasprintf_chk(text, flag, format, arguments);
+}
 WRAP(CURLcode, curl_easy_setopt, CURL* handle, unsigned number, ...) {
     va_list arguments;
     va_start(arguments, number);
