@@ -62,11 +62,15 @@ TEST_F(Platform, FunctionsAnswerInOrderAndChangeTheModel) {
     client.set("Simulation.Functions", "Delay", "50");
     const Watch slow(client, call(KData, "openQuery"));
     client.set("Simulation.Functions", "Delay", "0");
-    EXPECT_EQ(Watch(client, call(KData, "openQuery")).await(1), Items{"returns 2"});
+    for (int number = 2; number <= 10; ++number) {
+        EXPECT_EQ(Watch(client, call(KData, "openQuery")).await(1), Items{"returns " + std::to_string(number)});
+    }
     EXPECT_EQ(slow.items, Items{"returns 1"}) << "no call overtakes another";
     const Watch query(client, KQuery);
     client.set(KData, "Addresses", "192.0.2.1 2001:db8::1");
-    EXPECT_EQ(query.await(2)[1], "1 NeMo.Intf.data.Query.1 ResultString  192.0.2.1 2001:db8::1");
+    client.set(KData, "Addresses", "none");
+    EXPECT_EQ(query.await(3)[1], "1 NeMo.Intf.data.Query.1 ResultString  192.0.2.1 2001:db8::1");
+    EXPECT_EQ(query.items[2], "1 NeMo.Intf.data.Query.1 ResultString 192.0.2.1 2001:db8::1 none") << "not Query.10";
     EXPECT_EQ(Watch(client, call(KData, "closeQuery")).await(1), Items{"returns (none)"});
     EXPECT_EQ(client.get(KQuery, "ResultString"), "error: unknown object");
 }

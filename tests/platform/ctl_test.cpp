@@ -36,6 +36,13 @@ TEST_F(Platform, CtlWatchPrintsEachChangeAndSaysHowItEnded) {
     ASSERT_TRUE(world::waitFor([&] { return watch.output() == watching; }));
     client.set(KDynDns, "HostName", "box.example.net");
     ASSERT_TRUE(world::waitFor([&] { return watch.output() == watching + change; }));
+    for (const int signalNumber : {SIGINT, SIGTERM}) {
+        world::Process ended(command("watch OrvoService"));
+        ASSERT_TRUE(world::waitFor([&] { return ended.output() == watching; }));
+        ended.send(signalNumber);
+        EXPECT_EQ(ended.wait(), 0);
+        EXPECT_EQ(ended.output(), watching);
+    }
     bus->send(SIGTERM);
     EXPECT_EQ(watch.wait(), 1);
     EXPECT_EQ(watch.output(), watching + change + "pcb-ctl: OrvoService: connection lost\n");
