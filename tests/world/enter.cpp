@@ -42,11 +42,14 @@ static bool shareUsers(const char* name) {
     FILE* const own = fopen(path, "re");
     snprintf(path, sizeof path, "/proc/%d/%s", getppid(), name);
     const int shared = open(path, O_WRONLY | O_CLOEXEC);
-    char map[4096] = "";
+    char line[128], map[4096] = "";
     size_t length = 0;
-    unsigned first = 0, count = 0;
-    while (own && length < sizeof map && fscanf(own, "%u %*u %u", &first, &count) == 2) {
-        length += static_cast<size_t>(snprintf(map + length, sizeof map - length, "%u %u %u\n", first, first, count));
+    while (own && length + sizeof line < sizeof map && fgets(line, sizeof line, own)) {
+        char* next = line;
+        const unsigned long first = strtoul(next, &next, 10);
+        (void)strtoul(next, &next, 10);
+        const unsigned long count = strtoul(next, &next, 10);
+        length += static_cast<size_t>(snprintf(map + length, sizeof line, "%lu %lu %lu\n", first, first, count));
     }
     return write(shared, map, length) > 0;
 }
