@@ -43,9 +43,9 @@ struct Gateway {
     LogReader log{KDaemonLog};
     std::unique_ptr<Process> daemon;
 
-    /// Starts the daemon and waits until it runs its loop and knows whether it is behind CG-NAT.
-    void start() {
-        daemon = startDaemon(daemonConfiguration(cloud->url(), cloud->caPath()));
+    /// Starts the daemon (or a test variant) and waits until it runs its loop and knows whether it is behind CG-NAT.
+    void start(const char* program = "orvoservicemanager", const std::map<std::string, std::string>& environment = {}) {
+        daemon = startDaemon(daemonConfiguration(cloud->url(), cloud->caPath()), environment, program);
         log.next("Entered pcb data model event loop");
         log.next("CG-NAT status: false");
     }

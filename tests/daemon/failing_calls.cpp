@@ -1,4 +1,5 @@
-// Linked into the test variant of the daemon: the call that FAILING_CALL names fails.
+// Linked into the test variant of the daemon: the call that FAILING_CALL names fails, and with HASTY a synchronization
+// begins at once.
 #include <event2/event.h>
 #include <pthread.h>
 #include <unistd.h>
@@ -39,6 +40,13 @@ event* __real_event_new(event_base*, evutil_socket_t, short, event_callback_fn, 
 event* __wrap_event_new(event_base*, evutil_socket_t, short, event_callback_fn, void*);
 event* __wrap_event_new(event_base* base, evutil_socket_t fd, short what, event_callback_fn callback, void* argument) {
     return fails("event_new") ? nullptr : __real_event_new(base, fd, what, callback, argument);
+}
+
+int __real_event_add(event*, const timeval*);
+int __wrap_event_add(event*, const timeval*);
+int __wrap_event_add(event* timer, const timeval* delay) {
+    static constexpr timeval soon = {0, 10'000};
+    return __real_event_add(timer, delay && delay->tv_sec == 1 && getenv("HASTY") ? &soon : delay);
 }
 
 int __real_pipe2(int*, int);

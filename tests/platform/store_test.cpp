@@ -1,4 +1,5 @@
 // Saving objects to files and loading them again.
+#include <algorithm>
 #include <filesystem>
 
 #include "tests/platform/client.h"
@@ -70,6 +71,49 @@ TEST_F(Platform, ADamagedFileChangesNothingAndNamesItsLine) {
     world::writeFile(KFile, good + "string SyncNotFinished = \"x\";}}");
     EXPECT_EQ(load(client), "the value does not fit the type") << "known by the bus alone";
     EXPECT_EQ(save(client, "OrvoService"), before);
+}
+
+// CASE=NUMBER runs one of them.
+TEST_F(Platform, EveryPrefixAndEveryChangedByteIsLoadedOrRefusedWithItsLine) {
+    client.set(KDynDns, "HostName", "a \"b\"\\\n\x80");
+    const std::string whole = save(client, "OrvoService"), other = "\"\\\n}" + std::string(1, '\0') + "\xff";
+    std::vector<std::string> texts;
+    std::vector<size_t> lines;  // where each is damaged
+    for (size_t i = 0, line = 1; i < whole.size(); line += whole[i++] == '\n') {
+        texts.push_back(whole.substr(0, i));
+        std::string bytes = other;
+        for (int bit = 0; bit < 8; ++bit) {
+            bytes += static_cast<char>(whole[i] ^ 1 << bit);
+        }
+        for (const char byte : bytes) {
+            (texts.emplace_back(whole))[i] = byte;
+        }
+        lines.resize(texts.size(), line);
+    }
+    const char* const chosen = getenv("CASE");
+    size_t loaded = 0, refused = 0;
+    for (size_t i = chosen ? std::stoul(chosen) : 0; i < texts.size() && !HasFailure();
+         i += chosen ? texts.size() : 1) {
+        SCOPED_TRACE("CASE=" + std::to_string(i) + "\n" + texts[i]);
+        const std::string before = save(client, "OrvoService");
+        world::writeFile(KFile, texts[i]);
+        testing::internal::CaptureStderr();
+        const std::string result = load(client);
+        const std::string message = testing::internal::GetCapturedStderr();
+        if (result == "done") {
+            ++loaded;
+            EXPECT_EQ(message, "");
+        } else {
+            ++refused;
+            const std::string start = std::string(KFile) + ": line ";
+            EXPECT_EQ(message.substr(0, start.size()), start);
+            const size_t line = std::strtoul(message.c_str() + start.size(), nullptr, 10);
+            EXPECT_GE(line + 1, lines[i]) << message << "the damage is further on";
+            EXPECT_LE(line, lines.back() + 1) << message;
+            EXPECT_EQ(save(client, "OrvoService"), before);
+        }
+    }
+    printf("store: %zu damaged files: %zu loaded, %zu refused\n", loaded + refused, loaded, refused);
 }
 
 TEST_F(Platform, AFailedSaveLeavesTheOldFileAndNoOther) {

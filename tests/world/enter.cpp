@@ -1,8 +1,9 @@
 // enter COMMAND [ARGUMENT...]: runs a command in a private world and ends with its status. The world is a user, mount
 // and PID namespace of its own, with empty folders at /var/run, /media and /var/log; everything that the command starts
 // ends with it. Root finds every user of its own there, anybody else only itself, as root. Inside a world it only runs
-// the command. Where the kernel refuses namespaces and the user is root in a container, the real folders serve, one
-// world at a time.
+// the command. With --unprivileged before the command it always makes a world, whose user is not root, has no
+// capability and can write nowhere but in those three folders. Where the kernel refuses namespaces and the user is root
+// in a container, the real folders serve, one world at a time.
 #include <fcntl.h>
 #include <sched.h>
 #include <signal.h>
@@ -20,7 +21,11 @@
 #include <cstring>
 #include <initializer_list>
 
+static constexpr const char* KFolders[] = {"/var/run", "/media", "/var/log"};
+static constexpr unsigned KUser = 1000;  // of an unprivileged world, whoever that is outside
+
 static pid_t iChild;
+static bool iUnprivileged;
 
 static void forwardSignal(int number) { kill(iChild, number); }
 
@@ -65,7 +70,7 @@ static auto startSharingUsers() {
         close(door[1]);
         char none = 0;
         (void)!read(door[0], &none, 1);  // until the namespace is there, or its maker gone
-        _exit(shareUsers("gid_map") && shareUsers("uid_map") ? 0 : 1);
+        _exit(!iUnprivileged && shareUsers("gid_map") && shareUsers("uid_map") ? 0 : 1);
     }
     close(door[0]);
     return [helper, inside = door[1]] {
@@ -75,12 +80,13 @@ static auto startSharingUsers() {
     };
 }
 
-static void becomeRootOfOwnNamespace(uid_t user, gid_t group) {
+static void becomeUserOfOwnNamespace(uid_t user, gid_t group) {
     char map[64];
+    const unsigned inside = iUnprivileged ? KUser : 0;
     writeMap("/proc/self/setgroups", "deny");
-    snprintf(map, sizeof map, "0 %u 1", user);
+    snprintf(map, sizeof map, "%u %u 1", inside, user);
     writeMap("/proc/self/uid_map", map);
-    snprintf(map, sizeof map, "0 %u 1", group);
+    snprintf(map, sizeof map, "%u %u 1", inside, group);
     writeMap("/proc/self/gid_map", map);
 }
 
@@ -93,6 +99,20 @@ static void mountEmptyFolder(const char* path) {
     char real[PATH_MAX];
     if (!realpath(path, real)) fail(path);
     if (mount("world", real, "tmpfs", 0, "mode=0755") != 0) fail(real);
+}
+
+// What the namespace's first process may still do, the command may not: executing it as a user that is not root takes
+// the capabilities away, and the empty bounding set keeps them away.
+static void giveUpPrivileges() {
+    mount_attr attributes = {.attr_set = MOUNT_ATTR_RDONLY, .attr_clr = 0, .propagation = 0, .userns_fd = 0};
+    if (mount_setattr(AT_FDCWD, "/", AT_RECURSIVE, &attributes, sizeof attributes) != 0) fail("read-only root");
+    attributes = {.attr_set = 0, .attr_clr = MOUNT_ATTR_RDONLY, .propagation = 0, .userns_fd = 0};
+    for (const char* folder : KFolders) {
+        if (mount_setattr(AT_FDCWD, folder, 0, &attributes, sizeof attributes) != 0) fail(folder);
+    }
+    for (unsigned long capability = 0; prctl(PR_CAPBSET_DROP, capability) == 0; ++capability) {
+    }
+    if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0) fail("no new privileges");
 }
 
 static void emptyFolder(const char* path) {
@@ -134,12 +154,15 @@ static void endOrphans() {
     if (mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) fail("making mounts private");
     // Refused where parts of the outer /proc are covered; the outer one serves then, with outer numbers.
     (void)mount("proc", "/proc", "proc", MS_NOSUID | MS_NODEV | MS_NOEXEC, nullptr);
-    for (const char* folder : {"/var/run", "/media", "/var/log"}) {
+    for (const char* folder : KFolders) {
         mountEmptyFolder(folder);
     }
     iChild = fork();
     if (iChild < 0) fail("fork");
-    if (iChild == 0) runCommand(command);
+    if (iChild == 0) {
+        if (iUnprivileged) giveUpPrivileges();
+        runCommand(command);
+    }
     for (int number : {SIGINT, SIGTERM, SIGHUP}) {
         signal(number, forwardSignal);
     }
@@ -151,11 +174,13 @@ static void endOrphans() {
 }
 
 int main(int argc, char** argv) {
-    if (argc < 2) {
-        fputs("usage: enter COMMAND [ARGUMENT...]\n", stderr);
+    iUnprivileged = argc > 1 && strcmp(argv[1], "--unprivileged") == 0;
+    argv += iUnprivileged;
+    if (!argv[0] || !argv[1]) {
+        fputs("usage: enter [--unprivileged] COMMAND [ARGUMENT...]\n", stderr);
         return 125;
     }
-    if (getenv("ORSM_WORLD")) runCommand(argv + 1);
+    if (getenv("ORSM_WORLD") && !iUnprivileged) runCommand(argv + 1);
 
     const uid_t user = geteuid();
     const gid_t group = getegid();
@@ -163,12 +188,12 @@ int main(int argc, char** argv) {
     bool isolated = unshare(CLONE_NEWUSER | CLONE_NEWNS | CLONE_NEWPID) == 0;
     const bool shared = shareUsersNow();
     if (isolated) {
-        if (!shared) becomeRootOfOwnNamespace(user, group);
+        if (!shared) becomeUserOfOwnNamespace(user, group);
     } else {
-        isolated = user == 0 && unshare(CLONE_NEWNS | CLONE_NEWPID) == 0;
+        isolated = user == 0 && !iUnprivileged && unshare(CLONE_NEWNS | CLONE_NEWPID) == 0;
     }
     if (!isolated) {
-        if (user != 0 || !isContainer()) {
+        if (iUnprivileged || user != 0 || !isContainer()) {
             fputs(
                 "enter: this kernel lets nobody make namespaces; enable unprivileged user namespaces "
                 "(sysctl kernel.unprivileged_userns_clone=1 and user.max_user_namespaces=10000), "
@@ -178,7 +203,7 @@ int main(int argc, char** argv) {
         }
         const int lock = open("/tmp/orsm-world.lock", O_RDWR | O_CREAT | O_CLOEXEC, 0600);
         if (lock < 0 || flock(lock, LOCK_EX) != 0) fail("/tmp/orsm-world.lock");
-        for (const char* folder : {"/var/run", "/media", "/var/log"}) {
+        for (const char* folder : KFolders) {
             emptyFolder(folder);
         }
         prctl(PR_SET_CHILD_SUBREAPER, 1);

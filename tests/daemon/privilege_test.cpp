@@ -1,0 +1,40 @@
+// The main job in a world whose user is not root, has no capability and can write nowhere but in the three folders.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include "tests/daemon/daemon.h"
+
+using namespace world;
+
+// The other side of the test below.
+static void lookAtTheDaemon() {
+    Gateway gateway;
+    gateway.start();
+    EXPECT_EQ(access("/tmp", W_OK), -1);
+    std::string status;
+    run({"grep", "-E",
+         "^(Uid|CapPrm|CapEff|CapBnd|CapAmb):", "/proc/" + std::to_string(gateway.daemon->pid()) + "/status"},
+        &status);
+    const std::string none = ":\t0000000000000000\n";
+    EXPECT_EQ(status,
+              "Uid:\t1000\t1000\t1000\t1000\nCapPrm" + none + "CapEff" + none + "CapBnd" + none + "CapAmb" + none);
+    EXPECT_EQ(gateway.end(), 0);
+    EXPECT_EQ(gateway.daemon->output(), "");
+}
+
+TEST(Privilege, TheMainJobNeedsNone) {
+    if (geteuid() != 0) return lookAtTheDaemon();
+    const std::pair<const char*, const char*> tests[] = {
+        {"privilege_test", "Privilege.TheMainJobNeedsNone"                              },
+        {"main_job_test",  "MainJob.KeepsTheRegistrationInAgreementAndNeverEchoesItBack"},
+        {"main_job_test",  "MainJob.AKilledSynchronizationIsFinishedByTheNextStart"     },
+    };
+    for (const auto& [program, test] : tests) {
+        std::string output;
+        const int status =
+            run({binary("enter"), "--unprivileged", binary(program), std::string("--gtest_filter=") + test}, &output);
+        if (status == 125) GTEST_SKIP() << output;
+        EXPECT_EQ(status, 0) << output;
+        EXPECT_NE(output.find("1 test from"), std::string::npos) << output;
+    }
+}
