@@ -195,6 +195,7 @@ struct StoredGateway : Gateway {
         // A daemon that died while it had the connection switched on leaves it so.
         platform.set("OrvoService.GatewayClient", "ConnectionMode", "ondemand");
         platform.set("OrvoService.HomeAutomation", "CommunicationServer", marker);
+        log.next("Communication server URL changed: " + marker);
         log.next("orvoservice.odl saved to OrvoService");
         EXPECT_EQ(disagreement(), "");
         EXPECT_EQ(stored("CommunicationServer"), marker);
