@@ -150,6 +150,7 @@ static constexpr FaultKind KFaultKinds[] = {
 };
 
 static constexpr ConnectionKind KConnectionKinds[] = {
+    {"good",          "a good one, before a faulty one",        ConnectionFault::None,  Certificate::Good            },
     {"reset",         "reset before the handshake",             ConnectionFault::Reset, Certificate::Good            },
     {"stall",         "a handshake that ends with the release", ConnectionFault::Stall, Certificate::Good            },
     {"unknown-ca",    "a certificate of an unknown authority",  ConnectionFault::None,  Certificate::UnknownAuthority},

@@ -151,17 +151,6 @@ TEST(MainJob, GoesOnAndEndsAlthoughNobodyReadsItsOutput) {
     close(unread);
 }
 
-TEST(MainJob, TheRetryRecoversAfterTheServerFailed) {
-    Gateway gateway;
-    gateway.cloud->order({"register", "HA-1", "box", "true"});
-    gateway.cloud->order({"fault", "get", "http500", "1"});
-    gateway.start();
-    gateway.set("NMC.HomeAutomation", "HA-ID", "HA-1");
-    gateway.log.next("Server error or error during parsing server response");
-    gateway.log.next("DynDNS hostname box saved in PCB");
-    EXPECT_EQ(gateway.end(), 0);
-}
-
 TEST(LostBus, TheMessageBusEndsItWithOneAndTheDataModelWithZero) {
     Gateway gateway;
     gateway.start();

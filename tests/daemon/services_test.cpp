@@ -62,20 +62,14 @@ class Services : public testing::Test {
 
 std::string dynDnsError(const char* status) { return std::string(R"({"status":")") + status + R"(","result":null})"; }
 std::string voltaroError(const char* status) { return std::string(R"({"status":")") + status + R"("})"; }
-std::vector<std::string> fault(const char* resource, const char* kind) { return {"fault", resource, kind}; }
 std::vector<std::string> body(const char* resource, const char* text) {
     return {"fault", resource, "body", "1", "200", text};
-}
-std::vector<std::string> refusal(const char* resource, const char* error) {
-    return {"fault", resource, "status", "1", "error", error};
 }
 
 const std::string KTrue = R"({"status":"OK","result":true})";
 const std::string KFalse = R"({"status":"OK","result":false})";
 const std::string KNoName = R"({"status":"OK","result":null})";
 const std::string KInvalid = dynDnsError("INVALID_NAME");
-const std::string KInternal = dynDnsError("SERVER_INTERNAL_ERROR");
-const std::string KNoAnswer = dynDnsError("SERVER_CONNECTION_ERROR");
 const std::string KBusError = dynDnsError("DBUS_ERROR");
 const std::string KUnknownMethod = "org.freedesktop.DBus.Error.UnknownMethod";
 
@@ -117,21 +111,11 @@ TEST_F(Services, DynDnsChecksArgumentsAndConditionsInOrder) {
 TEST_F(Services, DynDnsAsksTheServerAndKeepsAllThreeInAgreement) {
     gateway_.start();
     synchronize("HA-1");
-    const char* taken = R"({"Status":"SUCCESS","AVAILABLE":"true"})";
     dynDns({
         {"IsNameTaken", {"Free-1-"}, KFalse, " INFO Dyn DNS IsNameTaken: false", true},
         {"IsNameTaken", {"busy"}, KTrue, " INFO Dyn DNS IsNameTaken: true", true, {"take", "busy"}},
         {"IsNameTaken", {true}, KFalse, "Dyn DNS IsNameTaken: false", true},
-        {"IsNameTaken", {"xx"}, KTrue, nullptr, true, body("verify", taken)},
-        {"IsNameTaken", {"xx"}, KInternal, nullptr, true, body("verify", R"({"status":"SUCCESS"})")},
-        {"IsNameTaken", {"xx"}, KInternal, "Dyn DNS status error: No", true, body("verify", R"({"status":"No"})")},
-        {"IsNameTaken", {"xx"}, KInternal, nullptr, true, body("verify", "[")},
-        {"IsNameTaken", {"xx"}, KNoAnswer, "ERROR Dyn DNS IsNameTaken error", true, fault("verify", "close")},
         {"IsNameTaken", {std::string(63, 'Z')}, KFalse, "Dyn DNS IsNameTaken: false", true},
-        {"Configure", {true, "xx"}, KInternal, " WARN Failed to configure DynDNS: error", false, refusal("set", "")},
-        {"Configure", {true, "xx"}, KInternal, nullptr, false, fault("set", "empty")},
-        {"Configure", {true, "xx"}, KNoAnswer, "ERROR Dyn DNS Configure error", false, fault("set", "half")},
-        {"GetName", {}, KNoName, nullptr, true},
         {"Configure", {true, "Box"}, KTrue, " INFO Dyn DNS Configure response: true", true},
         {"GetName", {}, R"({"status":"OK","result":"box"})", nullptr, true},
         {"IsEnabled", {}, KTrue, " INFO Dyn DNS IsEnabled: true", true},
@@ -198,41 +182,19 @@ TEST_F(Services, VoltaroSwitchesAndReadsPlugs) {
     const std::string on = R"({"status":"OK","state":"on"})";
     const std::string off = R"({"status":"OK","state":"off"})";
     const std::string noAnswer = voltaroError("SERVER_CONNECTION_ERROR");
-    const std::string internal = voltaroError("SERVER_INTERNAL_ERROR");
     const std::string unpaired = voltaroError("NO_PAIRED_VOLTARO_ACCOUNT");
-    const std::string noLogin = voltaroError("CANNOT_LOGIN_TO_VOLTARO");
-    const std::string offline = voltaroError("SWITCH_IS_OFFLINE");
-    const std::string refused = voltaroError("SWITCH_ALREADY_HAS_SUCH_STATE");
-    const char* noPassword = R"({"status":"SUCCESS","params":"{\"email\":\"a\",\"password\":\"\"}"})";
-    const char* endless = R"({"status":"ok","device":{"state":"on","power":1e999}})";
     const char* noState = R"({"status":"ok","device":{"state":1,"power":1}})";
     voltaro({
         {"Get", {"p-1"}, unpaired, nullptr, false},
-        {"Get", {"p-1"}, unpaired, "Cannot find Voltaro email or password", false, body("params", noPassword)},
-        {"Get", {"p-1"}, internal, nullptr, false, body("params", R"({"status":"SUCCESS","params":"{"})")},
-        {"Get", {"p-1"}, internal, " WARN Failed to get params: NO", false, body("params", R"({"status":"NO"})")},
-        {"Get", {"p-1"}, internal, nullptr, false, body("params", "")},
-        {"Get", {"p-1"}, noAnswer, "ERROR getParamsForHaId error", false, fault("params", "close")},
     });
     gateway_.cloud->order({"account", "HA-1", "me+you@x y", "p&=%"});
     voltaro({
-        {"Get", {"p-1"}, noLogin, "Cannot find authToken in response json", false, body("auth", R"({"status":"ok"})")},
-        {"Get", {"p-1"}, noLogin, "Auth request returned error OK", false, body("auth", R"({"status":"OK"})")},
-        {"Set", {"p-1", "on"}, noLogin, "ERROR Cannot login to Voltaro", false, fault("auth", "half")},
         {"Get", {"p-1"}, R"({"status":"OK","switch":{"state":"off","power":12.5}})", "Get switch details OK", true},
         {"Get", {true}, noAnswer, "ERROR Request returned error error", false},
-        {"Get", {"p-1"}, R"({"status":"OK","switch":{"state":"on","power":null}})", nullptr, true, body("device", endless)},
-        {"Get", {"p-1"}, internal, "No device data in getSwitchDetails", false, body("device", R"({"status":"ok"})")},
-        {"Get", {"p-1"}, internal, nullptr, false, body("device", noState)},
         {"Set", {"p-1", "on"}, on, " INFO Current switch state: on", true},
         {"Set", {"p-1", "off"}, off, "Current switch state: off", true},
         {"Set", {"p-1", "toggle"}, on, "Current switch state: on", true},
-        {"Set", {"p-1", "on"}, off, nullptr, true, body("switch", R"({"status":"ok","state":"dimmed"})")},
-        {"Set", {"p-1", "on"}, noAnswer, "Cannot find state in response json", false, body("switch", R"({"status":"ok"})")},
-        {"Set", {"p-1", "on"}, offline, nullptr, false, refusal("switch", "device.not.connected")},
-        {"Set", {"p-1", "on"}, refused, nullptr, false, refusal("switch", "switch.not.allowed")},
-        {"Set", {"p-1", "on"}, noAnswer, nullptr, false, refusal("switch", "other")},
-        {"Set", {"p-1", "toggle"}, noAnswer, nullptr, false, refusal("device", "device.not.connected")},
+        {"Set", {"p-1", "toggle"}, noAnswer, nullptr, false, {"fault", "device", "status"}},
         {"Set", {"p-1", "toggle"}, noAnswer, "ERROR Unknown device state", false, body("device", noState)},
         {"EnableBackend", {true}, "true", " INFO Voltaro Enable set to 1", true},
     });
@@ -346,25 +308,8 @@ TEST_F(Services, WrongClientsHarmNobody) {
     gateway_.cloud->order({"release"});
     gateway_.log.next("Dyn DNS IsNameTaken finished");
 
-    // Text that D-Bus cannot carry: an error at once, and the next call is served.
-    const std::string failed = "org.freedesktop.DBus.Error.Failed";
-    gateway_.set("OrvoService.DynDNS", "HostName", "\xC3\x28");
-    EXPECT_EQ(client_.call("/dyndns", "com.corvane.orsm.dyndns", "GetName"), failed);
-    gateway_.log.next(" WARN failed to send DBus method response");
     gateway_.set("OrvoService.DynDNS", "HostName", std::string(100'000, '\x01'));
     EXPECT_EQ(client_.call("/dyndns", "com.corvane.orsm.dyndns", "GetName").size(), 600'000U + 27);
-    gateway_.set("OrvoService.DynDNS", "HostName", "");
-    gateway_.set("NMC.HomeAutomation", "HA-ID", "HA-1");
-    gateway_.log.next("Synchronizing DynDNS in reaction to HA-ID change");
-    gateway_.cloud->order({"account", "HA-1", "e", "p"});
-    const std::string million(1'100'000, 'x');
-    for (const std::string& device :
-         {std::string(R"({"state":")") + "\xFF" + R"(","power":1})", R"({"state":"on","power":")" + million + "\"}"}) {
-        gateway_.cloud->answer("device", 200, R"({"status":"ok","device":)" + device + "}");
-        EXPECT_EQ(client_.call("/voltaro", "com.corvane.orsm.voltaro", "Get", {"p"}), failed);
-        EXPECT_EQ(client_.call("/orvoservicesinfo", "", "Get"), info);
-    }
-    EXPECT_EQ(gateway_.log.count("failed to send DBus method response"), 3U);
     endWell();
 }
 

@@ -113,8 +113,9 @@ bool waitFor(const std::function<bool()>& condition) {
 
 std::string binary(const std::string& name) { return std::string(ORSM_BINARY_FOLDER "/") + name; }
 
-std::string readFile(const std::string& path) {
+std::string readFile(const std::string& path, size_t from) {
     std::ifstream file(path, std::ios::binary);
+    file.seekg(static_cast<std::streamoff>(from));
     std::ostringstream content;
     content << file.rdbuf();
     return content.str();
@@ -127,14 +128,14 @@ void writeFile(const std::string& path, std::string_view content) {
 std::string LogReader::next(std::string_view text) {
     std::string line;
     (void)waitFor([&] {
-        const std::string all = content();
-        const size_t found = all.find(text, position_);
+        const std::string rest = readFile(path_, position_);
+        const size_t found = rest.find(text);
         if (found == std::string::npos) return false;
-        const size_t end = all.find('\n', found);
+        const size_t end = rest.find('\n', found);
         if (end == std::string::npos) return false;
-        const size_t begin = all.rfind('\n', found) + 1;
-        line = all.substr(begin, end - begin);
-        position_ = end + 1;
+        const size_t begin = rest.rfind('\n', found) + 1;
+        line = rest.substr(begin, end - begin);
+        position_ += end + 1;
         return true;
     });
     EXPECT_FALSE(line.empty()) << "no log line holds: " << text;

@@ -45,7 +45,7 @@ int run(std::vector<std::string> arguments, std::string* output = nullptr);
 /// The path of a program of this build, such as binary("pcb-bus").
 std::string binary(const std::string& name);
 
-std::string readFile(const std::string& path);
+std::string readFile(const std::string& path, size_t from = 0);
 void writeFile(const std::string& path, std::string_view content);
 
 /// Reads a growing log file from the front; each match is searched behind the one before.

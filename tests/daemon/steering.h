@@ -1,0 +1,29 @@
+// What a test shares with the steered daemon, in a page of a file: the test steers, the daemon reports.
+#pragma once
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdint>
+
+struct Steering {
+    std::atomic<int64_t> wallClockAhead;  // seconds
+    std::atomic<int> second;              // microseconds that a second of a timer takes; 0: as ever
+    std::atomic<int> hurriedRequest;      // the request from now on to whose limits that applies, too; 0: none
+    std::atomic<int64_t> armed;           // seconds that timers were armed with, two digits each, the latest last
+    std::atomic<int64_t> limits;          // of the last request, in seconds: to connect, and two digits for the whole
+};
+
+/// The page of this world; made by whoever comes first.
+inline Steering& steering() {
+    static Steering* const page = [] {
+        const int file = open("/var/run/steering", O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+        if (file < 0 || ftruncate(file, sizeof(Steering)) != 0) _exit(125);
+        void* const mapped = mmap(nullptr, sizeof(Steering), PROT_READ | PROT_WRITE, MAP_SHARED, file, 0);
+        close(file);
+        return static_cast<Steering*>(mapped);
+    }();
+    return *page;
+}
