@@ -28,27 +28,29 @@ static DBusMessage* firstMessage(DBusConnection* connection) {
     return first;
 }
 
-// Dispatches the first message; false when memory was short for it. libdbus then puts it back and reports that data
-// remains: it would be tried again at once, for ever.
-static bool dispatchFirst(DBusConnection* connection) {
+// Dispatches the first message and says what is left. When memory was short for it, libdbus puts it back and reports
+// that data remains: it would be tried again at once, for ever.
+static DBusDispatchStatus dispatchFirst(DBusConnection* connection) {
     DBusMessage* message = firstMessage(connection);
     const OwnedMessage held(message ? dbus_message_ref(message) : nullptr);  // no other message gets its address
-    if (dbus_connection_dispatch(connection) == DBUS_DISPATCH_NEED_MEMORY) return false;
-    return !held || firstMessage(connection) != held.get();
+    const DBusDispatchStatus left = dbus_connection_dispatch(connection);
+    const bool putBack = left == DBUS_DISPATCH_DATA_REMAINS && held && firstMessage(connection) == held.get();
+    return putBack ? DBUS_DISPATCH_NEED_MEMORY : left;
 }
 
 static void handle_dispatch(evutil_socket_t, short, void* data) {
     const auto* bus = static_cast<message_bus*>(data);
     DBusConnection* connection = bus->connection.get();
-    bool enoughMemory = true;
-    while (enoughMemory && dbus_connection_get_dispatch_status(connection) == DBUS_DISPATCH_DATA_REMAINS) {
-        enoughMemory = dispatchFirst(connection);
+    DBusDispatchStatus left = dbus_connection_get_dispatch_status(connection);
+    while (left == DBUS_DISPATCH_DATA_REMAINS) {
+        left = dispatchFirst(connection);
     }
     // A write event fires once for each time that libdbus switches it on. What the socket did not take then would stay
     // in the queue until somebody happens to send again.
     if (dbus_connection_has_messages_to_send(connection)) dbus_connection_flush(connection);
     // The message is already read from the socket, and nobody reports that memory is there again.
-    if (!enoughMemory || dbus_connection_get_dispatch_status(connection) == DBUS_DISPATCH_NEED_MEMORY) {
+    if (left == DBUS_DISPATCH_NEED_MEMORY ||
+        dbus_connection_get_dispatch_status(connection) == DBUS_DISPATCH_NEED_MEMORY) {
         (void)armTimer(bus->dispatchEvent.get(), 1, 0);
     }
 }
