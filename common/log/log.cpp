@@ -241,11 +241,13 @@ static void writeToSystemLog(int level, const Line& line) {
 }
 
 static void writeToOutputs(int level, Line& line) {
-    const WithoutBrokenPipe guard;
     line.text[line.length++] = '\n';
-    if (iLogSettings.standardOutput) writeToStandardOutput(line);
-    if (iLogSettings.file) appendToFile(iLogSettings.filename, line);
-    if (level == LEVEL_SYSLOG) writeToRotatedFiles(line);
+    if (iLogSettings.standardOutput || iLogSettings.file || level == LEVEL_SYSLOG) {
+        const WithoutBrokenPipe guard;
+        if (iLogSettings.standardOutput) writeToStandardOutput(line);
+        if (iLogSettings.file) appendToFile(iLogSettings.filename, line);
+        if (level == LEVEL_SYSLOG) writeToRotatedFiles(line);
+    }
     if (iLogSettings.systemLog) writeToSystemLog(level, line);
 }
 
