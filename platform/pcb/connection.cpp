@@ -113,6 +113,7 @@ bool receive(connection_info_t* connection) {
         if (count > 0) {
             connection->in.length += static_cast<size_t>(count);
             received += static_cast<size_t>(count);
+            if (static_cast<size_t>(count) < KReceiveAtOnce) break;  // that was all there is
         } else if (count < 0 && errno == EAGAIN) {
             break;
         } else if (count == 0 || errno != EINTR) {
