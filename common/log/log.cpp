@@ -141,13 +141,24 @@ static bool extend(Line& line, int printed) {
     return true;
 }
 
+// The text of a second, made once for all its lines. Needs the log's lock.
+static const char* dateAndTime(time_t second) {
+    static time_t made = 0;
+    static char text[40] = "";
+    if (*text && made == second) return text;
+    tm local = {};
+    localtime_r(&second, &local);
+    if (strftime(text, sizeof text, "%F %T", &local) == 0) *text = '\0';
+    made = second;
+    return text;
+}
+
 static void beginLine(Line& line, int level, const char* file, ssize_t lineNumber) {
     timeval now = {};
     gettimeofday(&now, nullptr);
-    tm local = {};
-    localtime_r(&now.tv_sec, &local);
-    line.length = strftime(line.text, sizeof line.text, "%F %T", &local);
-    extend(line, snprintf(end(line), room(line), ".%03ld ", static_cast<long>(now.tv_usec / 1000)));
+    line.length = 0;
+    extend(line, snprintf(end(line), room(line), "%s.%03ld ", dateAndTime(now.tv_sec),
+                          static_cast<long>(now.tv_usec / 1000)));
     line.levelName = line.length;
     extend(line, snprintf(end(line), room(line), "%5.10s ", KLevels[level].name));
     if (!iLogSettings.lineAndFile) return;
