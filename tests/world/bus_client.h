@@ -4,6 +4,7 @@
 #include <dbus/dbus.h>
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <string>
 #include <variant>
 #include <vector>
@@ -84,6 +85,35 @@ class BusClient {
         dbus_error_free(&error);
         dbus_message_unref(request);
         return text;
+    }
+
+    /// Makes `calls` calls, at most `outstanding` of them unanswered at a time: `make` gives each by its number, and
+    /// `answered` gets its reply. False when the bus is lost.
+    bool callMany(int calls, int outstanding, const std::function<DBusMessage*(int)>& make,
+                  const std::function<void(DBusMessage*)>& answered) {
+        struct Progress {
+            const std::function<void(DBusMessage*)>& answered;
+            int sent = 0, done = 0;
+        } progress{answered};
+        while (progress.done < calls) {
+            for (; progress.sent < calls && progress.sent - progress.done < outstanding; ++progress.sent) {
+                DBusMessage* call = make(progress.sent);
+                DBusPendingCall* pending = nullptr;
+                if (!dbus_connection_send_with_reply(connection_, call, &pending, DBUS_TIMEOUT_INFINITE)) return false;
+                dbus_message_unref(call);
+                const auto count = [](DBusPendingCall* done, void* data) {
+                    auto* all = static_cast<Progress*>(data);
+                    DBusMessage* reply = dbus_pending_call_steal_reply(done);
+                    all->answered(reply);
+                    ++all->done;
+                    dbus_message_unref(reply);
+                };
+                dbus_pending_call_set_notify(pending, count, &progress, nullptr);
+                dbus_pending_call_unref(pending);
+            }
+            if (!dbus_connection_read_write_dispatch(connection_, 60'000)) return false;
+        }
+        return true;
     }
 
   private:
