@@ -4,8 +4,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "platform/pcb/pcb.h"
+#include <filesystem>
+#include <thread>
+
 #include "tests/daemon/daemon.h"
+#include "tests/daemon/set_often.h"
+#include "tests/world/bus_client.h"
 
 using namespace world;
 
@@ -87,23 +91,6 @@ TEST(MainJob, EndsAtOnceWhileTheServerHoldsARequest) {
     EXPECT_EQ(gateway.daemon->output(), "");
 }
 
-// Sets one parameter many times, fast, as the platform.
-static void setOften(const char* object, const char* parameter, int from, int to) {
-    connection_initLibrary();
-    pcb_t* client = pcb_create("test", 0, nullptr);
-    pcb_client_set_attribute(client, PCB_CLIENT_PLATFORM, 1);
-    peer_info_t* peer = pcb_client_connect(client, "pcb://ipc:{/var/run/pcb_sys}");
-    variant_t value;
-    variant_initialize(&value);
-    for (int i = from; i <= to; ++i) {
-        variant_setChar(&value, std::to_string(i).c_str());
-        EXPECT_TRUE(pcb_client_set(peer, object, parameter, &value));
-    }
-    variant_cleanup(&value);
-    pcb_destroy(client);
-    connection_exitLibrary();
-}
-
 TEST(MainJob, ChangesDuringASlowRequestAllArriveInOrder) {
     Gateway gateway;
     gateway.cloud->order({"register", "HA-1", "box", "true"});
@@ -151,21 +138,69 @@ TEST(MainJob, GoesOnAndEndsAlthoughNobodyReadsItsOutput) {
     close(unread);
 }
 
-TEST(LostBus, TheMessageBusEndsItWithOneAndTheDataModelWithZero) {
+TEST(LostBus, EndsItWithItsStatusAndNeverHoldsTheEndUp) {
+    for (const int row : {0, 1, 2, 3, 4, 5, 6, 7}) {
+        const bool held = row & 1, messageBus = row & 2, killed = row & 4;
+        SCOPED_TRACE(std::string(killed ? "killed " : "frozen ") + (messageBus ? "message bus" : "data model") +
+                     (held ? " during a request" : ""));
+        writeFile(KDaemonLog, "");
+        std::filesystem::remove_all("/var/run/cloud");
+        Gateway gateway;
+        held ? startHeldRequest(gateway) : gateway.start();
+        (messageBus ? gateway.dbus : gateway.bus)->send(killed ? SIGKILL : SIGSTOP);
+        // The bus thread notices the loss of its bus only when it is free.
+        const bool endsAlone = killed && !(messageBus && held);
+        if (!endsAlone) gateway.daemon->send(SIGTERM);
+        const bool lostMessageBus = messageBus && endsAlone;
+        EXPECT_EQ(gateway.daemon->wait(), lostMessageBus ? 1 : 0);
+        gateway.log.next(lostMessageBus ? "got signal Disconnected, freeing message_bus"
+                                        : "Leaving pcb data model event loop");
+        EXPECT_EQ(exists(KPidFile), lostMessageBus);
+        EXPECT_EQ(gateway.log.count("Request error"), 0U) << "it waited for the request";
+        EXPECT_EQ(gateway.daemon->output(), "");
+    }
+}
+
+TEST(LostBus, AFrozenDataModelCostsTheCallsMadeMeanwhileAndNoOther) {
     Gateway gateway;
     gateway.start();
-    gateway.dbus->send(SIGKILL);
-    EXPECT_EQ(gateway.daemon->wait(), 1);
-    gateway.log.next("got signal Disconnected, freeing message_bus");
-    EXPECT_TRUE(exists(KPidFile));
+    BusClient client;
+    for (const char* status : {R"({"status":"OK","result":false})", R"({"status":"DBUS_ERROR","result":null})"}) {
+        EXPECT_EQ(client.call("/dyndns", "com.corvane.orsm.dyndns", "IsEnabled"), status);
+        gateway.bus->send(SIGSTOP);
+    }
+    gateway.log.next("Get: Failed to get object OrvoService.DynDNS param Enable");
+    gateway.bus->send(SIGCONT);
+    EXPECT_EQ(client.call("/dyndns", "com.corvane.orsm.dyndns", "GetName"), R"({"status":"OK","result":null})");
+    gateway.settle();
+    EXPECT_EQ(gateway.end(), 0);
+}
 
-    gateway.dbus = startDbusDaemon();
-    gateway.start();
-    gateway.bus->send(SIGKILL);
-    EXPECT_EQ(gateway.daemon->wait(), 0);
-    gateway.log.next("Leaving pcb data model event loop");
-    EXPECT_FALSE(exists(KPidFile));
-    EXPECT_EQ(gateway.daemon->output(), "");
+TEST(LostBus, AReplyThatAFrozenMessageBusDoesNotTakeWaitsForIt) {
+    for (const bool thawed : {true, false}) {
+        writeFile(KDaemonLog, "");
+        Gateway gateway;
+        setOften("OrvoService.DynDNS", "HostName", 1, 1, std::string(900'000, 'x'));
+        gateway.start();
+        BusClient client;
+        // The daemon asks the data model, which is frozen until the message bus is too.
+        gateway.bus->send(SIGSTOP);
+        std::thread call([&] {
+            EXPECT_EQ(client.call("/dyndns", "", "GetName").size(), thawed ? 900'028U : sizeof DBUS_ERROR_NO_REPLY - 1);
+        });
+        gateway.log.next("Dyn DNS GetName requested");
+        gateway.dbus->send(SIGSTOP);
+        gateway.bus->send(SIGCONT);
+        gateway.log.next("Dyn DNS GetName response");
+        if (!thawed) {
+            EXPECT_EQ(gateway.end(), 0);
+        }
+        gateway.dbus->send(SIGCONT);
+        call.join();
+        if (thawed) {
+            EXPECT_EQ(gateway.end(), 0);
+        }
+    }
 }
 
 TEST(Log, AHangUpSignalReloadsItsSettingsFromTheWorkingDirectory) {

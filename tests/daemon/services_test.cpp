@@ -2,9 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <map>
 #include <sstream>
-#include <thread>
 
 #include "tests/daemon/daemon.h"
 #include "tests/world/bus_client.h"
@@ -349,75 +347,6 @@ TEST_F(Services, CallsAndChangesWaitForASlowServerAndKeepTheirOrder) {
     LogReader calls(KDaemonLog);
     for (int i = 0; i < 50; ++i) {
         calls.next("Invalid name: -" + std::to_string(i));
-    }
-    endWell();
-}
-
-// One of eight clients: keeps at most 100 calls outstanding, and counts what each of its calls got.
-static void callOften(int calls, std::map<std::string, int>& replies) {
-    BusClient client;
-    int sent = 0, answered = 0;
-    struct Counter {
-        std::map<std::string, int>& replies;
-        int& answered;
-    } counter{replies, answered};
-    while (answered < calls) {
-        while (sent < calls && sent - answered < 100) {
-            const int kind = sent++ % 4;
-            DBusMessage* call = kind == 0   ? BusClient::message("/dyndns", "com.corvane.orsm.dyndns", "IsEnabled", {})
-                                : kind == 1 ? BusClient::message("/orvoservicesinfo", "", "Get", {})
-                                : kind == 2
-                                    ? BusClient::message("/voltaro", "com.corvane.orsm.voltaro", "Set", {"p", "up"})
-                                    : BusClient::message("/dyndns", "com.corvane.orsm.dyndns", "None", {});
-            DBusPendingCall* pending = nullptr;
-            ASSERT_TRUE(dbus_connection_send_with_reply(client.connection(), call, &pending, DBUS_TIMEOUT_INFINITE));
-            dbus_pending_call_set_notify(
-                pending,
-                [](DBusPendingCall* done, void* data) {
-                    auto* count = static_cast<Counter*>(data);
-                    DBusMessage* reply = dbus_pending_call_steal_reply(done);
-                    ++count->replies[BusClient::textOf(reply)];
-                    ++count->answered;
-                    dbus_message_unref(reply);
-                },
-                &counter, nullptr);
-            dbus_pending_call_unref(pending);
-            dbus_message_unref(call);
-        }
-        ASSERT_TRUE(dbus_connection_read_write_dispatch(client.connection(), 60'000));
-    }
-}
-
-TEST_F(Services, AStormOfCallsIsAnsweredEveryOneOnceWhileChangesArrive) {
-    gateway_.start();
-    constexpr int KClients = 8, KCalls = 1250;
-    std::vector<std::map<std::string, int>> replies(KClients);
-    std::vector<std::thread> clients;
-    dbus_threads_init_default();
-    for (auto& one : replies) {
-        clients.emplace_back([&one] { callOften(KCalls, one); });
-    }
-    for (int i = 0; i < 20; ++i) {
-        gateway_.set("OrvoService.HomeAutomation", "CommunicationServer", "storm-" + std::to_string(i));
-    }
-    for (std::thread& client : clients) {
-        client.join();
-    }
-    std::map<std::string, int> all;
-    for (const auto& one : replies) {
-        for (const auto& [reply, count] : one) {
-            all[reply] += count;
-        }
-    }
-    const std::map<std::string, int> expected = {
-        {KFalse,                                     8 * 313},
-        {R"({"status":"OK"})",                       8 * 313},
-        {voltaroError("ACTION_NOT_DEFINED"),         8 * 312},
-        {"org.freedesktop.DBus.Error.UnknownMethod", 8 * 312},
-    };
-    EXPECT_EQ(all, expected);
-    for (int i = 0; i < 20; ++i) {
-        gateway_.log.next("Communication server URL changed: storm-" + std::to_string(i));
     }
     endWell();
 }

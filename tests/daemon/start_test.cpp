@@ -1,6 +1,7 @@
 // Command line, configuration, start-up and its failures, with the real program.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -162,6 +163,24 @@ TEST(StartUp, DetachesWhenTheConfigurationAsksForIt) {
     kill(pid, SIGTERM);
     EXPECT_TRUE(waitFor([] { return !exists(KPidFile); }));
     gateway.log.next("Leaving pcb data model event loop");
+}
+
+TEST(StartUp, TakesAStalePidFileOver) {
+    Gateway gateway;
+    pid_t dead = fork();
+    if (dead == 0) _exit(0);
+    waitpid(dead, nullptr, 0);
+    for (const std::string& left : {std::to_string(dead) + "\n", std::to_string(getpid()) + "\n", std::string("-1"),
+                                    std::string("\0\xFF rubbish", 10), std::string(100'000, '1'), std::string()}) {
+        SCOPED_TRACE(left.substr(0, 20));
+        writeFile(KDaemonLog, "");
+        writeFile(KPidFile, left);
+        gateway.log = LogReader(KDaemonLog);
+        gateway.start();
+        EXPECT_EQ(readFile(KPidFile), std::to_string(gateway.daemon->pid()) + "\n");
+        EXPECT_EQ(gateway.end(), 0);
+        EXPECT_FALSE(exists(KPidFile));
+    }
 }
 
 TEST(StartUp, ASignalAtAnyMomentEndsItInOrder) {

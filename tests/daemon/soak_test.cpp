@@ -1,0 +1,91 @@
+// Years of work in a row: what the daemon holds must not grow. A slice by default; ORSM_SOAK_PERCENT=100 makes it
+// 100 000 HTTPS requests, 1 000 000 bus calls and 200 000 notifications.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <filesystem>
+#include <sstream>
+
+#include "tests/daemon/daemon.h"
+#include "tests/daemon/set_often.h"
+#include "tests/world/bus_client.h"
+
+using namespace world;
+
+static int entries(const std::string& folder) {
+    return static_cast<int>(std::distance(std::filesystem::directory_iterator(folder), {}));
+}
+
+// KiB that belong to the process alone.
+static double privateMemory(const std::string& proc) {
+    const std::string rows = readFile(proc + "/smaps_rollup");
+    return std::stod(rows.substr(rows.find("Private_Dirty:") + 14));
+}
+
+// By how much a straight line through the figures rises from the first to the last.
+static double rise(const std::vector<double>& figures) {
+    const double n = static_cast<double>(figures.size()), middle = (n - 1) / 2;
+    double products = 0, squares = 0;
+    for (size_t i = 0; i < figures.size(); ++i) {
+        const double x = static_cast<double>(i) - middle;
+        products += x * figures[i];
+        squares += x * x;
+    }
+    return products / squares * (n - 1);
+}
+
+TEST(Soak, NeitherMemoryNorDescriptorsNorThreadsGrow) {
+    const char* wanted = getenv("ORSM_SOAK_PERCENT");
+    constexpr int KSteps = 50, KChangesAtOnce = 32;
+    const double part = (wanted ? std::stod(wanted) : 12) / 100 / KSteps;
+    const int requests = static_cast<int>(100'000 * part), calls = static_cast<int>(1'000'000 * part),
+              changes = static_cast<int>(200'000 * part);
+    const auto begin = std::chrono::steady_clock::now();
+    Gateway gateway;
+    gateway.daemon = startDaemon(daemonConfiguration(gateway.cloud->url(), gateway.cloud->caPath()));
+    const std::string proc = "/proc/" + std::to_string(gateway.daemon->pid());
+    gateway.set("OrvoService.GatewayClient", "ConnectionMode", "on");
+    ASSERT_TRUE(waitFor([&] { return gateway.get("OrvoService.GatewayClient", "ConnectionStatus") == "true"; }));
+    BusClient client;
+    ASSERT_TRUE(waitFor([&] { return client.call("/orvoservicesinfo", "", "Get") == R"({"status":"OK"})"; }));
+    int failed = 0, descriptors = 0, threads = 0;
+    std::vector<double> memory;
+    for (int step = 0; step < KSteps; ++step) {
+        failed += !client.callMany(
+            requests, 1, [](int) { return BusClient::message("/dyndns", "", "IsNameTaken", {"office"}); },
+            [&](DBusMessage* reply) { failed += BusClient::textOf(reply) != R"({"status":"OK","result":false})"; });
+        failed += !client.callMany(
+            calls, 64,
+            [](int number) {
+                return number % 2 ? BusClient::message("/dyndns", "", "IsEnabled", {})
+                                  : BusClient::message("/orvoservicesinfo", "", "Get", {});
+            },
+            [&](DBusMessage* reply) { failed += BusClient::textOf(reply).find("OK") == std::string::npos; });
+        // Few at a time: what waits for the bus thread is memory too.
+        const std::string prefix = std::to_string(step) + "-";
+        for (int first = 1; first <= changes; first += KChangesAtOnce) {
+            const int last = std::min(changes, first + KChangesAtOnce - 1);
+            writeFile(KDaemonLog, "");
+            setOften("OrvoService.HomeAutomation", "CommunicationServer", first, last, prefix);
+            LogReader(KDaemonLog).next("Communication server URL changed: " + prefix + std::to_string(last));
+        }
+        memory.push_back(privateMemory(proc));
+        if (step == KSteps / 10) {
+            descriptors = entries(proc + "/fd");
+            threads = entries(proc + "/task");
+        }
+    }
+    memory.erase(memory.begin(), memory.begin() + KSteps / 10);
+    const double grown = rise(memory);
+    printf("soak: %d requests, %d calls, %d notifications in %.0f s: %+.1f KiB after the first tenth (%.0f to %.0f)\n",
+           requests * KSteps, calls * KSteps, changes * KSteps,
+           std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count(), grown, memory.front(),
+           memory.back());
+    EXPECT_EQ(failed, 0);
+    EXPECT_LE(grown, 64) << "KiB: " << testing::PrintToString(memory);
+    EXPECT_EQ(entries(proc + "/fd"), descriptors);
+    EXPECT_EQ(entries(proc + "/task"), threads);
+    EXPECT_EQ(gateway.end(), 0);
+}

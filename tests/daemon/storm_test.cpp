@@ -1,0 +1,102 @@
+// The bus under more calls than the daemon can answer at once.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <map>
+#include <thread>
+
+#include "tests/daemon/daemon.h"
+#include "tests/daemon/set_often.h"
+#include "tests/world/bus_client.h"
+
+using namespace world;
+
+using Clock = std::chrono::steady_clock;
+
+static double millisecondsSince(Clock::time_point begin) {
+    return std::chrono::duration<double, std::milli>(Clock::now() - begin).count();
+}
+
+static DBusMessage* stormCall(int number) {
+    switch (number % 4) {
+        case 0: return BusClient::message("/dyndns", "com.corvane.orsm.dyndns", "IsEnabled", {});
+        case 1: return BusClient::message("/orvoservicesinfo", "", "Get", {});
+        case 2: return BusClient::message("/voltaro", "com.corvane.orsm.voltaro", "Set", {"p", "up"});
+        default: return BusClient::message("/dyndns", "com.corvane.orsm.dyndns", "None", {});
+    }
+}
+
+TEST(Storm, EveryCallIsAnsweredOnceAndNobodyWaitsLong) {
+    constexpr int KClients = 4, KOutstanding = 128, KCalls = 2500, KChanges = 20;
+    dbus_threads_init_default();
+    Gateway gateway;
+    gateway.start();
+    // A timer of one second, armed just before the storm.
+    gateway.set("NMC.HomeAutomation", "HA-ID", "HA-1");
+    gateway.set("NMC.HomeAutomation", "HA-ID", "");
+    gateway.log.next("HA-ID value: HA-1");
+    gateway.log.next("Synchronizing DynDNS in reaction to HA-ID change");
+
+    std::vector<std::map<std::string, int>> replies(KClients);
+    std::vector<std::thread> clients;
+    for (auto& one : replies) {
+        clients.emplace_back([&one] {
+            BusClient client;
+            EXPECT_TRUE(client.callMany(KCalls, KOutstanding, stormCall,
+                                        [&one](DBusMessage* reply) { ++one[BusClient::textOf(reply)]; }));
+        });
+    }
+    std::atomic<bool> over = false;
+    std::vector<double> waits;
+    std::thread polite([&] {
+        BusClient client;
+        while (!over) {
+            const auto begin = Clock::now();
+            EXPECT_EQ(client.call("/orvoservicesinfo", "", "Get"), R"({"status":"OK"})");
+            waits.push_back(millisecondsSince(begin));
+        }
+    });
+    const auto begin = Clock::now();
+    setOften("OrvoService.HomeAutomation", "CommunicationServer", 1, KChanges, "storm-");
+    for (std::thread& client : clients) {
+        client.join();
+    }
+    const double storm = millisecondsSince(begin);
+    const auto end = Clock::now();
+    over = true;
+    polite.join();
+    LogReader pipe = gateway.log;
+    for (int i = 1; i <= KChanges; ++i) {
+        pipe.next("Communication server URL changed: storm-" + std::to_string(i));
+    }
+    const double pipeLate = millisecondsSince(end);
+    gateway.log.next("HA-ID is empty");
+    const double timerLate = millisecondsSince(end);
+
+    std::map<std::string, int> all;
+    for (const auto& one : replies) {
+        for (const auto& [reply, count] : one) {
+            all[reply] += count;
+        }
+    }
+    const std::map<std::string, int> expected = {
+        {R"({"status":"OK","result":false})",        KClients * KCalls / 4},
+        {R"({"status":"OK"})",                       KClients * KCalls / 4},
+        {R"({"status":"ACTION_NOT_DEFINED"})",       KClients * KCalls / 4},
+        {"org.freedesktop.DBus.Error.UnknownMethod", KClients * KCalls / 4},
+    };
+    EXPECT_EQ(all, expected);
+    const double longest = *std::max_element(waits.begin(), waits.end());
+    printf(
+        "storm: %d calls in %.0f ms; the polite client's %zu waited at most %.1f ms; then pipe %.0f, timer %.0f ms\n",
+        KClients * KCalls, storm, waits.size(), longest, pipeLate, timerLate);
+#ifdef NDEBUG  // with the sanitizers a call costs several times as much
+    EXPECT_LE(longest, 100);
+    EXPECT_LE(pipeLate, 1000);
+    EXPECT_LE(timerLate, 1000);
+#endif
+    EXPECT_EQ(gateway.end(), 0);
+    EXPECT_EQ(gateway.daemon->output(), "");
+}
