@@ -39,7 +39,7 @@ static double rise(const std::vector<double>& figures) {
 TEST(Soak, NeitherMemoryNorDescriptorsNorThreadsGrow) {
     const char* wanted = getenv("ORSM_SOAK_PERCENT");
     constexpr int KSteps = 50, KChangesAtOnce = 32;
-    const double part = (wanted ? std::stod(wanted) : 12) / 100 / KSteps;
+    const double part = (wanted ? std::stod(wanted) : 10) / 100 / KSteps;
     const int requests = static_cast<int>(100'000 * part), calls = static_cast<int>(1'000'000 * part),
               changes = static_cast<int>(200'000 * part);
     const auto begin = std::chrono::steady_clock::now();
