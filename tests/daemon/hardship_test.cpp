@@ -164,7 +164,13 @@ class Hardship : public testing::Test {
         log_.next("CG-NAT status: false");
         gateway_.set("OrvoService.GatewayClient", "ConnectionStatus", "true");
         gateway_.set("NMC.HomeAutomation", "HA-ID", "HA-1");
-        synchronization_.next("saved to OrvoService");
+        awaitSynchronization();
+    }
+
+    void awaitSynchronization() {
+        for (const char* line : {"Sync dyndns timer started", "hostname ", "saved to OrvoService"}) {
+            synchronization_.next(line);
+        }
     }
 
     std::string ask(const Resource& resource) {
@@ -172,9 +178,7 @@ class Hardship : public testing::Test {
         if (resource.method) return client_.call(path, "", resource.method, resource.arguments);
         steering().armed = 0;
         gateway_.set("NMC.HomeAutomation", "Enable", std::exchange(enable_, enable_ == "1" ? "true" : "1"));
-        for (const char* line : {"reaction to HA enable change", "hostname ", "saved to OrvoService"}) {
-            synchronization_.next(line);
-        }
+        awaitSynchronization();
         return client_.call(path, "", "GetName");
     }
     void expectAllGood() {
