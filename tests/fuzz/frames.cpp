@@ -48,8 +48,13 @@ static void restore(object_t* object, const object_t* fresh) {
 static object_t* readTree() {
     OdlFault fault;
     std::string text = world::readFile(ORSM_SOURCE_FOLDER "/platform/bus/gateway.odl");
-    // Connected, so that nobody waits for it.
-    text.replace(text.find("\"false\"", text.find("ConnectionStatus")), strlen("\"false\""), "\"true\"");
+    // Connected, so that nobody waits for it; and a name that can be sent to the server.
+    for (const auto& [begin, wanted] : {
+             std::pair{"ConnectionStatus = \"false", "ConnectionStatus = \"true"},
+             std::pair{"HostName = \"",              "HostName = \"home"        }
+    }) {
+        text.replace(text.find(begin), strlen(begin), wanted);
+    }
     return parseOdl(text, &fault).release();
 }
 
