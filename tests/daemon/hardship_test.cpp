@@ -120,6 +120,7 @@ static const Answer KAnswers[] = {
     {"verify", R"({"Status":"SUCCESS","AVAILABLE":"true"})", KTrue, "Dyn DNS IsNameTaken: true"},
     {"verify", R"({"status":"SUCCESS"})", KInternal, "Dyn DNS IsNameTaken OK: "},
     {"get",    R"({"status":"SUCCESS","dynDNS":{"name":7,"enabled":1}})", KNoName, "DynDNS enable=false saved in PCB"},
+    {"get",    R"({"STATUS":"SUCCESS","dyndns":{"Name":"box","ENABLED":"true"}} trailing)", KBox, "DynDNS enable=false saved in PCB"},
     {"get",    R"({"status":"SUCCESS","dynDNS":"box"})", KNoName, "DynDNS empty hostname saved in PCB"},
     {"get",    "{\"status\":\"SUCCESS\",\"dynDNS\":{\"name\":\"\xC3\x28\",\"enabled\":true}}", KNotText, "failed to send DBus method response"},
     {"params", R"({"status":"SUCCESS"})", KUnpaired, "Curl HTTP GET success"},

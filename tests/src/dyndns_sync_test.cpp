@@ -14,6 +14,7 @@
 #include "src/dyndnsrequest.h"
 #include "tests/world/cloud.h"
 #include "tests/world/test_log.h"
+#include "tests/world/wrap.h"
 
 // A clock that only sleeping moves, so that the wait for the GatewayClient takes no time. Its wall clock can be set.
 static int iLooksBeforeJump;
@@ -21,22 +22,18 @@ static time_t iWallClockJump;
 static int64_t iVirtualNanoseconds;
 static time_t iVirtualWallClock = 1'700'000'000;
 
-extern "C" {
-time_t __wrap_time(time_t*);
-time_t __wrap_time(time_t*) {
+WRAP(time_t, time, time_t*) {
     if (iLooksBeforeJump-- == 0) iVirtualWallClock += iWallClockJump;
     return static_cast<time_t>(iVirtualWallClock + iVirtualNanoseconds / 1'000'000'000);
 }
 
-int __wrap_clock_gettime(clockid_t, timespec* now);
-int __wrap_clock_gettime(clockid_t, timespec* now) {
+WRAP(int, clock_gettime, clockid_t, timespec* now) {
     *now = {static_cast<time_t>(iVirtualNanoseconds / 1'000'000'000),
             static_cast<long>(iVirtualNanoseconds % 1'000'000'000)};
     return 0;
 }
 
-int __wrap_nanosleep(const timespec* duration, timespec* left);
-int __wrap_nanosleep(const timespec* duration, timespec* left) {
+WRAP(int, nanosleep, const timespec* duration, timespec* left) {
     static int calls = 0;
     if (++calls % 2) {  // every other sleep is cut short by a signal, half way
         *left = {0, duration->tv_nsec / 2};
@@ -46,7 +43,6 @@ int __wrap_nanosleep(const timespec* duration, timespec* left) {
     }
     iVirtualNanoseconds += duration->tv_nsec;
     return 0;
-}
 }
 
 // How many whole seconds from now the timer fires; 0 when it is not armed.
@@ -181,55 +177,6 @@ TEST_F(Sync, ARetryCountsFromTheFailureHoweverLongTheStepTook) {
     const timeval now = {};
     event_base_once(iBusEventBase, -1, EV_TIMEOUT, slowStep, nullptr, &now);
     event_base_loop(iBusEventBase, EVLOOP_ONCE);
-}
-
-TEST_F(Sync, StoresWhatTheServerSays) {
-    struct Case {
-        const char *answer, *enable, *name;
-        std::vector<const char*> lines;
-    };
-    set("OrvoService.GatewayClient", "ConnectionStatus", "true");
-    for (const Case& c : {
-             Case{R"({"status":"SUCCESS","dynDNS":{"name":"Box","enabled":true}})",
-                  "true",  "Box",
-                  {"DynDNS enable=true saved in PCB", "DynDNS hostname Box saved in PCB"}   },
-             Case{R"({"STATUS":"SUCCESS","dyndns":{"Name":"other","ENABLED":"true"}} trailing)",
-                  "false", "other",
-                  {"DynDNS enable=false saved in PCB", "DynDNS hostname other saved in PCB"}},
-             Case{R"({"status":"SUCCESS"})",
-                  "false", "",
-                  {"DynDNS enable=false saved in PCB", "DynDNS empty hostname saved in PCB"}},
-    }) {
-        SCOPED_TRACE(c.answer);
-        cloud_->answer("get", 200, c.answer);
-        step();
-        log_.next("Get dyn dns configuration OK: " + std::string(c.answer));
-        for (const char* line : c.lines) {
-            log_.next(line);
-        }
-        log_.next("saved to OrvoService");
-        EXPECT_EQ(armedDelay(), 0);
-        EXPECT_EQ(dynDns("Enable"), c.enable);
-        EXPECT_EQ(dynDns("HostName"), c.name);
-        EXPECT_EQ(dynDns("SyncNotFinished"), "false");
-        // The echo of the write finds no difference.
-        react(EVENT_DYNDNS_ENABLE_CHANGED, c.enable);
-    }
-    EXPECT_EQ(log_.count("Setup dyn dns on server"), 0U);
-    EXPECT_EQ(cloud_->journal().size(), 3U);
-}
-
-TEST_F(Sync, AServerThatFailsIsAskedAgainAndChangesNothing) {
-    set("OrvoService.GatewayClient", "ConnectionStatus", "true");
-    set("OrvoService.DynDNS", "HostName", "kept");
-    for (const long delay : {5, 10}) {
-        cloud_->fault("get", "not-json");
-        step();
-        EXPECT_EQ(armedDelay(), delay);
-    }
-    EXPECT_EQ(dynDns("HostName"), "kept");
-    EXPECT_EQ(dynDns("SyncNotFinished"), "true");
-    EXPECT_NE(world::readFile("/media/orvoservice.odl").find("bool SyncNotFinished = \"true\";"), std::string::npos);
 }
 
 TEST_F(Sync, AnInterruptedSynchronizationGoesOnWithTheInitialHaId) {

@@ -1,9 +1,7 @@
 #include "src/dyndnsrequest.h"
 
-#include <cjson/cJSON.h>
 #include <gtest/gtest.h>
 
-#include "tests/src/failing_calls.h"
 #include "tests/world/cloud.h"
 #include "tests/world/test_log.h"
 
@@ -59,34 +57,9 @@ TEST_F(DynDnsRequest, WhatIsMissingIsNamedInThisOrder) {
 
 TEST_F(DynDnsRequest, IncompleteSettingsLeaveTheOldOnes) {
     EXPECT_EQ(initRequestsEngine(nullptr, "b", "c"), 0);
-    EXPECT_EQ(initRequestsEngine("a", nullptr, "c"), 0);
     EXPECT_EQ(initRequestsEngine("a", "b", nullptr), 0);
     EXPECT_EQ(setApplicationServerUrl(nullptr), 0);
     EXPECT_EQ(getPathToServerCABundleFile(), cloud_->caPath());
     EXPECT_STREQ(getVoltaroServerUrl(), "voltaro");
     EXPECT_TRUE(getDynDnsConfiguration("H"));
-}
-
-static int iJsonAllocationsLeft;
-static void* allocateForJson(size_t size) { return iJsonAllocationsLeft-- > 0 ? malloc(size) : nullptr; }
-
-TEST_F(DynDnsRequest, ShortMemoryIsLoggedByThoseThatSaySo) {
-    letFail("vasprintf");
-    EXPECT_FALSE(getDynDnsConfiguration("H"));
-    EXPECT_FALSE(getParamsForHaId("H"));
-    EXPECT_EQ(world::takeLog(), "");
-    EXPECT_FALSE(verifyDynDnsName("n"));
-    EXPECT_FALSE(setDynDnsConfiguration(KBox));
-    EXPECT_EQ(world::takeLog(), "ERROR Out of memory\nERROR Out of memory\n");
-    letFail("");
-
-    cJSON_Hooks hooks = {allocateForJson, free};
-    cJSON_InitHooks(&hooks);
-    for (int left = 0; left < 11; ++left) {
-        iJsonAllocationsLeft = left;
-        EXPECT_FALSE(setDynDnsConfiguration(KBox));
-        EXPECT_EQ(world::takeLog(), std::string("ERROR Cannot create json ") + (left < 9 ? "object\n" : "string\n"));
-    }
-    cJSON_InitHooks(nullptr);
-    EXPECT_TRUE(setDynDnsConfiguration(KBox));
 }

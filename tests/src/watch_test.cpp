@@ -1,10 +1,7 @@
 // The writer's side of the event pipe: what the data model reports, and the records that leave for the bus thread.
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 #include <unistd.h>
-
-#include <thread>
 
 #include "src/dbusinterface/event_record.h"
 #include "src/main/data_model_watch.h"
@@ -125,20 +122,4 @@ TEST_F(Watch, RefusesAQueryNumberItCannotUse) {
     log_.next("Query number too long: " + number);
     EXPECT_EQ(log_.count("Listening to changes in"), 0U);
     EXPECT_EQ(log_.count("Empty query number!"), 2U);
-}
-
-TEST_F(Watch, WaitsForRoomInAFullPipeAndKeepsTheOrder) {
-    // A pipe holds some dozens of records; the reader takes its time.
-    std::thread reader([this] {
-        for (int expected = 0; expected < 500;) {
-            const std::string record = next();
-            if (record.empty()) continue;
-            EXPECT_EQ(record, "5:" + std::to_string(expected++));
-        }
-    });
-    for (int i = 0; i < 500; ++i) {
-        sendValueThroughPipe(EVENT_HA_ID_CHANGED, std::to_string(i).c_str());
-    }
-    reader.join();
-    EXPECT_EQ(log_.count("Failed to write"), 0U);
 }
