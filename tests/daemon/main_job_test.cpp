@@ -64,31 +64,19 @@ TEST(MainJob, KeepsTheRegistrationInAgreementAndNeverEchoesItBack) {
     EXPECT_EQ(gateway.daemon->output(), "");
 }
 
-TEST(MainJob, AKilledSynchronizationIsFinishedByTheNextStart) {
-    Gateway gateway;
-    gateway.cloud->order({"register", "HA-1", "box", "true"});
-    startHeldRequest(gateway);
-    EXPECT_NE(readFile(KStore).find("bool SyncNotFinished = \"true\";"), std::string::npos);
-    gateway.end(SIGKILL);
-    EXPECT_TRUE(exists(KPidFile));
-    gateway.cloud->order({"release"});
-
-    gateway.start();
-    gateway.log.next("DynDNS hostname box saved in PCB");
-    gateway.settle();
-    EXPECT_EQ(gateway.log.count("Continuing unfinished DynDNS synchronization"), 1U);
-    EXPECT_NE(readFile(KStore).find("bool SyncNotFinished = \"false\";"), std::string::npos);
-    EXPECT_EQ(readFile(KPidFile), std::to_string(gateway.daemon->pid()) + "\n");
-    EXPECT_EQ(gateway.end(), 0);
-}
-
-TEST(MainJob, EndsAtOnceWhileTheServerHoldsARequest) {
-    Gateway gateway;
-    startHeldRequest(gateway);
-    EXPECT_EQ(gateway.end(), 0);
-    EXPECT_EQ(gateway.log.count("Request error"), 0U) << "it waited for the request";
-    EXPECT_FALSE(exists(KPidFile));
-    EXPECT_EQ(gateway.daemon->output(), "");
+TEST(MainJob, EndsAtOnceWhileARequestIsHeldAndMoreChangesWaitThanThePipeHolds) {
+    for (const int changes : {0, 200}) {
+        writeFile(KDaemonLog, "");
+        std::filesystem::remove_all("/var/run/cloud");
+        Gateway gateway;
+        startHeldRequest(gateway);
+        setOften("NMC.HomeAutomation", "HA-ID", 1, changes);
+        if (changes) gateway.log.next("NEW_VALUE=40");
+        EXPECT_EQ(gateway.end(), 0);
+        EXPECT_EQ(gateway.log.count("Request error"), 0U) << "it waited for the request";
+        EXPECT_FALSE(exists(KPidFile));
+        EXPECT_EQ(gateway.daemon->output(), "");
+    }
 }
 
 TEST(MainJob, ChangesDuringASlowRequestAllArriveInOrder) {
@@ -108,16 +96,6 @@ TEST(MainJob, ChangesDuringASlowRequestAllArriveInOrder) {
         position = found + 1;
     }
     EXPECT_EQ(gateway.end(), 0);
-}
-
-TEST(MainJob, EndsWhileMoreChangesWaitThanThePipeHolds) {
-    Gateway gateway;
-    startHeldRequest(gateway);
-    setOften("NMC.HomeAutomation", "HA-ID", 1, 200);
-    gateway.log.next("NEW_VALUE=40");
-    EXPECT_EQ(gateway.end(), 0);
-    EXPECT_FALSE(exists(KPidFile));
-    EXPECT_EQ(gateway.daemon->output(), "");
 }
 
 TEST(MainJob, GoesOnAndEndsAlthoughNobodyReadsItsOutput) {

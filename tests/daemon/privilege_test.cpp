@@ -27,7 +27,6 @@ TEST(Privilege, TheMainJobNeedsNone) {
     const std::pair<const char*, const char*> tests[] = {
         {"privilege_test", "Privilege.TheMainJobNeedsNone"                              },
         {"main_job_test",  "MainJob.KeepsTheRegistrationInAgreementAndNeverEchoesItBack"},
-        {"main_job_test",  "MainJob.AKilledSynchronizationIsFinishedByTheNextStart"     },
     };
     for (const auto& [program, test] : tests) {
         std::string output;

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <sstream>
+#include <thread>
 
 #include "tests/daemon/daemon.h"
 #include "tests/world/bus_client.h"
@@ -60,9 +61,6 @@ class Services : public testing::Test {
 
 std::string dynDnsError(const char* status) { return std::string(R"({"status":")") + status + R"(","result":null})"; }
 std::string voltaroError(const char* status) { return std::string(R"({"status":")") + status + R"("})"; }
-std::vector<std::string> body(const char* resource, const char* text) {
-    return {"fault", resource, "body", "1", "200", text};
-}
 
 const std::string KTrue = R"({"status":"OK","result":true})";
 const std::string KFalse = R"({"status":"OK","result":false})";
@@ -87,10 +85,8 @@ TEST_F(Services, DynDnsChecksArgumentsAndConditionsInOrder) {
         {"IsNameTaken", {"a"}, KInvalid, "ERROR Invalid name: a", true},
         {"IsNameTaken", {std::string(64, 'a')}, KInvalid, "ERROR Invalid name: aaaa", true},
         {"IsNameTaken", {"-ab"}, KInvalid, "ERROR Invalid name: -ab", true},
-        {"IsNameTaken", {"a_b"}, KInvalid, "ERROR Invalid name: a_b", true},
         {"IsNameTaken", {"a.b"}, KInvalid, "ERROR Invalid name: a.b", true},
         {"IsNameTaken", {"a\xC3\xA9"}, KInvalid, "ERROR Invalid name: a\xC3\xA9", true},
-        {"IsNameTaken", {std::string(1 << 20, 'a')}, KInvalid, "ERROR Invalid name: aaaa", true},
         {"Configure", {}, KBusError, " WARN No arguments", false},
         {"Configure", {"true", "box"}, KBusError, "Wrong argument 1 type, required: boolean", false},
         {"Configure", {true}, KInvalid, " WARN No argument 2", false},
@@ -112,14 +108,12 @@ TEST_F(Services, DynDnsAsksTheServerAndKeepsAllThreeInAgreement) {
     dynDns({
         {"IsNameTaken", {"Free-1-"}, KFalse, " INFO Dyn DNS IsNameTaken: false", true},
         {"IsNameTaken", {"busy"}, KTrue, " INFO Dyn DNS IsNameTaken: true", true, {"take", "busy"}},
-        {"IsNameTaken", {true}, KFalse, "Dyn DNS IsNameTaken: false", true},
         {"IsNameTaken", {std::string(63, 'Z')}, KFalse, "Dyn DNS IsNameTaken: false", true},
         {"Configure", {true, "Box"}, KTrue, " INFO Dyn DNS Configure response: true", true},
         {"GetName", {}, R"({"status":"OK","result":"box"})", nullptr, true},
         {"IsEnabled", {}, KTrue, " INFO Dyn DNS IsEnabled: true", true},
     });
     EXPECT_EQ(gateway_.cloud->journal()[1].target, "/hm/dyndns/verify?name=free-1-");
-    EXPECT_EQ(gateway_.cloud->journal()[3].target, "/hm/dyndns/verify?name=true");
     EXPECT_EQ(gateway_.cloud->journal().back().body, R"({"name":"box","haId":"HA-1","enabled":true})");
     EXPECT_NE(readFile(KStore).find(R"(string HostName = "box";)"), std::string::npos);
     gateway_.settle();  // with this the echo of the write has passed, too
@@ -165,35 +159,27 @@ TEST_F(Services, VoltaroSwitchesAndReadsPlugs) {
     voltaro({
         {"Set", {}, notFound, "ERROR Missing dbus method argument: switchId", false},
         {"Set", {true, "on"}, notFound, "Wrong argument 1 type, required: string", false},
-        {"Set", {""}, notFound, "Missing dbus method argument: switchId", false},
         {"Set", {"s1"}, noAction, "ERROR Missing dbus method argument: action", false},
-        {"Set", {"s1", ""}, noAction, "Missing dbus method argument: action", false},
         {"Set", {"s1", "ON"}, noAction, "ERROR Wrong dbus method argument: unknown action ON", false},
         {"Set", {"s1", "on"}, notSynchronized, " WARN HA-ID not available", false},
-        {"Get", {}, notFound, "Missing dbus method argument: switchId", false},
         {"Get", {"s1"}, notSynchronized, "HA-ID not available", false},
         {"EnableBackend", {"true"}, "false", "Wrong argument 1 type, required: boolean", true},
     });
     EXPECT_TRUE(gateway_.cloud->journal().empty());
     synchronize("HA-1");
     gateway_.cloud->order({"plug", "p-1", "off", "12.50"});
+    gateway_.cloud->order({"account", "HA-1", "me+you@x y", "p&=%"});
     const std::string on = R"({"status":"OK","state":"on"})";
     const std::string off = R"({"status":"OK","state":"off"})";
     const std::string noAnswer = voltaroError("SERVER_CONNECTION_ERROR");
-    const std::string unpaired = voltaroError("NO_PAIRED_VOLTARO_ACCOUNT");
     const char* noState = R"({"status":"ok","device":{"state":1,"power":1}})";
-    voltaro({
-        {"Get", {"p-1"}, unpaired, nullptr, false},
-    });
-    gateway_.cloud->order({"account", "HA-1", "me+you@x y", "p&=%"});
+    const std::vector<std::string> answerNoState = {"fault", "device", "body", "1", "200", noState};
     voltaro({
         {"Get", {"p-1"}, R"({"status":"OK","switch":{"state":"off","power":12.5}})", "Get switch details OK", true},
         {"Get", {true}, noAnswer, "ERROR Request returned error error", false},
-        {"Set", {"p-1", "on"}, on, " INFO Current switch state: on", true},
         {"Set", {"p-1", "off"}, off, "Current switch state: off", true},
         {"Set", {"p-1", "toggle"}, on, "Current switch state: on", true},
-        {"Set", {"p-1", "toggle"}, noAnswer, nullptr, false, {"fault", "device", "status"}},
-        {"Set", {"p-1", "toggle"}, noAnswer, "ERROR Unknown device state", false, body("device", noState)},
+        {"Set", {"p-1", "toggle"}, noAnswer, "ERROR Unknown device state", false, answerNoState},
         {"EnableBackend", {true}, "true", " INFO Voltaro Enable set to 1", true},
     });
     // clang-format on
@@ -216,57 +202,44 @@ TEST_F(Services, VoltaroSwitchesAndReadsPlugs) {
     EXPECT_TRUE((type + 1)->starts_with("Auth-Token: token-")) << *(type + 1);
 }
 
-// What stands between `before` and the next quote.
-static std::string quotedAfter(const std::string& line, const std::string& before) {
-    const size_t begin = line.find(before) + before.size();
-    return line.substr(begin, line.find_first_of("\"'", begin) - begin);
-}
-
-// The methods of a description, each as "method in>out"; a description has one tag a line.
+// The methods of a service's description, each as "method in>out".
 static std::vector<std::string> describedMethods(const std::string& interface) {
     std::istringstream xml(readFile(ORSM_SOURCE_FOLDER "/dbus/" + interface + ".xml"));
     std::vector<std::string> methods;
-    std::string name, in, out;
     for (std::string line; std::getline(xml, line);) {
-        if (line.find("<method ") != std::string::npos) {
-            name = quotedAfter(line, "name=\"");
-            in = out = "";
-        } else if (line.find("<arg ") != std::string::npos) {
-            (quotedAfter(line, "direction=\"") == "in" ? in : out) += quotedAfter(line, "type=\"");
-        } else if (line.find("</method>") != std::string::npos) {
-            methods.push_back(name + " " + in + ">" + out);
-        }
+        char name[64], type = 0, direction = 0;
+        if (sscanf(line.c_str(), " <method name=\"%63[^\"]\"", name) == 1) methods.push_back(name + std::string(" >"));
+        if (sscanf(line.c_str(), " <arg name=\"%*[^\"]\" type=\"%c\" direction=\"%c", &type, &direction) != 2) continue;
+        std::string& last = methods.back();
+        last.insert(direction == 'i' ? last.find('>') : last.size(), 1, type);
     }
     return methods;
 }
 
 TEST_F(Services, AnswerExactlyWhatTheirDescriptionsSay) {
     gateway_.start();
-    std::vector<std::string> described, served;
+    LogReader listening(KDaemonLog);
+    size_t described = 0;
     for (const char* service : {"dyndns", "voltaro", "orvoservicesinfo"}) {
         const std::string interface = std::string("com.corvane.orsm.") + service;
         for (const std::string& method : describedMethods(interface)) {
-            const std::string name = method.substr(0, method.find(' '));
-            described.push_back(interface + "." + name);
+            SCOPED_TRACE(interface + "." + method);
+            const size_t in = method.find(' ') + 1, out = method.find('>') + 1;
+            listening.next("interface='" + interface + "',member='" + method.substr(0, in - 1) + "'");
             BusArguments arguments;
-            for (const char type : method.substr(name.size() + 1, method.find('>') - name.size() - 1)) {
-                arguments.push_back(type == 'b' ? BusArgument(true) : BusArgument("xx"));
+            for (size_t i = in; i + 1 < out; ++i) {
+                arguments.push_back(method[i] == 'b' ? BusArgument(true) : BusArgument("xx"));
             }
-            DBusMessage* call = BusClient::message(std::string("/") + service, interface, name, arguments);
-            DBusMessage* reply = dbus_connection_send_with_reply_and_block(client_.connection(), call, 60'000, nullptr);
-            ASSERT_TRUE(reply) << method;
-            EXPECT_EQ(dbus_message_get_signature(reply), method.substr(method.find('>') + 1)) << method;
-            dbus_message_unref(reply);
-            dbus_message_unref(call);
+            const auto make = [&](int) {
+                return BusClient::message(std::string("/") + service, interface, method.substr(0, in - 1), arguments);
+            };
+            EXPECT_TRUE(client_.callMany(1, 1, make, [&](DBusMessage* reply) {
+                EXPECT_EQ(dbus_message_get_signature(reply), method.substr(out));
+            }));
+            ++described;
         }
     }
-    // What listens stands in the log of the start.
-    std::istringstream log(gateway_.log.content());
-    for (std::string line; std::getline(log, line);) {
-        if (line.find("Adding listener for") == std::string::npos) continue;
-        served.push_back(quotedAfter(line, "interface='") + "." + quotedAfter(line, "member='"));
-    }
-    EXPECT_EQ(described, served);
+    EXPECT_EQ(gateway_.log.count("Adding listener for"), described);
     endWell();
 }
 
@@ -282,13 +255,10 @@ TEST_F(Services, WrongClientsHarmNobody) {
     for (const Case& c : {
              Case{"/orvoservicesinfo", "",                                  "Get",       {},                info   },
              Case{"/orvoservicesinfo", "com.corvane.orsm.orvoservicesinfo", "Get",       {"more", true, 7}, info   },
-             Case{"/orvoservicesinfo", "com.corvane.orsm.voltaro",          "Get",       {},                unknown},
              Case{"/dyndns",           "com.corvane.orsm.voltaro",          "Get",       {"x"},             unknown},
              Case{"/dyndns",           "",                                  "GetName",   {},                KNoName},
              Case{"/dyndns",           "com.corvane.orsm.dyndns",           "IsEnabled", {false, "x"},      KFalse },
-             Case{"/voltaro",          "",                                  "IsEnabled", {},                unknown},
              Case{"/none",             "com.corvane.orsm.dyndns",           "GetName",   {},                unknown},
-             Case{"/",                 "",                                  "Get",       {},                unknown},
     }) {
         EXPECT_EQ(client_.call(c.path, c.interface, c.method, c.arguments), c.reply) << c.path << " " << c.method;
     }
@@ -314,39 +284,30 @@ TEST_F(Services, WrongClientsHarmNobody) {
 TEST_F(Services, CallsAndChangesWaitForASlowServerAndKeepTheirOrder) {
     gateway_.start();
     gateway_.cloud->order({"fault", "verify", "hold"});
-    std::vector<DBusPendingCall*> pending;
-    const auto send = [&](const char* method, const BusArguments& arguments) {
-        DBusMessage* call = BusClient::message("/dyndns", "com.corvane.orsm.dyndns", method, arguments);
-        DBusPendingCall* one = nullptr;
-        ASSERT_TRUE(dbus_connection_send_with_reply(client_.connection(), call, &one, 60'000));
-        pending.push_back(one);
-        dbus_message_unref(call);
-    };
-    send("IsNameTaken", {"free"});
-    dbus_connection_flush(client_.connection());
-    ASSERT_TRUE(waitFor([&] { return gateway_.cloud->journal().size() == 1; }));
-    for (int i = 0; i < 50; ++i) {
-        send("IsNameTaken", {"-" + std::to_string(i)});
-    }
-    dbus_connection_flush(client_.connection());
+    dbus_threads_init_default();
+    std::thread calls([&] {
+        int answered = 0;
+        EXPECT_TRUE(client_.callMany(
+            51, 51,
+            [](int number) {
+                const std::string name = number ? "-" + std::to_string(number) : "free";
+                return BusClient::message("/dyndns", "com.corvane.orsm.dyndns", "IsNameTaken", {name});
+            },
+            [&](DBusMessage* reply) { EXPECT_EQ(BusClient::textOf(reply), answered++ ? KInvalid : KFalse); }));
+    });
+    EXPECT_TRUE(waitFor([&] { return gateway_.cloud->journal().size() == 1; }));
     for (const char* marker : {"first", "second", "third"}) {
         gateway_.set("OrvoService.HomeAutomation", "CommunicationServer", marker);
     }
-    EXPECT_EQ(gateway_.log.count("Invalid name"), 0U);
+    EXPECT_EQ(gateway_.log.count("Invalid name") + gateway_.log.count("server URL changed"), 0U);
     gateway_.cloud->order({"release"});
-    for (DBusPendingCall* one : pending) {
-        dbus_pending_call_block(one);
-        DBusMessage* reply = dbus_pending_call_steal_reply(one);
-        EXPECT_EQ(BusClient::textOf(reply), one == pending[0] ? KFalse : KInvalid);
-        dbus_message_unref(reply);
-        dbus_pending_call_unref(one);
-    }
+    calls.join();
     for (const char* marker : {"first", "second", "third"}) {
         gateway_.log.next(std::string("Communication server URL changed: ") + marker);
     }
-    LogReader calls(KDaemonLog);
-    for (int i = 0; i < 50; ++i) {
-        calls.next("Invalid name: -" + std::to_string(i));
+    LogReader log(KDaemonLog);
+    for (int i = 1; i <= 50; ++i) {
+        log.next("Invalid name: -" + std::to_string(i));
     }
     endWell();
 }

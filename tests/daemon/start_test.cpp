@@ -1,7 +1,6 @@
 // Command line, configuration, start-up and its failures, with the real program.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -65,79 +64,76 @@ TEST(Configuration, EveryMissingKeyIsNamedInOrder) {
 }
 
 TEST(StartUp, AFailureEndsWithOneAndLeavesNoPidFile) {
-    struct Case {
-        const char *failingCall, *line;
-        bool daemonize = false;
+    const std::pair<std::string, const char*> cases[] = {
+        {"fork",                     "ERROR Cannot demonize process!"                         },
+        {"setsid",                   "ERROR Cannot demonize process!"                         },
+        {"event_base_new",           "ERROR Cannot start event loop"                          },
+        {"pipe2",                    "ERROR Failed to create event pipe: Too many open files" },
+        {"pipe2",                    "ERROR Cannot create pipe for listening pcb changes"     },
+        {"event_new",                "ERROR Failed to create event pipewatcher: "             },
+        {"/dyndns",                  "ERROR Cannot create message bus"                        },
+        {"/voltaro",                 "ERROR Cannot create Voltaro message bus"                },
+        {"/orvoservicesinfo",        "ERROR Cannot create OrvoServicesInfo message bus"       },
+        {"pthread_create",           "ERROR Could not create thread for dbus handling"        },
+        {"pcb_client_connect",       "ERROR Failed to connect to pcb://ipc:{/var/run/pcb_sys}"},
+        {"request_create_getObject", "ERROR Failed to create request (0x"                     },
     };
     LogReader log(KDaemonLog);
     const auto bus = startPcbBus();
     const auto dbus = startDbusDaemon();
-    const std::string configuration = daemonConfiguration("https://127.0.0.1:1", "/none");
-    for (const Case& c : {
-             Case{"fork",                                                     "ERROR Cannot demonize process!", true},
-             Case{"setsid",                                                          "ERROR Cannot demonize process!",                                                                                   true},
-             Case{"event_base_new",                                                      "ERROR Cannot start event loop"   },
-             Case{"pipe2","ERROR Failed to create event pipe: Too many open files"  },
-             Case{"pipe2",                             "ERROR Cannot create pipe for listening pcb changes"                                                          },
-             Case{"event_new","ERROR Failed to create event pipewatcher: "},
-             Case{"pthread_create",                                     "ERROR Could not create thread for dbus handling"                                                                                                                     },
-             Case{"pcb_client_connect","ERROR Failed to connect to pcb://ipc:{/var/run/pcb_sys}"},
-             Case{"request_create_getObject",                             "ERROR Failed to create request (0x"                                                                                                                                                                             },
-    }) {
-        SCOPED_TRACE(c.failingCall);
-        std::string text = configuration;
-        if (c.daemonize) text.replace(text.find("process=false"), 13, "process=true");
-        auto daemon = startDaemon(text,
-                                  {
-                                      {"FAILING_CALL", c.failingCall}
-        },
-                                  "orvoservicemanager-failing");
-        const bool childFails = strcmp(c.failingCall, "setsid") == 0;
-        EXPECT_EQ(daemon->wait(), childFails ? 0 : 1);
-        log.next(c.line);
+    for (const auto& [call, line] : cases) {
+        SCOPED_TRACE(call);
+        std::string text = daemonConfiguration("https://127.0.0.1:1", "/none");
+        if (call == "fork" || call == "setsid") text.replace(text.find("process=false"), 13, "process=true");
+        std::map<std::string, std::string> environment;
+        environment["FAILING_CALL"] = call;
+        auto daemon = startDaemon(text, environment, "orvoservicemanager-failing");
+        EXPECT_EQ(daemon->wait(), call == "setsid" ? 0 : 1);  // there, the child fails
+        log.next(line);
         EXPECT_TRUE(waitFor([] { return !exists(KPidFile); }));
         EXPECT_EQ(daemon->output(), "");
     }
 }
 
 TEST(StartUp, WithoutMemoryForItsSettingsItSaysSo) {
-    auto daemon = startDaemon(daemonConfiguration("https://127.0.0.1:1", "/none"),
-                              {
-                                  {"FAILING_CALL", "strdup"}
-    },
-                              "orvoservicemanager-failing");
+    std::map<std::string, std::string> environment;
+    environment["FAILING_CALL"] = "strdup";
+    auto daemon = startDaemon(daemonConfiguration("", "/none"), environment, "orvoservicemanager-failing");
     EXPECT_EQ(daemon->wait(), 1);
     EXPECT_EQ(daemon->output(),
               "Cannot init requests engine\nCannot init OrvoServicesInfo\n"
               "Configuration file broken or no required parameters given\n");
 }
 
-TEST(StartUp, WithoutItsBusesItEndsWithOne) {
+TEST(StartUp, WithoutItsBusesItsNameOrItsPidFileItEndsWithOne) {
     LogReader log(KDaemonLog);
     const std::string configuration = daemonConfiguration("https://127.0.0.1:1", "/none");
-    auto daemon = startDaemon(configuration);
-    EXPECT_EQ(daemon->wait(), 1);
-    log.next("ERROR Failed to connect to pcb://ipc:{/var/run/pcb_sys} (0x0001");
-    log.next("ERROR Cannot enable dbus");
-    EXPECT_FALSE(exists(KPidFile));
-
+    const auto fails = [&](std::initializer_list<const char*> lines) {
+        EXPECT_EQ(startDaemon(configuration)->wait(), 1);
+        for (const char* line : lines) {
+            log.next(line);
+        }
+        log.next("ERROR Cannot enable dbus");
+        EXPECT_FALSE(exists(KPidFile));
+    };
+    fails({"ERROR Failed to connect to pcb://ipc:{/var/run/pcb_sys} (0x0001"});
     const auto bus = startPcbBus();
-    daemon = startDaemon(configuration);
-    EXPECT_EQ(daemon->wait(), 1);
-    log.next(" WARN Failed to open connection to activating message bus: ");
-    log.next("ERROR Cannot create");
-    log.next("ERROR Cannot enable dbus");
-    EXPECT_FALSE(exists(KPidFile));
+    fails({" WARN Failed to open connection to activating message bus: ", "ERROR Cannot create"});
+    std::string policy = readFile(ORSM_SOURCE_FOLDER "/tests/world/bus.conf");
+    policy.replace(policy.find("<allow own=\"*\"/>"), 16, "<deny own=\"com.corvane.orsm\"/>");
+    writeFile("/var/run/deny.conf", policy);
+    const auto dbus = startDbusDaemon("/var/run/deny.conf");
+    fails({" WARN failed to request message bus name: com.corvane.orsm. Error:", "ERROR Error setting listeners"});
 
     std::filesystem::create_directory(KPidFile);
-    daemon = startDaemon(configuration);
-    EXPECT_EQ(daemon->wait(), 1);
-    EXPECT_EQ(log.count("OrvoServiceManager version 0.4.0"), 3U);
-    EXPECT_EQ(log.count("ERROR Cannot enable dbus"), 2U);
+    EXPECT_EQ(startDaemon(configuration)->wait(), 1);
+    EXPECT_EQ(log.count("OrvoServiceManager version 0.4.0"), 4U);
+    EXPECT_EQ(log.count("ERROR Cannot enable dbus"), 3U);
 }
 
 TEST(StartUp, DetachesWhenTheConfigurationAsksForIt) {
     Gateway gateway;
+    writeFile(KPidFile, std::to_string(getpid()) + std::string(100'000, '\xFF'));  // a stale one is taken over
     auto daemon = startDaemon(daemonConfiguration(gateway.cloud->url(), gateway.cloud->caPath(), "") +
                               "demonize-process=false\n" /* the earlier line wins */);
     gateway.log.next("Entered pcb data model event loop");
@@ -165,40 +161,8 @@ TEST(StartUp, DetachesWhenTheConfigurationAsksForIt) {
     gateway.log.next("Leaving pcb data model event loop");
 }
 
-TEST(StartUp, TakesAStalePidFileOver) {
+TEST(StartUp, IsHeldUpByABusThatHangsButItsEndIsNot) {
     Gateway gateway;
-    pid_t dead = fork();
-    if (dead == 0) _exit(0);
-    waitpid(dead, nullptr, 0);
-    for (const std::string& left : {std::to_string(dead) + "\n", std::to_string(getpid()) + "\n", std::string("-1"),
-                                    std::string("\0\xFF rubbish", 10), std::string(100'000, '1'), std::string()}) {
-        SCOPED_TRACE(left.substr(0, 20));
-        writeFile(KDaemonLog, "");
-        writeFile(KPidFile, left);
-        gateway.log = LogReader(KDaemonLog);
-        gateway.start();
-        EXPECT_EQ(readFile(KPidFile), std::to_string(gateway.daemon->pid()) + "\n");
-        EXPECT_EQ(gateway.end(), 0);
-        EXPECT_FALSE(exists(KPidFile));
-    }
-}
-
-TEST(StartUp, ASignalAtAnyMomentEndsItInOrder) {
-    Gateway gateway;
-    for (const char* moment : {"Enabling orvoServicesInfo dbus", "Adding listener for", "services bus created",
-                               "OrvoServicesInfo message bus created", "Cannot load OrvoService object",
-                               "Setting signal handlers", "Entered pcb data model event loop", "HA-ID init value"}) {
-        SCOPED_TRACE(moment);
-        writeFile(KDaemonLog, "");
-        auto daemon = startDaemon(daemonConfiguration(gateway.cloud->url(), gateway.cloud->caPath()));
-        (void)waitFor([&] { return gateway.log.count(moment) > 0 || gateway.log.count("HA-ID init value") > 0; });
-        daemon->send(SIGTERM);
-        EXPECT_EQ(daemon->wait(), 0);
-        EXPECT_FALSE(exists(KPidFile));
-        EXPECT_EQ(daemon->output(), "");
-    }
-
-    // A bus that hangs holds start-up up, but not its end.
     for (Process* hung : {gateway.dbus.get(), gateway.bus.get()}) {
         writeFile(KDaemonLog, "");
         hung->send(SIGSTOP);

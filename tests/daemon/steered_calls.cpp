@@ -1,18 +1,68 @@
-// Linked into the steered daemon: its timers and its requests' limits pass quicker, and its wall clock can be set.
+// Linked into the steered daemon: its timers and its requests' limits pass quicker, its wall clock can be set, and a
+// call for its store or its log is the last one, or fails, or writes half.
 #include <curl/curl.h>
 #include <event2/event.h>
 #include <sys/syscall.h>
 #include <sys/time.h>
 
+#include <cerrno>
+#include <csignal>
 #include <cstdarg>
+#include <cstdio>
+#include <cstring>
 #include <ctime>
 
 #include "tests/daemon/steering.h"
+#include "tests/world/wrap.h"
 
-extern "C" {
-int __real_event_add(event*, const timeval*);
-int __wrap_event_add(event*, const timeval*);
-int __wrap_event_add(event* event, const timeval* time) {
+// Whether a call on a file, told by its first letter, is the one that meets its fault.
+static bool isStruck(char call, const char* file) {
+    const bool stores = strncmp(file, "/media", 6) == 0;
+    if (!stores && strcmp(file, "/var/log/orsm.log") != 0) return false;  // such as the page's own file
+    Steering& page = steering();
+    if (page.call == 0 || (!stores && (call != 'w' || !page.alsoLog))) return false;
+    const int number = ++page.seen;
+    page.calls[number % 100] = call;
+    if (number != page.call || (page.fault == KShortWrite && call != 'w')) return false;
+    if (page.fault == KKill) kill(getpid(), SIGKILL);
+    // A write that was cut short or interrupted goes on, and the folder has nothing to say when it is closed.
+    const bool harmless =
+        call == 'w' ? page.fault == KShortWrite || page.fault == EINTR : call == 'c' && strcmp(file, "/media") == 0;
+    page.reported += !harmless;
+    ++page.struck;
+    errno = page.fault;
+    return true;
+}
+
+static bool isStruck(char call, int file) {
+    char link[32], path[64] = "";
+    snprintf(link, sizeof link, "/proc/self/fd/%d", file);
+    return readlink(link, path, sizeof path - 1) > 0 && isStruck(call, path);
+}
+
+WRAP(int, open, const char* path, int flags, mode_t mode) {
+    return isStruck('o', path) ? -1 : __real_open(path, flags, mode);
+}
+
+WRAP(ssize_t, write, int file, const void* bytes, size_t size) {
+    if (!isStruck('w', file)) return __real_write(file, bytes, size);
+    return steering().fault == KShortWrite ? __real_write(file, bytes, size / 2) : -1;
+}
+
+WRAP(int, fsync, int file) { return isStruck('s', file) ? -1 : __real_fsync(file); }
+
+WRAP(int, close, int file) {  // it closes whatever it answers
+    const bool struck = isStruck('c', file);
+    const int result = __real_close(file);
+    if (struck) errno = steering().fault;
+    return struck ? -1 : result;
+}
+
+WRAP(int, rename, const char* from, const char* to) { return isStruck('r', from) ? -1 : __real_rename(from, to); }
+
+WRAP(int, unlink, const char* path) { return isStruck('u', path) ? -1 : __real_unlink(path); }
+
+WRAP(int, event_add, event* event, const timeval* time) {
     const int second = steering().second;
     if (!time || time->tv_sec == 0 || second == 0) return __real_event_add(event, time);
     steering().armed = steering().armed * 100 + time->tv_sec;
@@ -21,9 +71,7 @@ int __wrap_event_add(event* event, const timeval* time) {
     return __real_event_add(event, &delay);
 }
 
-CURLcode __real_curl_easy_setopt(CURL*, unsigned, ...);
-CURLcode __wrap_curl_easy_setopt(CURL*, unsigned, ...);
-CURLcode __wrap_curl_easy_setopt(CURL* handle, unsigned option, ...) {
+WRAP(CURLcode, curl_easy_setopt, CURL* handle, unsigned option, ...) {
     static bool hurried = false;
     va_list arguments;
     va_start(arguments, option);
@@ -40,6 +88,7 @@ CURLcode __wrap_curl_easy_setopt(CURL* handle, unsigned option, ...) {
     return __real_curl_easy_setopt(handle, option, value);
 }
 
+extern "C" {
 // Defined here, they are taken by all libraries, too.
 int clock_gettime(clockid_t clock, timespec* now) noexcept {
     if (syscall(SYS_clock_gettime, clock, now) != 0) return -1;

@@ -5,6 +5,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdint>
 
@@ -14,7 +15,14 @@ struct Steering {
     std::atomic<int> hurriedRequest;      // the request from now on to whose limits that applies, too; 0: none
     std::atomic<int64_t> armed;           // seconds that timers were armed with, two digits each, the latest last
     std::atomic<int64_t> limits;          // of the last request, in seconds: to connect, and two digits for the whole
+    std::atomic<bool> alsoLog;            // calls for the log count, too
+    std::atomic<int> call, fault;         // which call meets what, from 1; 0: none
+    std::atomic<int> struck, reported;    // how many have met it, and of how many of them the save must say so
+    std::atomic<int> seen;                // calls since `call` was set
+    char calls[100];                      // the first letter of each
 };
+
+constexpr int KKill = -1, KShortWrite = -2;  // what a call can meet besides an error number
 
 /// The page of this world; made by whoever comes first.
 inline Steering& steering() {
@@ -26,4 +34,16 @@ inline Steering& steering() {
         return static_cast<Steering*>(mapped);
     }();
     return *page;
+}
+
+/// From now on, call number `call` that the daemon makes for its store, or with `alsoLog` for store and log, meets
+/// `fault`.
+inline void strike(int call, int fault, bool alsoLog = false) {
+    Steering& page = steering();
+    page.call = 0;
+    page.fault = fault;
+    page.alsoLog = alsoLog;
+    page.seen = page.struck = page.reported = 0;
+    std::fill(page.calls, page.calls + sizeof page.calls, '\0');
+    page.call = call;
 }

@@ -13,7 +13,7 @@ static bool exists(const std::string& path) { return access(path.c_str(), F_OK) 
 
 TEST(SuddenEnd, AtAnyLogLineOrStoreCallOfASynchronizationIsMadeGoodByTheNextStart) {
     StoredGateway gateway;
-    gateway.startHasty();
+    gateway.startSteered();
     gateway.heal("box");
     for (int call = 1, deaths = 0; !HasFailure(); ++call, ++deaths) {
         const std::string name = "box-" + std::to_string(call), enabled = call % 2 ? "true" : "false";
@@ -23,8 +23,7 @@ TEST(SuddenEnd, AtAnyLogLineOrStoreCallOfASynchronizationIsMadeGoodByTheNextStar
         const std::string before = gateway.stored("HostName");
         const bool echoes = gateway.stored("Enable") != enabled;
         const size_t requests = gateway.cloud->journal().size();
-        Tracer tracer(gateway.daemon->pid(), true);
-        tracer.arm(0, call, KKill);
+        strike(call, KKill, true);
         gateway.platform.set("NMC.HomeAutomation", "Enable", call % 2 ? "1" : "true");
         // The echo of a changed switch is its last line.
         const auto done = [&] {
@@ -33,17 +32,18 @@ TEST(SuddenEnd, AtAnyLogLineOrStoreCallOfASynchronizationIsMadeGoodByTheNextStar
         };
         ASSERT_TRUE(waitFor([&] { return !gateway.daemon->running() || done(); }));
         if (gateway.daemon->running()) {
-            tracer.arm(0, 0, 0);
+            strike(0, 0);
             ASSERT_GT(deaths, 32) << "it must have saved four times";
             printf("sudden end: %d deaths in a synchronization of %zu log lines\n", deaths, gateway.log.count(" "));
             break;
         }
 
+        strike(0, 0);
         ASSERT_TRUE(gateway.isStoreWhole());
         const bool unfinished = gateway.stored("SyncNotFinished") == "true";
         const bool begun = unfinished || gateway.stored("HostName") == name;
         EXPECT_TRUE(begun || gateway.cloud->journal().size() == requests) << "asked, and nothing remembers it";
-        gateway.startHasty();
+        gateway.startSteered();
         EXPECT_EQ(gateway.log.count("Continuing unfinished DynDNS synchronization"), unfinished ? 1U : 0U);
         ASSERT_TRUE(waitFor([&] { return gateway.stored("SyncNotFinished") == "false"; }));
         gateway.heal(name);
@@ -79,14 +79,11 @@ TEST(SuddenEnd, BySignalAtARandomMomentIsOrderly) {
         const int moment = static_cast<int>(random() % (run % 2 ? 80 : 600));  // half of them during start-up
         SCOPED_TRACE("SEED=" + std::to_string(seed) + ", run " + std::to_string(run) + ": after " +
                      std::to_string(moment) + " ms");
-        gateway.daemon = startDaemon(daemonConfiguration(gateway.cloud->url(), gateway.cloud->caPath()),
-                                     {
-                                         {"HASTY", "1"}
-        },
-                                     "orvoservicemanager-failing");
+        gateway.daemon = startDaemon(daemonConfiguration(gateway.cloud->url(), gateway.cloud->caPath()), {},
+                                     "orvoservicemanager-steered");
         // Until it is the daemon, the test's own handlers would take the signal.
         const std::string program = "/proc/" + std::to_string(gateway.daemon->pid()) + "/exe";
-        ASSERT_TRUE(waitFor([&] { return std::filesystem::read_symlink(program).string().ends_with("-failing"); }));
+        ASSERT_TRUE(waitFor([&] { return std::filesystem::read_symlink(program).string().ends_with("-steered"); }));
         poll(nullptr, 0, moment);
         const int status = gateway.end();
         // Before it has taken the signal over, and made anything, the signal ends it by itself.
