@@ -1,6 +1,8 @@
 // The real daemon in its private world, with the real parts around it.
 #pragma once
 
+#include <unistd.h>
+
 #include "tests/world/cloud.h"
 #include "tests/world/world.h"
 
@@ -9,6 +11,8 @@ namespace world {
 constexpr char KPidFile[] = "/var/run/orvoservicemanager.pid";
 constexpr char KStore[] = "/media/orvoservice.odl";
 constexpr char KDaemonLog[] = "/var/log/orsm.log";
+
+inline bool exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
 
 /// The configuration of a daemon that logs everything into KDaemonLog; `more` is put behind it.
 inline std::string daemonConfiguration(const std::string& server, const std::string& ca, const std::string& more = "") {

@@ -9,31 +9,26 @@
 
 using namespace world;
 
-static bool exists(const char* path) { return access(path, F_OK) == 0; }
-
 TEST(CommandLine, AcceptsTwoFormsAndExplainsThemOtherwise) {
     const std::string usage =
         "Usage:\n-c configuration-file-path - run with configuration from given path\n-v - prints version\n";
-    struct Case {
-        std::vector<std::string> arguments;
-        std::string output;
+    const std::pair<std::vector<std::string>, std::string> cases[] = {
+        {{"-v"},           "Version: 0.4.0\n"                                  },
+        {{},               usage                                               },
+        {{"-v", "x"},      usage                                               },
+        {{"-c"},           usage                                               },
+        {{"-vx"},          usage                                               },
+        {{"-cfoo"},        usage                                               },
+        {{"-c", "a", "b"}, usage                                               },
+        {{"-c", "/none"},  "Error loading configuration file from path /none\n"},
+        {{"-c", "/var"},   "Error loading configuration file from path /var\n" },
     };
-    for (const Case& c : {
-             Case{{"-v"},           "Version: 0.4.0\n"                                  },
-             Case{{},               usage                                               },
-             Case{{"-v", "x"},      usage                                               },
-             Case{{"-c"},           usage                                               },
-             Case{{"-vx"},          usage                                               },
-             Case{{"-cfoo"},        usage                                               },
-             Case{{"-c", "a", "b"}, usage                                               },
-             Case{{"-c", "/none"},  "Error loading configuration file from path /none\n"},
-             Case{{"-c", "/var"},   "Error loading configuration file from path /var\n" },
-    }) {
+    for (const auto& [arguments, expected] : cases) {
         std::vector<std::string> command = {binary("orvoservicemanager")};
-        command.insert(command.end(), c.arguments.begin(), c.arguments.end());
+        command.insert(command.end(), arguments.begin(), arguments.end());
         std::string output;
         EXPECT_EQ(run(command, &output), 1);
-        EXPECT_EQ(output, c.output);
+        EXPECT_EQ(output, expected);
     }
     EXPECT_FALSE(exists(KPidFile));
 }
@@ -45,20 +40,19 @@ TEST(Configuration, EveryMissingKeyIsNamedInOrder) {
                             "serverrequests.voltaroserver", "orvoservicesinfo", "demonize-process"}) {
         all += std::string("Missing ") + key + " key in config file\n";
     }
-    struct Case {
-        const char* text;
-        std::string output;
+    const std::string oneIsMissing =
+        "demonize-process=false\nserverrequests.voltaroserver=\norvoservicesinfo=\n"
+        "serverrequests.applicationserver=u\n";
+    const std::pair<std::string, std::string> cases[] = {
+        {"",                     all + broken                                                             },
+        {"Orvoservicesinfo=x\n", all + broken                                                             },
+        {oneIsMissing,           "Missing serverrequests.pathtocabundlefile key in config file\n" + broken},
+        {"no equals sign\n",     "Error loading configuration file from path /var/run/orsm.conf\n"        },
     };
-    for (const Case& c : {
-             Case{"",                                                       all + broken                                                             },
-             Case{"Orvoservicesinfo=x\n",                                   all + broken                                                             },
-             Case{"demonize-process=false\nserverrequests.voltaroserver=\norvoservicesinfo=\n"
-                  "serverrequests.applicationserver=u\n", "Missing serverrequests.pathtocabundlefile key in config file\n" + broken},
-             Case{"no equals sign\n",                                       "Error loading configuration file from path /var/run/orsm.conf\n"        },
-    }) {
-        auto daemon = startDaemon(c.text);
+    for (const auto& [text, output] : cases) {
+        auto daemon = startDaemon(text);
         EXPECT_EQ(daemon->wait(), 1);
-        EXPECT_EQ(daemon->output(), c.output);
+        EXPECT_EQ(daemon->output(), output);
     }
     EXPECT_FALSE(exists(KPidFile));
 }

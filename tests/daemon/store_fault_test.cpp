@@ -1,12 +1,75 @@
-// The store under faults: each call of the saves strikes.
+// The store under faults: each call of a save fails or is the last one, and the daemon ends at any moment.
 #include <gtest/gtest.h>
+#include <poll.h>
+#include <unistd.h>
 
-#include "tests/daemon/faults.h"
+#include <filesystem>
+#include <random>
+
+#include "tests/daemon/daemon.h"
+#include "tests/daemon/steering.h"
+#include "tests/platform/client.h"
 #include "tests/world/bus_client.h"
 
 using namespace world;
 
-static constexpr char KDone[] = R"({"status":"OK","result":true})";
+namespace {
+
+// A gateway on which registrations are stored, and whose platform the test plays.
+struct StoredGateway : Gateway {
+    Client platform{"/var/run/pcb_sys", true};
+
+    StoredGateway() {
+        cloud->order({"register", "HA-1", "box", "true"});
+        steering().second = 10'000;
+        platform.set("Simulation.GatewayClient", "ConnectDelay", "0");
+        platform.set("NMC.HomeAutomation", "HA-ID", "HA-1");
+    }
+    void emptyLog() {
+        writeFile(KDaemonLog, "");
+        log = LogReader(KDaemonLog);
+    }
+    // Starts the steered daemon and empties the log.
+    void startSteered() {
+        emptyLog();
+        start("orvoservicemanager-steered");
+    }
+    // The value of a parameter in the store, of the first that is called so.
+    static std::string stored(const std::string& parameter) {
+        const std::string store = readFile(KStore), before = " " + parameter + " = \"";
+        const size_t found = store.find(before), begin = found + before.size();
+        return found == std::string::npos ? "none" : store.substr(begin, store.find('"', begin) - begin);
+    }
+    static bool isStoreWhole() {
+        const std::string store = readFile(KStore);
+        return store.starts_with("object OrvoService {\n") && store.ends_with("\n}\n");
+    }
+    // What differs between the store and the data model, or lies beside the store; empty when nothing does.
+    std::string disagreement() const {
+        constexpr char model[] = "/var/run/model.odl";
+        datamodel_save(pcb_client_get_object(platform.peer, "OrvoService", 0), -1, model, DATAMODEL_TEXT);
+        std::string texts[] = {readFile(model), readFile(KStore)};
+        for (std::string& text : texts) {  // the live connection goes its own way
+            const size_t begin = text.find("read-only bool ConnectionStatus");
+            if (begin != std::string::npos) text.erase(begin, text.find('\n', begin) - begin);
+        }
+        if (exists(std::string(KStore) + ".new")) return "a temporary file";
+        return texts[0] == texts[1] ? "" : "model:\n" + texts[0] + "store:\n" + texts[1];
+    }
+    // Has a save made that nothing goes wrong with, and looks at the whole store.
+    void heal(const std::string& marker) {
+        emptyLog();
+        // A daemon that died while it had the connection switched on leaves it so.
+        platform.set("OrvoService.GatewayClient", "ConnectionMode", "ondemand");
+        platform.set("OrvoService.HomeAutomation", "CommunicationServer", marker);
+        log.next("Communication server URL changed: " + marker);
+        log.next("orvoservice.odl saved to OrvoService");
+        EXPECT_EQ(disagreement(), "");
+        EXPECT_EQ(stored("CommunicationServer"), marker);
+    }
+};
+
+}  // namespace
 
 // CASE=NUMBER runs one case, and the first of each call, which tells whether there is such a call.
 TEST(StoreFault, AnyCallOfTheSavesOfConfigureMayFailOrBeTheLast) {
@@ -15,6 +78,7 @@ TEST(StoreFault, AnyCallOfTheSavesOfConfigureMayFailOrBeTheLast) {
     const auto configure = [&](const std::string& name) {
         return client.call("/dyndns", "com.corvane.orsm.dyndns", "Configure", {true, name});
     };
+    const std::string done = R"({"status":"OK","result":true})";
     const char* const chosen = getenv("CASE");
     gateway.startSteered();
     strike(99, KKill);
@@ -41,14 +105,14 @@ TEST(StoreFault, AnyCallOfTheSavesOfConfigureMayFailOrBeTheLast) {
                 ++struck;
                 strike(0, 0);
                 gateway.startSteered();
-                ASSERT_EQ(configure(name), KDone);
+                ASSERT_EQ(configure(name), done);
             } else {
-                EXPECT_EQ(reply, KDone);
+                EXPECT_EQ(reply, done);
                 const std::string failed =
                     " WARN Failed to store datamodel for object OrvoService in file orvoservice.odl";
                 EXPECT_EQ(gateway.log.count(failed), steering().reported);
                 EXPECT_EQ(gateway.log.count("ERROR Cannot save OrvoService object"), steering().reported);
-                EXPECT_FALSE(std::filesystem::exists(std::string(KStore) + ".new"));
+                EXPECT_FALSE(exists(std::string(KStore) + ".new"));
             }
             strike(0, 0);
             gateway.heal(name);
@@ -58,4 +122,94 @@ TEST(StoreFault, AnyCallOfTheSavesOfConfigureMayFailOrBeTheLast) {
     EXPECT_EQ(gateway.end(), 0);
     EXPECT_EQ(gateway.daemon->output(), "");
     printf("store: %d faults at the calls of one Configure\n", struck);
+}
+
+TEST(SuddenEnd, AtAnyLogLineOrStoreCallOfASynchronizationIsMadeGoodByTheNextStart) {
+    StoredGateway gateway;
+    gateway.startSteered();
+    gateway.heal("box");
+    for (int call = 1, deaths = 0; !HasFailure(); ++call, ++deaths) {
+        const std::string name = "box-" + std::to_string(call), enabled = call % 2 ? "true" : "false";
+        SCOPED_TRACE("killed before call " + std::to_string(call));
+        gateway.cloud->order({"register", "HA-1", name, enabled});
+        gateway.emptyLog();
+        const std::string before = gateway.stored("HostName");
+        const bool echoes = gateway.stored("Enable") != enabled;
+        const size_t requests = gateway.cloud->journal().size();
+        strike(call, KKill, true);
+        gateway.platform.set("NMC.HomeAutomation", "Enable", call % 2 ? "1" : "true");
+        // The echo of a changed switch is its last line.
+        const auto done = [&] {
+            return gateway.log.count("orvoservice.odl saved to OrvoService") == 4 &&
+                   (!echoes || gateway.log.count("DynDNS enable: ") == 1);
+        };
+        ASSERT_TRUE(waitFor([&] { return !gateway.daemon->running() || done(); }));
+        if (gateway.daemon->running()) {
+            strike(0, 0);
+            ASSERT_GT(deaths, 32) << "it must have saved four times";
+            printf("sudden end: %d deaths in a synchronization of %zu log lines\n", deaths, gateway.log.count(" "));
+            break;
+        }
+
+        strike(0, 0);
+        ASSERT_TRUE(gateway.isStoreWhole());
+        const bool unfinished = gateway.stored("SyncNotFinished") == "true";
+        const bool begun = unfinished || gateway.stored("HostName") == name;
+        EXPECT_TRUE(begun || gateway.cloud->journal().size() == requests) << "asked, and nothing remembers it";
+        gateway.startSteered();
+        EXPECT_EQ(gateway.log.count("Continuing unfinished DynDNS synchronization"), unfinished ? 1U : 0U);
+        ASSERT_TRUE(waitFor([&] { return gateway.stored("SyncNotFinished") == "false"; }));
+        gateway.heal(name);
+        ASSERT_EQ(gateway.stored("HostName"), begun ? name : before);
+        EXPECT_TRUE(!begun || gateway.stored("Enable") == enabled);
+        EXPECT_EQ(readFile(KPidFile), std::to_string(gateway.daemon->pid()) + "\n");
+        object_t* const queries = pcb_client_get_object(gateway.platform.peer, "NeMo.Intf.data.Query", 0);
+        EXPECT_TRUE(object_firstChild(queries) && !object_nextSibling(object_firstChild(queries)));
+        const std::vector<CloudRequest> journal = gateway.cloud->journal();
+        EXPECT_LE(journal.size(), requests + 2);
+        for (size_t i = requests; i < journal.size(); ++i) {
+            EXPECT_EQ(journal[i].target, "/hm/dyndns?haId=HA-1");
+        }
+    }
+    EXPECT_EQ(gateway.end(), 0);
+    EXPECT_EQ(gateway.daemon->output(), "");
+}
+
+// RUNS=1000 for more, SEED=NUMBER for the same moments again.
+TEST(SuddenEnd, BySignalAtARandomMomentIsOrderly) {
+    const char *const wantedRuns = getenv("RUNS"), *const wantedSeed = getenv("SEED");
+    const int runs = wantedRuns ? std::stoi(wantedRuns) : 100;
+    const auto seed = wantedSeed ? static_cast<unsigned>(std::stoul(wantedSeed)) : std::random_device()();
+    std::mt19937 random(seed);
+    StoredGateway gateway;
+    gateway.cloud->fault("get", "delay", 0, "300");
+    int early = 0, inRequest = 0, finished = 0;
+    for (int run = 0; run < runs; ++run) {
+        gateway.emptyLog();
+        unlink(KStore);
+        gateway.platform.set(KDynDns, "SyncNotFinished", "true");
+        gateway.platform.set("OrvoService.GatewayClient", "ConnectionMode", "ondemand");
+        const int moment = static_cast<int>(random() % (run % 2 ? 80 : 600));  // half of them during start-up
+        SCOPED_TRACE("SEED=" + std::to_string(seed) + ", run " + std::to_string(run) + ": after " +
+                     std::to_string(moment) + " ms");
+        gateway.daemon = startDaemon(daemonConfiguration(gateway.cloud->url(), gateway.cloud->caPath()), {},
+                                     "orvoservicemanager-steered");
+        // Until it is the daemon, the test's own handlers would take the signal.
+        const std::string program = "/proc/" + std::to_string(gateway.daemon->pid()) + "/exe";
+        ASSERT_TRUE(waitFor([&] { return std::filesystem::read_symlink(program).string().ends_with("-steered"); }));
+        poll(nullptr, 0, moment);
+        const int status = gateway.end();
+        // Before it has taken the signal over, and made anything, the signal ends it by itself.
+        const bool isEarly = gateway.log.count("Enabling dyndns dbus") == 0 && status == 128 + SIGTERM;
+        ASSERT_TRUE(status == 0 || isEarly) << "status " << status;
+        ASSERT_EQ(gateway.daemon->output(), "");
+        ASSERT_FALSE(exists(KPidFile));
+        ASSERT_FALSE(exists(std::string(KStore) + ".new"));
+        ASSERT_TRUE(!exists(KStore) || gateway.isStoreWhole());
+        early += isEarly;
+        inRequest += gateway.log.count("Curl HTTP GET begin") && !gateway.log.count("Get dyn dns configuration OK");
+        finished += gateway.stored("SyncNotFinished") == "false";
+    }
+    printf("sudden end: %d signals (SEED=%u): %d before the daemon took them over, %d in a request, %d after it\n",
+           runs, seed, early, inRequest, finished);
 }

@@ -71,28 +71,23 @@ static void react(EventCode code, const std::string& value) {
 }
 
 TEST(SyncDecision, TheFirstTestThatAppliesDecides) {
-    struct Case {
-        SyncState state;
-        SyncAction action;
-        int level;
-        const char* reason;
+    const std::tuple<SyncState, SyncAction, int, const char*> cases[] = {
+        {{"", 0, 0, 0, false},  SyncAction::SwitchOff,     LEVEL_WARN, "HA-ID is empty"                       },
+        {{"H", 0, 0, 0, false}, SyncAction::RetryLater,    LEVEL_INFO, "HA enable - state unknown"            },
+        {{"H", 2, 0, 0, false}, SyncAction::SwitchOff,     LEVEL_INFO, "HA is disabled"                       },
+        {{"H", 1, 0, 0, false}, SyncAction::RetryLater,    LEVEL_INFO, "DNS server is not yet ready"          },
+        {{"H", 1, 2, 1, false}, SyncAction::RetryLater,    LEVEL_INFO, "DNS server is not yet ready"          },
+        {{"H", 1, 1, 0, false}, SyncAction::RetryLater,    LEVEL_INFO, "CG-NAT check - state unknown"         },
+        {{"H", 1, 1, 1, false}, SyncAction::SwitchOff,     LEVEL_INFO, "CG-NAT check - we are behind CG-NAT"  },
+        {{"H", 1, 1, 2, false}, SyncAction::RetryLater,    LEVEL_WARN, "Application server URL is not defined"},
+        {{"H", 1, 1, 2, true},  SyncAction::FetchAndStore, LEVEL_INFO, nullptr                                },
     };
-    for (const Case& c : {
-             Case{{"", 0, 0, 0, false},  SyncAction::SwitchOff,     LEVEL_WARN, "HA-ID is empty"                       },
-             Case{{"H", 0, 0, 0, false}, SyncAction::RetryLater,    LEVEL_INFO, "HA enable - state unknown"            },
-             Case{{"H", 2, 0, 0, false}, SyncAction::SwitchOff,     LEVEL_INFO, "HA is disabled"                       },
-             Case{{"H", 1, 0, 0, false}, SyncAction::RetryLater,    LEVEL_INFO, "DNS server is not yet ready"          },
-             Case{{"H", 1, 2, 1, false}, SyncAction::RetryLater,    LEVEL_INFO, "DNS server is not yet ready"          },
-             Case{{"H", 1, 1, 0, false}, SyncAction::RetryLater,    LEVEL_INFO, "CG-NAT check - state unknown"         },
-             Case{{"H", 1, 1, 1, false}, SyncAction::SwitchOff,     LEVEL_INFO, "CG-NAT check - we are behind CG-NAT"  },
-             Case{{"H", 1, 1, 2, false}, SyncAction::RetryLater,    LEVEL_WARN, "Application server URL is not defined"},
-             Case{{"H", 1, 1, 2, true},  SyncAction::FetchAndStore, LEVEL_INFO, nullptr                                },
-    }) {
-        SCOPED_TRACE(textOrEmpty(c.reason));
-        const SyncDecision decision = decideSync(c.state);
-        EXPECT_EQ(decision.action, c.action);
-        EXPECT_EQ(decision.level, c.level);
-        EXPECT_STREQ(decision.reason, c.reason);
+    for (const auto& [state, action, level, reason] : cases) {
+        SCOPED_TRACE(textOrEmpty(reason));
+        const SyncDecision decision = decideSync(state);
+        EXPECT_EQ(decision.action, action);
+        EXPECT_EQ(decision.level, level);
+        EXPECT_STREQ(decision.reason, reason);
     }
 }
 
@@ -177,6 +172,17 @@ TEST_F(Sync, ARetryCountsFromTheFailureHoweverLongTheStepTook) {
     const timeval now = {};
     event_base_once(iBusEventBase, -1, EV_TIMEOUT, slowStep, nullptr, &now);
     event_base_loop(iBusEventBase, EVLOOP_ONCE);
+}
+
+TEST_F(Sync, AServerThatFailsChangesNothing) {
+    set("OrvoService.GatewayClient", "ConnectionStatus", "true");
+    set("OrvoService.DynDNS", "HostName", "kept");
+    for (const char* fault : {"not-json", "close"}) {
+        cloud_->fault("get", fault);
+        step();
+    }
+    EXPECT_EQ(armedDelay(), 10);
+    EXPECT_EQ(dynDns("HostName"), "kept");
 }
 
 TEST_F(Sync, AnInterruptedSynchronizationGoesOnWithTheInitialHaId) {

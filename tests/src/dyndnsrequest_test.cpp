@@ -54,12 +54,3 @@ TEST_F(DynDnsRequest, WhatIsMissingIsNamedInThisOrder) {
     const std::string params = "ERROR Missing app server url\n";
     EXPECT_EQ(world::takeLog(), server + server + server + params + name + haId + name + haId + haId);
 }
-
-TEST_F(DynDnsRequest, IncompleteSettingsLeaveTheOldOnes) {
-    EXPECT_EQ(initRequestsEngine(nullptr, "b", "c"), 0);
-    EXPECT_EQ(initRequestsEngine("a", "b", nullptr), 0);
-    EXPECT_EQ(setApplicationServerUrl(nullptr), 0);
-    EXPECT_EQ(getPathToServerCABundleFile(), cloud_->caPath());
-    EXPECT_STREQ(getVoltaroServerUrl(), "voltaro");
-    EXPECT_TRUE(getDynDnsConfiguration("H"));
-}

@@ -33,32 +33,27 @@ class Watch : public testing::Test {
 };
 
 TEST_F(Watch, ReportsEveryWatchedChangeAndNoOther) {
-    struct Case {
-        const char *object, *parameter, *record;
+    const std::array<const char*, 3> cases[] = {
+        {"OrvoService.HomeAutomation", "ApplicationServer",   "1:new" },
+        {"OrvoService.HomeAutomation", "CommunicationServer", "3:new" },
+        {"NMC.HomeAutomation",         "HA-ID",               "5:new" },
+        {"NMC.HomeAutomation",         "Enable",              "7:new" },
+        {"DNS.Server",                 "Status",              "9:new" },
+        {"OrvoService.DynDNS",         "Enable",              "14:new"},
+        {"OrvoService.DynDNS",         "HostName",            ""      },
+        {"NMC.HomeAutomation",         "ha-id",               ""      },
+        {"DNS.Server.Sub",             "Status",              ""      },
+        {"NeMo.Intf.data.Query.1",     "ResultString",        ""      },
     };
-    for (const Case& c : {
-             Case{"OrvoService.HomeAutomation", "ApplicationServer",   "1:new" },
-             Case{"OrvoService.HomeAutomation", "CommunicationServer", "3:new" },
-             Case{"NMC.HomeAutomation",         "HA-ID",               "5:new" },
-             Case{"NMC.HomeAutomation",         "Enable",              "7:new" },
-             Case{"DNS.Server",                 "Status",              "9:new" },
-             Case{"OrvoService.DynDNS",         "Enable",              "14:new"},
-             Case{"OrvoService.DynDNS",         "HostName",            ""      },
-             Case{"NMC.HomeAutomation",         "ha-id",               ""      },
-             Case{"DNS.Server.Sub",             "Status",              ""      },
-             Case{"NeMo.Intf.data.Query.1",     "ResultString",        ""      },
-    }) {
-        SCOPED_TRACE(std::string(c.object) + " " + c.parameter);
-        pcbParamChanged(c.object, c.parameter, "old", "new");
-        EXPECT_EQ(next(), c.record);
+    for (const auto& [object, parameter, record] : cases) {
+        SCOPED_TRACE(std::string(object) + " " + parameter);
+        pcbParamChanged(object, parameter, "old", "new");
+        EXPECT_EQ(next(), record);
         EXPECT_EQ(next(), "");
     }
-    log_.next("Change in observed PCB parameter");
-    log_.next("OBJECT=OrvoService.HomeAutomation");
-    log_.next("PARAMETER=ApplicationServer");
-    log_.next("OLD_VALUE=old");
-    log_.next("NEW_VALUE=new");
-    EXPECT_EQ(log_.count("Change in observed"), 6U);
+    EXPECT_TRUE(
+        world::takeLog().starts_with("DEBUG Change in observed PCB parameter\nDEBUG OBJECT=OrvoService.HomeAutomation\n"
+                                     "DEBUG PARAMETER=ApplicationServer\nDEBUG OLD_VALUE=old\nDEBUG NEW_VALUE=new\n"));
 }
 
 TEST_F(Watch, SendsUpTo1023BytesWholeAndNothingLonger) {
@@ -89,37 +84,33 @@ TEST_F(Watch, ChecksCgNatOnceAtATime) {
 }
 
 TEST_F(Watch, ReportsTheFirstCgNatResultAndThenOnlyOtherTruths) {
-    struct Case {
-        const char *result, *record;
+    const std::pair<const char*, const char*> cases[] = {
+        {"{}",                     ""        },
+        {R"({"returns":null})",    ""        },
+        {R"({"returns":true})",    ""        },
+        {R"({"returns":"false"})", "11:false"},
+        {R"({"returns":"0"})",     ""        },
+        {R"({"returns":"true"})",  "12:true" },
+        {R"({"returns":"1"})",     ""        },
+        {R"({"Returns":"True"})",  "12:True" },
+        {nullptr,                  ""        },
     };
-    for (const Case& c : {
-             Case{"{}",                     ""        },
-             Case{R"({"returns":null})",    ""        },
-             Case{R"({"returns":true})",    ""        },
-             Case{R"({"returns":"false"})", "11:false"},
-             Case{R"({"returns":"0"})",     ""        },
-             Case{R"({"returns":"true"})",  "12:true" },
-             Case{R"({"returns":"1"})",     ""        },
-             Case{R"({"Returns":"True"})",  "12:True" },
-             Case{nullptr,                  ""        },
-    }) {
-        SCOPED_TRACE(textOrEmpty(c.result));
-        pcbFunctionCallback("NeMo.Intf.data", "hasFlag", c.result);
-        EXPECT_EQ(next(), c.record);
+    for (const auto& [result, record] : cases) {
+        SCOPED_TRACE(textOrEmpty(result));
+        pcbFunctionCallback("NeMo.Intf.data", "hasFlag", result);
+        EXPECT_EQ(next(), record);
     }
     pcbFunctionCallback("Other", "hasFlag", R"({"returns":"false"})");
     EXPECT_EQ(next(), "");
 }
 
 TEST_F(Watch, RefusesAQueryNumberItCannotUse) {
-    pcbFunctionCallback("NeMo.Intf.data", "openQuery", R"({"returns":null})");
-    log_.next("Empty query number!");
-    pcbFunctionCallback("NeMo.Intf.data", "openQuery", R"({"returns":""})");
-    log_.next("Empty query number!");
-    pcbFunctionCallback("NeMo.Intf.data", "openQuery", "");
     const std::string number(79, '7');
-    pcbFunctionCallback("NeMo.Intf.data", "openQuery", (R"({"returns":")" + number + R"("})").c_str());
+    for (const std::string& value : {std::string("null"), std::string("\"\""), "\"" + number + "\""}) {
+        pcbFunctionCallback("NeMo.Intf.data", "openQuery", ("{\"returns\":" + value + "}").c_str());
+    }
+    pcbFunctionCallback("NeMo.Intf.data", "openQuery", "");
     log_.next("Query number too long: " + number);
-    EXPECT_EQ(log_.count("Listening to changes in"), 0U);
     EXPECT_EQ(log_.count("Empty query number!"), 2U);
+    EXPECT_EQ(log_.count("Listening to changes in"), 0U);
 }
