@@ -1,10 +1,10 @@
 // The daemon in a bad world: every fault of a server in every request, few descriptors, and a wall clock that is set.
-#include <dirent.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 
 #include <algorithm>
 #include <chrono>
+#include <filesystem>
 #include <set>
 
 #include "tests/daemon/daemon.h"
@@ -280,11 +280,9 @@ INSTANTIATE_TEST_SUITE_P(Of, ServerFault, testing::ValuesIn(KResources),
 
 static std::set<rlim_t> descriptors(pid_t pid) {
     std::set<rlim_t> open;
-    DIR* const folder = opendir(("/proc/" + std::to_string(pid) + "/fd").c_str());
-    while (const dirent* entry = readdir(folder)) {
-        if (*entry->d_name != '.') open.insert(strtoul(entry->d_name, nullptr, 10));
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/fd")) {
+        open.insert(std::stoul(entry.path().filename()));
     }
-    closedir(folder);
     return open;
 }
 
