@@ -1,6 +1,8 @@
 // The store under faults: each call of a save fails or is the last one, and the daemon ends at any moment.
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -71,43 +73,35 @@ struct StoredGateway : Gateway {
 
 }  // namespace
 
-// CASE=NUMBER runs one case, and the first of each call, which tells whether there is such a call.
-TEST(StoreFault, AnyCallOfTheSavesOfConfigureMayFailOrBeTheLast) {
-    StoredGateway gateway;
-    BusClient client;
-    const auto configure = [&](const std::string& name) {
-        return client.call("/dyndns", "com.corvane.orsm.dyndns", "Configure", {true, name});
-    };
-    const std::string done = R"({"status":"OK","result":true})";
+// Lets every call of the saves that `change` leads to meet every fault, and looks at the store behind each. CASE=NUMBER
+// runs one case, and the first of each call, which tells whether there is such a call.
+static int failEveryCall(StoredGateway& gateway, const std::vector<int>& faults, const std::string& calls,
+                         const std::function<bool(const std::string& name)>& change) {
     const char* const chosen = getenv("CASE");
-    gateway.startSteered();
     strike(99, KKill);
-    configure("box");
+    EXPECT_TRUE(change("box"));
     // In another order, a power cut could leave an empty file, or bring the old one back.
-    EXPECT_STREQ(steering().calls + 1, "owscroscowscroscowscrosc");
+    EXPECT_EQ(steering().calls + 1, calls);
     int cases = 0, struck = 0;
-    bool isThere = true;
-    for (int call = 1; isThere; ++call) {
-        for (const int fault : {ENOSPC, EIO, EROFS, EACCES, EMFILE, EINTR, KShortWrite, KKill}) {
-            ++cases;
-            if (chosen && std::stoi(chosen) != cases && fault != ENOSPC) continue;
+    for (size_t call = 1; call <= calls.size(); ++call) {
+        for (const int fault : faults) {
+            if (testing::Test::HasFailure() || (++cases, chosen && std::stoi(chosen) != cases)) continue;
             const std::string name = "box-" + std::to_string(cases);
             SCOPED_TRACE("CASE=" + std::to_string(cases) + ": fault " + std::to_string(fault) + " at call " +
                          std::to_string(call));
             gateway.emptyLog();
-            strike(call, fault);
-            const std::string reply = configure(name);
-            ASSERT_TRUE(gateway.isStoreWhole());
-            if (fault == ENOSPC) isThere = steering().struck;
+            strike(static_cast<int>(call), fault);
+            const bool done = change(name);
+            EXPECT_TRUE(gateway.isStoreWhole());
             struck += steering().struck;
-            if (fault == KKill && isThere) {
+            if (fault == KKill) {
                 EXPECT_EQ(gateway.daemon->wait(), 128 + SIGKILL);
                 ++struck;
                 strike(0, 0);
                 gateway.startSteered();
-                ASSERT_EQ(configure(name), done);
+                EXPECT_TRUE(change(name));
             } else {
-                EXPECT_EQ(reply, done);
+                EXPECT_TRUE(done);
                 const std::string failed =
                     " WARN Failed to store datamodel for object OrvoService in file orvoservice.odl";
                 EXPECT_EQ(gateway.log.count(failed), steering().reported);
@@ -116,12 +110,75 @@ TEST(StoreFault, AnyCallOfTheSavesOfConfigureMayFailOrBeTheLast) {
             }
             strike(0, 0);
             gateway.heal(name);
-            ASSERT_EQ(gateway.stored("HostName"), name);
+            EXPECT_EQ(gateway.stored("HostName"), name);
         }
     }
     EXPECT_EQ(gateway.end(), 0);
     EXPECT_EQ(gateway.daemon->output(), "");
-    printf("store: %d faults at the calls of one Configure\n", struck);
+    return struck;
+}
+
+static bool configure(const std::string& name) {
+    return BusClient().call("/dyndns", "com.corvane.orsm.dyndns", "Configure", {true, name}) ==
+           R"({"status":"OK","result":true})";
+}
+
+TEST(StoreFault, AnyCallOfTheSavesOfConfigureMayFailOrBeTheLast) {
+    StoredGateway gateway;
+    gateway.startSteered();
+    const int struck = failEveryCall(gateway, {ENOSPC, EIO, EROFS, EACCES, EMFILE, EINTR, KShortWrite, KKill},
+                                     "owscroscowscroscowscrosc", configure);
+    printf("store: %d faults at the calls of the 3 saves of one Configure\n", struck);
+}
+
+TEST(StoreFault, AnyCallOfTheSavesOfASynchronizationMayFail) {
+    StoredGateway gateway;
+    gateway.startSteered();
+    gateway.heal("box");
+    bool second = false;
+    const int struck = failEveryCall(
+        gateway, {ENOSPC, EIO, EROFS, EACCES, EMFILE, EINTR, KShortWrite}, "owscroscowscroscowscroscowscrosc",
+        [&](const std::string& name) {
+            gateway.cloud->order({"register", "HA-1", name, "true"});
+            gateway.emptyLog();
+            gateway.platform.set("NMC.HomeAutomation", "Enable", std::exchange(second, !second) ? "true" : "1");
+            return waitFor([&] {
+                return gateway.log.count("saved to OrvoService") + gateway.log.count("ERROR Cannot save") == 4;
+            });
+        });
+    printf("store: %d faults at the calls of the 4 saves of a synchronization\n", struck);
+}
+
+TEST(StoreFault, AFullReadOnlyOrMissingFolderIsLoggedAndHealed) {
+    StoredGateway gateway;
+    gateway.startSteered();
+    EXPECT_TRUE(configure("box"));
+    const std::string good = readFile(KStore);
+    ASSERT_EQ(mkdir("/var/run/medium", 0755), 0);
+    struct Case {
+        const char *name, *source, *type;
+        unsigned long flags;
+        const char* options;
+    };
+    for (const Case& c : {
+             Case{"full",      "none",            "tmpfs", MS_REMOUNT,             "size=4k"},
+             Case{"read-only", "none",            "tmpfs", MS_REMOUNT | MS_RDONLY, nullptr  },
+             Case{"missing",   "/var/run/medium", nullptr, MS_BIND,                nullptr  },
+    }) {
+        SCOPED_TRACE(c.name);
+        const bool missing = c.flags == MS_BIND;
+        gateway.emptyLog();
+        ASSERT_EQ(mount(c.source, "/media", c.type, c.flags, c.options), 0) << strerror(errno);
+        ASSERT_TRUE(!missing || rmdir(c.source) == 0);  // what is left can hold no file
+        EXPECT_TRUE(configure(c.name));
+        gateway.log.next(" WARN Failed to store datamodel for object OrvoService in file orvoservice.odl");
+        gateway.log.next("ERROR Cannot save OrvoService object");
+        EXPECT_EQ(readFile(KStore), missing ? "" : good);
+        ASSERT_EQ(missing ? umount2("/media", MNT_DETACH) : mount("none", "/media", "tmpfs", MS_REMOUNT, "size=1m"), 0);
+        gateway.heal(c.name);
+        writeFile(KStore, good);
+    }
+    EXPECT_EQ(gateway.end(), 0);
 }
 
 TEST(SuddenEnd, AtAnyLogLineOrStoreCallOfASynchronizationIsMadeGoodByTheNextStart) {
