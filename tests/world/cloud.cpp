@@ -53,6 +53,4 @@ std::vector<CloudRequest> Cloud::journal() const {
     return requests;
 }
 
-std::unique_ptr<Cloud> startCloud() { return std::make_unique<Cloud>(); }
-
 }  // namespace world

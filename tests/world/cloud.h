@@ -22,7 +22,6 @@ class Cloud {
 
     std::string url() const { return readFile(directory_ + "/url"); }
     std::string caPath() const { return directory_ + "/ca.pem"; }
-    Process& process() { return process_; }
 
     /// Carries out an order of cloud-sim (see its --help) and gives its output; a refused order fails the test.
     std::string order(std::vector<std::string> words) const;
@@ -39,6 +38,6 @@ class Cloud {
 };
 
 /// Starts the servers and waits until they serve.
-std::unique_ptr<Cloud> startCloud();
+inline std::unique_ptr<Cloud> startCloud() { return std::make_unique<Cloud>(); }
 
 }  // namespace world

@@ -142,12 +142,6 @@ std::string LogReader::next(std::string_view text) {
     return line;
 }
 
-bool LogReader::holdsBefore(std::string_view text, std::string_view marker) {
-    const size_t begin = position_;
-    next(marker);
-    return content().substr(begin, position_ - begin).find(text) != std::string::npos;
-}
-
 size_t LogReader::count(std::string_view text) const {
     size_t lines = 0;
     std::istringstream all(content());

@@ -54,9 +54,6 @@ class LogReader {
     explicit LogReader(std::string path) : path_(std::move(path)) {}
     /// Waits for the next line that holds `text` and moves behind it; empty when none comes in time.
     std::string next(std::string_view text);
-    /// Whether a line that holds `text` stands between the last match and the next line that holds `marker`; waits for
-    /// the marker and moves behind it.
-    bool holdsBefore(std::string_view text, std::string_view marker);
     /// How many lines hold `text`, in the whole file.
     size_t count(std::string_view text) const;
     std::string content() const { return readFile(path_); }
