@@ -19,75 +19,69 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <initializer_list>
+#include <fstream>
+#include <string>
+
+using namespace std::string_literals;
 
 static constexpr const char* KFolders[] = {"/var/run", "/media", "/var/log"};
-static constexpr unsigned KUser = 1000;  // of an unprivileged world, whoever that is outside
 
 static pid_t iChild;
 static bool iUnprivileged;
-
-static void forwardSignal(int number) { kill(iChild, number); }
 
 [[noreturn]] static void fail(const char* what) {
     fprintf(stderr, "enter: %s: %s\n", what, strerror(errno));
     exit(125);
 }
 
-static void writeMap(const char* path, const char* text) {
-    const int file = open(path, O_WRONLY | O_CLOEXEC);
-    if (file < 0 || write(file, text, strlen(text)) < 0) fail(path);
+static bool writeOnce(const std::string& path, const std::string& text) {
+    const int file = open(path.c_str(), O_WRONLY | O_CLOEXEC);
+    const bool written = file >= 0 && write(file, text.data(), text.size()) > 0;
     close(file);
+    return written;
 }
 
-// Gives the namespace of the process that started this one the users of our own, each under the same number.
-static bool shareUsers(const char* name) {
-    char path[64];
-    snprintf(path, sizeof path, "/proc/self/%s", name);
-    FILE* const own = fopen(path, "re");
-    snprintf(path, sizeof path, "/proc/%d/%s", getppid(), name);
-    const int shared = open(path, O_WRONLY | O_CLOEXEC);
-    char line[128], map[4096] = "";
-    size_t length = 0;
-    while (own && length + sizeof line < sizeof map && fgets(line, sizeof line, own)) {
-        char* next = line;
-        const unsigned long first = strtoul(next, &next, 10);
-        (void)strtoul(next, &next, 10);
-        const unsigned long count = strtoul(next, &next, 10);
-        length += static_cast<size_t>(snprintf(map + length, sizeof line, "%lu %lu %lu\n", first, first, count));
+// Our own users or groups, each under the same number.
+static std::string ownMap(const std::string& name) {
+    std::ifstream own("/proc/self/" + name);
+    std::string map;
+    for (std::string first, outside, count; own >> first >> outside >> count;) {
+        map.append(first).append(" ").append(first).append(" ").append(count).append("\n");
     }
-    return write(shared, map, length) > 0;
+    return map;
 }
 
-// Only a process outside may put more than one user into a new namespace: it is started before, and the result, which
-// is called inside, tells whether it did so.
-static auto startSharingUsers() {
+// Gives the new namespace of a process its users: all of ours where that is allowed, else only ourselves, as root, or
+// as somebody else in an unprivileged world.
+static bool shareUsers(pid_t process) {
+    const std::string folder = "/proc/" + std::to_string(process) + "/", inside = iUnprivileged ? "1000 " : "0 ";
+    if (!iUnprivileged && writeOnce(folder + "gid_map", ownMap("gid_map"))) {
+        return writeOnce(folder + "uid_map", ownMap("uid_map"));
+    }
+    return writeOnce(folder + "setgroups", "deny") &&
+           writeOnce(folder + "gid_map", inside + std::to_string(getegid()) + " 1") &&
+           writeOnce(folder + "uid_map", inside + std::to_string(geteuid()) + " 1");
+}
+
+// False when the kernel refuses. Only a process outside may put more than one user into a new namespace: it is started
+// before.
+static bool makeUserNamespace() {
     int door[2];
     if (pipe2(door, O_CLOEXEC) != 0) fail("pipe");
     const pid_t helper = fork();
     if (helper < 0) fail("fork");
     if (helper == 0) {
+        char made = 0;
         close(door[1]);
-        char none = 0;
-        (void)!read(door[0], &none, 1);  // until the namespace is there, or its maker gone
-        _exit(!iUnprivileged && shareUsers("gid_map") && shareUsers("uid_map") ? 0 : 1);
+        _exit(read(door[0], &made, 1) == 1 && shareUsers(getppid()) ? 0 : 1);
     }
+    const bool made = unshare(CLONE_NEWUSER | CLONE_NEWNS | CLONE_NEWPID) == 0 && write(door[1], "m", 1) == 1;
     close(door[0]);
-    return [helper, inside = door[1]] {
-        close(inside);
-        int status = 0;
-        return waitpid(helper, &status, 0) == helper && status == 0;
-    };
-}
-
-static void becomeUserOfOwnNamespace(uid_t user, gid_t group) {
-    char map[64];
-    const unsigned inside = iUnprivileged ? KUser : 0;
-    writeMap("/proc/self/setgroups", "deny");
-    snprintf(map, sizeof map, "%u %u 1", inside, user);
-    writeMap("/proc/self/uid_map", map);
-    snprintf(map, sizeof map, "%u %u 1", inside, group);
-    writeMap("/proc/self/gid_map", map);
+    close(door[1]);
+    int status = 0;
+    waitpid(helper, &status, 0);
+    if (made && status != 0) fail("users of the namespace");
+    return made;
 }
 
 static bool isContainer() {
@@ -116,9 +110,8 @@ static void giveUpPrivileges() {
 }
 
 static void emptyFolder(const char* path) {
-    char command[PATH_MAX];
-    snprintf(command, sizeof command, "cd %s && rm -rf orvoservice* orsm* pcb_sys* kelm.* desk cloud output*", path);
-    if (system(command) != 0) fail(path);
+    const std::string command = "cd "s + path + " && rm -rf orvoservice* orsm* pcb_sys* kelm.* desk cloud output*";
+    if (system(command.c_str()) != 0) fail(path);
 }
 
 [[noreturn]] static void runCommand(char** command) {
@@ -128,20 +121,27 @@ static void emptyFolder(const char* path) {
     fail(command[0]);
 }
 
-static int statusOf(int status) { return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status); }
+// Runs `child` in a process that gets our signals, reaps whatever else ends meanwhile, and gives its status.
+template <class Child>
+static int runChild(const Child& child) {
+    iChild = fork();
+    if (iChild < 0) fail("fork");
+    if (iChild == 0) child();
+    for (int number : {SIGINT, SIGTERM, SIGHUP}) {
+        signal(number, [](int forwarded) { kill(iChild, forwarded); });
+    }
+    int status = 0;
+    while (wait(&status) != iChild) {
+    }
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
 
 // Ends what the command left behind, where no PID namespace does: orphans are this process's children.
 static void endOrphans() {
-    char path[64];
-    snprintf(path, sizeof path, "/proc/self/task/%d/children", getpid());
     for (;;) {
-        char children[4096] = "";
-        const int file = open(path, O_RDONLY | O_CLOEXEC);
-        if (file >= 0 && read(file, children, sizeof children - 1) < 0) children[0] = 0;
-        if (file >= 0) close(file);
-        char* next = children;
-        for (long orphan = strtol(next, &next, 10); orphan > 0; orphan = strtol(next, &next, 10)) {
-            kill(static_cast<pid_t>(orphan), SIGKILL);
+        std::ifstream children("/proc/self/task/" + std::to_string(getpid()) + "/children");
+        for (pid_t orphan = 0; children >> orphan;) {
+            kill(orphan, SIGKILL);
         }
         if (waitpid(-1, nullptr, 0) < 0 && errno == ECHILD) return;
     }
@@ -157,20 +157,10 @@ static void endOrphans() {
     for (const char* folder : KFolders) {
         mountEmptyFolder(folder);
     }
-    iChild = fork();
-    if (iChild < 0) fail("fork");
-    if (iChild == 0) {
+    _exit(runChild([command] {
         if (iUnprivileged) giveUpPrivileges();
         runCommand(command);
-    }
-    for (int number : {SIGINT, SIGTERM, SIGHUP}) {
-        signal(number, forwardSignal);
-    }
-    for (;;) {
-        int status = 0;
-        const pid_t ended = wait(&status);
-        if (ended == iChild) _exit(statusOf(status));
-    }
+    }));
 }
 
 int main(int argc, char** argv) {
@@ -182,46 +172,25 @@ int main(int argc, char** argv) {
     }
     if (getenv("ORSM_WORLD") && !iUnprivileged) runCommand(argv + 1);
 
-    const uid_t user = geteuid();
-    const gid_t group = getegid();
-    const auto shareUsersNow = startSharingUsers();
-    bool isolated = unshare(CLONE_NEWUSER | CLONE_NEWNS | CLONE_NEWPID) == 0;
-    const bool shared = shareUsersNow();
-    if (isolated) {
-        if (!shared) becomeUserOfOwnNamespace(user, group);
-    } else {
-        isolated = user == 0 && !iUnprivileged && unshare(CLONE_NEWNS | CLONE_NEWPID) == 0;
+    const bool isRoot = geteuid() == 0 && !iUnprivileged;
+    if (makeUserNamespace() || (isRoot && unshare(CLONE_NEWNS | CLONE_NEWPID) == 0)) {
+        return runChild([argv] { runInit(argv + 1); });
     }
-    if (!isolated) {
-        if (iUnprivileged || user != 0 || !isContainer()) {
-            fputs(
-                "enter: this kernel lets nobody make namespaces; enable unprivileged user namespaces "
-                "(sysctl kernel.unprivileged_userns_clone=1 and user.max_user_namespaces=10000), "
-                "or run as root in a container\n",
-                stderr);
-            return 125;
-        }
-        const int lock = open("/tmp/orsm-world.lock", O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-        if (lock < 0 || flock(lock, LOCK_EX) != 0) fail("/tmp/orsm-world.lock");
-        for (const char* folder : KFolders) {
-            emptyFolder(folder);
-        }
-        prctl(PR_SET_CHILD_SUBREAPER, 1);
+    if (!isRoot || !isContainer()) {
+        fputs(
+            "enter: this kernel lets nobody make namespaces; enable unprivileged user namespaces "
+            "(sysctl kernel.unprivileged_userns_clone=1 and user.max_user_namespaces=10000), "
+            "or run as root in a container\n",
+            stderr);
+        return 125;
     }
-
-    iChild = fork();
-    if (iChild < 0) fail("fork");
-    if (iChild == 0) {
-        if (isolated) runInit(argv + 1);
-        runCommand(argv + 1);
+    const int lock = open("/tmp/orsm-world.lock", O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    if (lock < 0 || flock(lock, LOCK_EX) != 0) fail("/tmp/orsm-world.lock");
+    for (const char* folder : KFolders) {
+        emptyFolder(folder);
     }
-    for (int number : {SIGINT, SIGTERM, SIGHUP}) {
-        signal(number, forwardSignal);
-    }
-    int status = 0;
-    while (waitpid(iChild, &status, 0) < 0) {
-        if (errno != EINTR) fail("waitpid");
-    }
-    if (!isolated) endOrphans();
-    return statusOf(status);
+    prctl(PR_SET_CHILD_SUBREAPER, 1);
+    const int status = runChild([argv] { runCommand(argv + 1); });
+    endOrphans();
+    return status;
 }
