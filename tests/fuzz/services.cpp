@@ -76,18 +76,16 @@ static void startOver(const char* haId, TriState all) {
 
 // A call that is taken is answered once.
 static void makeCall(DBusMessage* call) {
-    static message_bus*(&services)[std::size(KMethods)] = *new message_bus* [1][std::size(KMethods)] {};
     bool taken = false;
     iReplies = 0;
-    for (size_t i = 0; i < std::size(KMethods) && !taken; ++i) {
-        if (!services[i]) {
-            services[i] = newRecord<message_bus>().release();
-            services[i]->name = copyText(KMethods[i].interface);
-            services[i]->methodCallback = KMethods[i].handler;
-            services[i]->methodListeners = newRecord<listener>().release();
-            services[i]->methodListeners->name = copyText(KMethods[i].method);
-        }
-        taken = handle_message(nullptr, call, services[i]) == DBUS_HANDLER_RESULT_HANDLED;
+    for (const auto& method : KMethods) {
+        listener only{};
+        only.name = copyText(method.method);
+        message_bus service{};
+        service.name = copyText(method.interface);
+        service.methodCallback = method.handler;
+        service.methodListeners = &only;
+        taken = taken || handle_message(nullptr, call, &service) == DBUS_HANDLER_RESULT_HANDLED;
     }
     require(iReplies == (taken && !dbus_message_get_no_reply(call) ? 1 : 0));
 }

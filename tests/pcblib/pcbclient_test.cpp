@@ -129,39 +129,27 @@ TEST_F(Client, SavesAndLoadsTheTree) {
     easyDestroyPcbDataModelClient(context);
 }
 
-TEST_F(Client, DeliversAnObjectOnceAndThenEveryChangeOfIt) {
-    request_t* request = listenToChangesInPcbObject("OrvoService.Voltaro");
-    ASSERT_TRUE(request);
-    EXPECT_EQ(runUntil("object OrvoService.Voltaro Enable=false"), Texts{"object OrvoService.Voltaro Enable=false"});
+TEST_F(Client, DeliversAnObjectOnceThenEveryChangeAndCustomNotificationsApart) {
+    setPcbCustomNotificationCallback(
+        [](const char* path, const char* value) { receive(std::string("custom ") + path + " " + value); });
+    request_t* notify = prepareToExecutePcbFunction("Simulation.Functions", "notify");
+    EXPECT_TRUE(addStringParameter(notify, "object", "OrvoService.DynDNS") && addStringParameter(notify, "value", "v"));
+    request_t* const requests[] = {
+        listenToChangesInPcbObject("No.Object"), listenToChangesInPcbObject("OrvoService.Voltaro"),
+        listenToCustomNotificationsFromPcbObject("OrvoService.DynDNS"),
+        listenToNotificationsFromPcbObject("OrvoService.DynDNS"), executePreparedPcbFunction(notify)};
+    const std::string notified = R"(Simulation.Functions notify {"returns":null})";
+    EXPECT_EQ(runUntil(notified),
+              (Texts{"object OrvoService.Voltaro Enable=false", "custom OrvoService.DynDNS v", notified}));
+    log_.next("ERROR Request failed, error - 131073 - ");
     set("OrvoService.Voltaro", "Enable", "false");  // changes nothing
-    set("OrvoService.DynDNS", "Enable", "true");    // not watched
+    set("OrvoService.DynDNS", "Enable", "true");
     set("OrvoService.Voltaro", "Enable", "true");
     set("OrvoService.Voltaro", "Enable", "1");
     EXPECT_EQ(runUntil("OrvoService.Voltaro Enable true->1"),
-              (Texts{"OrvoService.Voltaro Enable false->true", "OrvoService.Voltaro Enable true->1"}));
-    freePcbRequestObject(request);
-
-    request_t* unknown = listenToChangesInPcbObject("No.Object");
-    request_t* known = listenToChangesInPcbObject("OrvoService.Voltaro");
-    EXPECT_EQ(runUntil("object OrvoService.Voltaro Enable=1").size(), 1U);
-    log_.next("ERROR Request failed, error - 131073 - ");
-    freePcbRequestObject(unknown);
-    freePcbRequestObject(known);
-}
-
-TEST_F(Client, CustomNotificationsReachTheirOwnCallbackOnly) {
-    setPcbCustomNotificationCallback(
-        [](const char* path, const char* value) { receive(std::string("custom ") + path + " " + value); });
-    request_t* custom = listenToCustomNotificationsFromPcbObject("OrvoService.DynDNS");
-    request_t* changes = listenToNotificationsFromPcbObject("OrvoService.DynDNS");
-    request_t* notify = prepareToExecutePcbFunction("Simulation.Functions", "notify");
-    EXPECT_TRUE(addStringParameter(notify, "object", "OrvoService.DynDNS") && addStringParameter(notify, "value", "v"));
-    ASSERT_TRUE(executePreparedPcbFunction(notify));
-    EXPECT_EQ(runUntil("Simulation.Functions notify {\"returns\":null}"),
-              (Texts{"custom OrvoService.DynDNS v", "Simulation.Functions notify {\"returns\":null}"}));
-    set("OrvoService.DynDNS", "Enable", "true");
-    EXPECT_EQ(runUntil("OrvoService.DynDNS Enable false->true").size(), 1U);
-    for (request_t* request : {custom, changes, notify}) {
+              (Texts{"OrvoService.DynDNS Enable false->true", "OrvoService.Voltaro Enable false->true",
+                     "OrvoService.Voltaro Enable true->1"}));
+    for (request_t* request : requests) {
         freePcbRequestObject(request);
     }
 }

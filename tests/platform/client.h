@@ -112,25 +112,25 @@ struct Watch {
         return 1;
     }
     static std::string describe(reply_item_t* item) {
-        const std::string blank = " ";
         std::string text;
         if (object_t* object = reply_item_object(item)) {
             text = "object " + take(object_pathChar(object, 0));
             for (parameter_t* each = object_firstParameter(object); each; each = object_nextParameter(each)) {
-                text += blank + parameter_name(each) + "=" + take(variant_char(parameter_getValue(each)));
+                text.append(" ").append(parameter_name(each)) += "=" + take(variant_char(parameter_getValue(each)));
             }
-        } else if (notification_t* notification = reply_item_notification(item)) {
-            text = std::to_string(notification_type(notification)) + blank + notification_objectPath(notification);
+            return text;
+        }
+        if (notification_t* notification = reply_item_notification(item)) {
+            text = std::to_string(notification_type(notification)) + " " + notification_objectPath(notification);
             notification_parameter_t* each = notification_firstParameter(notification);
             for (; each; each = notification_nextParameter(each)) {
-                text += blank + notification_parameter_value(each);
+                text.append(" ").append(notification_parameter_value(each));
             }
-        } else if (reply_item_type(item) == REPLY_ITEM_ERROR) {
-            text = std::string("error ") + reply_item_errorDescription(item) + ": " + reply_item_errorInfo(item);
-        } else {
-            text = "returns " + take(variant_char(reply_item_returnValue(item)));
+            return text;
         }
-        return text;
+        if (reply_item_type(item) != REPLY_ITEM_ERROR)
+            return "returns " + take(variant_char(reply_item_returnValue(item)));
+        return std::string("error ") + reply_item_errorDescription(item) + ": " + reply_item_errorInfo(item);
     }
 };
 

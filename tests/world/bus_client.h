@@ -38,38 +38,29 @@ class BusClient {
                                 const BusArguments& arguments) {
         DBusMessage* call = dbus_message_new_method_call(
             "com.corvane.orsm", path.c_str(), interface.empty() ? nullptr : interface.c_str(), method.c_str());
-        DBusMessageIter iterator;
-        dbus_message_iter_init_append(call, &iterator);
         for (const BusArgument& argument : arguments) {
-            if (const bool* flag = std::get_if<bool>(&argument)) {
-                const dbus_bool_t value = *flag;
-                dbus_message_iter_append_basic(&iterator, DBUS_TYPE_BOOLEAN, &value);
-            } else if (const std::string* text = std::get_if<std::string>(&argument)) {
-                const char* value = text->c_str();
-                dbus_message_iter_append_basic(&iterator, DBUS_TYPE_STRING, &value);
-            } else {
-                const dbus_int32_t value = std::get<int>(argument);
-                dbus_message_iter_append_basic(&iterator, DBUS_TYPE_INT32, &value);
-            }
+            const auto append = [call](int type, auto value) {
+                dbus_message_append_args(call, type, &value, DBUS_TYPE_INVALID);
+            };
+            if (const bool* flag = std::get_if<bool>(&argument)) append(DBUS_TYPE_BOOLEAN, dbus_bool_t{*flag});
+            if (const int* number = std::get_if<int>(&argument)) append(DBUS_TYPE_INT32, *number);
+            if (const auto* text = std::get_if<std::string>(&argument)) append(DBUS_TYPE_STRING, text->c_str());
         }
         return call;
     }
 
-    /// What a reply says: the string itself, "true" or "false" for a boolean, or the name of the error.
+    /// What a reply says: the string itself, "true" or "false" for a boolean, the name of the error, or the signature
+    /// of anything else.
     static std::string textOf(DBusMessage* reply) {
         if (!reply) return "no reply";
         if (dbus_message_get_type(reply) == DBUS_MESSAGE_TYPE_ERROR) return dbus_message_get_error_name(reply);
-        DBusMessageIter iterator;
-        if (!dbus_message_iter_init(reply, &iterator)) return "";
-        if (dbus_message_iter_get_arg_type(&iterator) == DBUS_TYPE_BOOLEAN) {
-            dbus_bool_t value = false;
-            dbus_message_iter_get_basic(&iterator, &value);
-            return value ? "true" : "false";
+        const char* text = nullptr;
+        if (dbus_message_get_args(reply, nullptr, DBUS_TYPE_STRING, &text, DBUS_TYPE_INVALID)) return text;
+        dbus_bool_t flag = false;
+        if (!dbus_message_get_args(reply, nullptr, DBUS_TYPE_BOOLEAN, &flag, DBUS_TYPE_INVALID)) {
+            return dbus_message_get_signature(reply);
         }
-        if (dbus_message_iter_get_arg_type(&iterator) != DBUS_TYPE_STRING) return "another type";
-        const char* value = nullptr;
-        dbus_message_iter_get_basic(&iterator, &value);
-        return value;
+        return flag ? "true" : "false";
     }
 
     /// Calls a method and waits for what textOf makes of the reply.
