@@ -54,11 +54,14 @@ TEST_F(Platform, BadFramesAreRefusedOrCloseTheirConnectionAndHarmNoOther) {
     const std::string tooLarge(16 * 1024 * 1024 + 100, ' '), nested(2000, '[');
     const std::string watchDns = R"({"id":1,"op":"subscribe","path":"DNS",)";
     const std::string set = R"({"id":1,"op":"set","path":"OrvoService.DynDNS","parameter":"HostName","value":)";
-    for (const std::string& frame : {"[]"s, R"({"id":2e15,"op":"x"})"s, R"({"id":1,"op":"x"} {})"s,
-                                     "{\"id\":1,\"op\":\"x\"\0}"s, set + R"("a\\\u0000b"})", nested, tooLarge}) {
+    for (const std::string& frame :
+         {""s, "[]"s, R"({"op":"x"})"s, R"({"id":1})"s, R"({"id":1.5,"op":"x"})"s, R"({"id":2e15,"op":"x"})"s,
+          R"({"id":1,"op":"x"} {})"s, "{\"id\":1,\"op\":\"x\"\0}"s, set + R"("a\\\u0000b"})", nested, tooLarge}) {
         EXPECT_EQ(answerTo(frame), "") << frame.substr(0, 99);
     }
-    for (const std::string& frame : {R"({"id":1,"op":"x"})"s, set + "7}", watchDns + R"("depth":1.5})"}) {
+    const std::string callFlag = R"({"id":1,"op":"call","path":"NeMo.Intf.data","function":"hasFlag","arguments":)";
+    for (const std::string& frame : {R"({"id":1,"op":"x"})"s, set + "7}", callFlag + "[]}", callFlag + R"({"flag":7}})",
+                                     watchDns + R"("depth":1.5})", watchDns + R"("flags":1e10})"}) {
         EXPECT_NE(answerTo(frame).find("malformed request"), std::string::npos) << frame;
     }
     EXPECT_EQ(answerTo(set + R"("a\\u0000b"})"), "{\"id\":1}\n");
