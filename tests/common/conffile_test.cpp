@@ -96,9 +96,6 @@ TEST(ConfigFile, FailsWholeWhenMemoryIsShort) {
     for (const char* const what : {"ConfigFile", "ConfigFile content", "ConfigPair", "ConfigPair"}) {
         iFailingAllocation = ++failing;
         EXPECT_FALSE(configFileLoad("/media/test.conf"));
-        EXPECT_EQ(world::takeLog(),
-                  " INFO parsing configuration file: /media/test.conf\n"
-                  " WARN cannot allocate memory for "s +
-                      what + "\n");
+        EXPECT_TRUE(world::takeLog().ends_with(" WARN cannot allocate memory for "s + what + "\n"));
     }
 }

@@ -213,12 +213,14 @@ TEST(LogReload, LosesAndTearsNoLineOfTwoThreads) {
     }
     done = true;
     threads.clear();
+    std::string all;
     for (const std::string& file : files) {
-        std::istringstream all(takeLog(file));
-        for (std::string line; std::getline(all, line);) {
-            const unsigned name = line[6] == '1';
-            ASSERT_EQ(line, "ERROR " + std::to_string(name) + " " + std::to_string(read[name]++) + " " + filler);
-        }
+        all += takeLog(file);
+    }
+    std::istringstream lines(all);
+    for (std::string line; std::getline(lines, line);) {
+        const unsigned name = line[6] == '1';
+        ASSERT_EQ(line, "ERROR " + std::to_string(name) + " " + std::to_string(read[name]++) + " " + filler);
     }
     EXPECT_EQ(read, written);
 }

@@ -213,25 +213,28 @@ class Memory : public testing::TestWithParam<Path> {};
 // Runs `act` with every place armed, of so many classes, and says how many places there are. With a `step`, places are
 // left out; STARVE=all takes them all, and STARVE=CLASS:PATTERN:NUMBER a single one.
 static std::string sweep(unsigned classes, unsigned step, const std::function<void()>& act) {
+    const auto starve = [&](unsigned owner, unsigned pattern, unsigned number) {
+        SCOPED_TRACE(testing::Message() << "STARVE=" << owner << ":" << pattern << ":" << number);
+        arm(owner, number, KRuns[pattern]);
+        act();
+        return orders().fired && !testing::Test::HasFailure();
+    };
     const char* const wish = getenv("STARVE");
-    const std::string chosen = wish ? wish : "";
-    if (chosen == "all") step = 1;
+    unsigned owner = 0, pattern = 0, number = 0;
+    if (wish && sscanf(wish, "%u:%u:%u", &owner, &pattern, &number) == 3) {
+        starve(owner, pattern, number);
+        return wish;
+    }
+    if (wish) step = 1;
     std::string counts;
-    for (unsigned owner = 0; owner < classes; ++owner) {
+    for (owner = 0; owner < classes; ++owner) {
         counts += std::string(" ") + KClassNames[owner];
-        for (unsigned pattern = 0; pattern < 3; ++pattern) {
-            const std::string name = std::string(KClassNames[owner]) + ":" + std::to_string(pattern) + ":";
-            unsigned number = 1;
-            do {
-                if (chosen.starts_with(name)) number = static_cast<unsigned>(std::stoul(chosen.substr(name.size())));
-                if (chosen.find(':') != std::string::npos && chosen != name + std::to_string(number)) break;
-                SCOPED_TRACE("STARVE=" + name + std::to_string(number));
-                arm(owner, number, KRuns[pattern]);
-                act();
-                if (testing::Test::HasFailure() || chosen.starts_with(name)) break;
+        for (pattern = 0; pattern < std::size(KRuns); ++pattern) {
+            number = 1;
+            while (starve(owner, pattern, number)) {
                 number += step;
-            } while (orders().fired);
-            counts += " " + std::to_string(number - 1);
+            }
+            counts += " " + std::to_string(number);
         }
     }
     return counts;

@@ -41,7 +41,6 @@ TEST_F(Platform, CtlWatchPrintsEachChangeAndSaysHowItEnded) {
         ASSERT_TRUE(world::waitFor([&] { return ended.output() == watching; }));
         ended.send(signalNumber);
         EXPECT_EQ(ended.wait(), 0);
-        EXPECT_EQ(ended.output(), watching);
     }
     bus->send(SIGTERM);
     EXPECT_EQ(watch.wait(), 1);

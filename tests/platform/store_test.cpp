@@ -100,10 +100,3 @@ TEST_F(Platform, EveryPrefixAndEveryChangedByteIsLoadedOrRefusedWhole) {
     }
     printf("store: %zu damaged files, %zu refused\n", texts.size(), refused);
 }
-
-TEST_F(Platform, AFailedSaveLeavesTheOldFileAndNoOther) {
-    EXPECT_EQ(load(client), "cannot read the file");
-    std::filesystem::create_directories(std::string(KFile) + "/not empty");
-    EXPECT_EQ(save(client, "OrvoService"), "cannot write the file");
-    EXPECT_FALSE(std::filesystem::exists(std::string(KFile) + ".new"));
-}

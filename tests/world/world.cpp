@@ -23,7 +23,14 @@ static std::vector<std::string>& outputs() {
     return paths;
 }
 
-class PrintOutputsOfFailure : public testing::EmptyTestEventListener {
+class World : public testing::EmptyTestEventListener {
+    void OnTestProgramStart(const testing::UnitTest&) override {
+        if (!getenv("ORSM_WORLD")) {
+            fputs("Run tests through the world's door: tests/world/enter TEST\n", stderr);
+            _exit(125);
+        }
+        signal(SIGPIPE, SIG_IGN);
+    }
     void OnTestEnd(const testing::TestInfo& test) override {
         if (!test.result()->Failed()) return;
         for (const std::string& path : outputs()) {
@@ -32,19 +39,9 @@ class PrintOutputsOfFailure : public testing::EmptyTestEventListener {
     }
 };
 
-class World : public testing::Environment {
-    void SetUp() override {
-        if (!getenv("ORSM_WORLD")) {
-            fputs("Run tests through the world's door: tests/world/enter TEST\n", stderr);
-            _exit(125);
-        }
-        signal(SIGPIPE, SIG_IGN);
-    }
-};
-
-[[maybe_unused]] static const testing::Environment* const KWorld = [] {
-    testing::UnitTest::GetInstance()->listeners().Append(new PrintOutputsOfFailure);
-    return testing::AddGlobalTestEnvironment(new World);
+[[maybe_unused]] static const bool KIsWorld = [] {
+    testing::UnitTest::GetInstance()->listeners().Append(new World);
+    return true;
 }();
 
 Process::Process(std::vector<std::string> arguments, std::map<std::string, std::string> environment) {
@@ -171,15 +168,12 @@ static std::unique_ptr<Process> startListener(std::vector<std::string> arguments
 }
 
 std::unique_ptr<Process> startDbusDaemon(const std::string& configuration) {
-    return startListener(
-        {"dbus-daemon", "--nofork", "--nopidfile",
-         "--config-file=" + (configuration.empty() ? ORSM_SOURCE_FOLDER "/tests/world/bus.conf" : configuration)},
-        "/var/run/dbus/system_bus_socket");
+    return startListener({"dbus-daemon", "--nofork", "--nopidfile", "--config-file=" + configuration},
+                         "/var/run/dbus/system_bus_socket");
 }
 
 std::unique_ptr<Process> startPcbBus(const std::string& definition) {
-    return startListener({binary("pcb-bus"), "--socket", "/var/run/pcb_sys", "--definition",
-                          definition.empty() ? ORSM_SOURCE_FOLDER "/platform/bus/gateway.odl" : definition},
+    return startListener({binary("pcb-bus"), "--socket", "/var/run/pcb_sys", "--definition", definition},
                          "/var/run/pcb_sys");
 }
 

@@ -65,10 +65,10 @@ class LogReader {
 
 /// Starts a bus at /var/run/dbus/system_bus_socket with the world's own configuration or another one, and waits until
 /// it listens.
-std::unique_ptr<Process> startDbusDaemon(const std::string& configuration = "");
+std::unique_ptr<Process> startDbusDaemon(const std::string& configuration = ORSM_SOURCE_FOLDER "/tests/world/bus.conf");
 
 /// Starts the data-model bus at /var/run/pcb_sys with the gateway's own definition or another one, and waits until it
 /// listens.
-std::unique_ptr<Process> startPcbBus(const std::string& definition = "");
+std::unique_ptr<Process> startPcbBus(const std::string& definition = ORSM_SOURCE_FOLDER "/platform/bus/gateway.odl");
 
 }  // namespace world

@@ -208,6 +208,19 @@ TEST_F(MessageBus, AnswersEveryCallOfABurstAlsoWhenTheBusIsSlowToRead) {
     }
 }
 
+TEST_F(MessageBus, ACallThatMemoryIsShortForIsTriedAgainLater) {
+    bus = newObject({"Two"});
+    static int refusals = 0;
+    const auto refuse = [](DBusConnection*, DBusMessage* message, void*) {
+        const bool isFirst = dbus_message_is_method_call(message, KName, "Two") && ++refusals == 1;
+        return isFirst ? DBUS_HANDLER_RESULT_NEED_MEMORY : DBUS_HANDLER_RESULT_NOT_YET_HANDLED;
+    };
+    dbus_connection_add_filter(bus->connection.get(), refuse, nullptr, nullptr);
+    DBusPendingCall* pending = send(newCall("Two"));
+    EXPECT_TRUE(pumpUntil([&] { return refusals == 1; }));  // not tried again in the same run
+    EXPECT_EQ(replyTo(pending), "true");
+}
+
 TEST_F(MessageBus, AReplyThatCannotBeSentIsAnErrorForTheClient) {
     bus = newObject({"Garbled", "Echo"});
     for (const OwnedMessage& refused : {newCall("Garbled"), newCall("Echo", {KMebibyte + "x"})}) {
