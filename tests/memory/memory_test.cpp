@@ -188,11 +188,12 @@ std::vector<Path> paths() {
     const std::set<std::string> no = {"none", DBUS_ERROR_FAILED, DBUS_ERROR_NO_MEMORY, "false"};
     const std::set<std::string> server =
         statuses(KNull, {"OUT_OF_MEMORY_ERROR", "SERVER_CONNECTION_ERROR", "SERVER_INTERNAL_ERROR"});
+    const std::set<std::string> name = statuses(KNull, {"DBUS_ERROR", "OUT_OF_MEMORY_ERROR"});
     // clang-format off
     return {
         {"ServicesInfo",  4, 1, calling("orvoservicesinfo", "Get", {}), statuses("", {})},
         {"IsEnabled",     4, 1, calling("dyndns", "IsEnabled", {}), statuses(KNull, {"DBUS_ERROR"})},
-        {"GetName",       2, 1, calling("dyndns", "GetName", {}), statuses(KNull, {"DBUS_ERROR", "OUT_OF_MEMORY_ERROR"})},
+        {"GetName",       2, 1, calling("dyndns", "GetName", {}), name},
         {"IsNameTaken",   2, 1, calling("dyndns", "IsNameTaken", {"free"}), server},
         {"Configure",     2, 3, calling("dyndns", "Configure", {true, "box"}), server},
         {"SetEnabled",    2, 1, calling("dyndns", "SetEnabled", {true}), no},
@@ -220,10 +221,12 @@ static std::string sweep(unsigned classes, unsigned step, const std::function<vo
         return orders().fired && !testing::Test::HasFailure();
     };
     const char* const wish = getenv("STARVE");
+    std::istringstream chosen(wish ? wish : "");
     unsigned owner = 0, pattern = 0, number = 0;
-    if (wish && sscanf(wish, "%u:%u:%u", &owner, &pattern, &number) == 3) {
+    char colon = ':';
+    if (chosen >> owner >> colon >> pattern >> colon >> number) {
         starve(owner, pattern, number);
-        return wish;
+        return chosen.str();
     }
     if (wish) step = 1;
     std::string counts;
@@ -234,7 +237,7 @@ static std::string sweep(unsigned classes, unsigned step, const std::function<vo
             while (starve(owner, pattern, number)) {
                 number += step;
             }
-            counts += " " + std::to_string(number);
+            counts += " " + std::to_string(number - 1);
         }
     }
     return counts;
