@@ -265,7 +265,8 @@ TEST_P(ServerFault, IsLoggedAnsweredAndOverWithItsRequest) {
             meets(resource, answer.reply, 1, {answer.line});
         });
     }
-    printf("server faults: %d of %s, each with line and reply, and a good request behind it\n", cases, resource.name);
+    printf("figure: server faults: %d of %s, each with line and reply, and a good request behind it\n", cases,
+           resource.name);
 
     // Account and token were on their way, and are on no output.
     expectAllGood();
@@ -325,7 +326,7 @@ TEST_F(Hardship, OfFewDescriptorsLeavesNoCallUnansweredAndNothingBehind) {
     EXPECT_NE(readFile(KStore).find("string HostName = \"box\";"), std::string::npos);
     EXPECT_EQ(descriptors(pid), before);
     EXPECT_EQ(gateway_.end(), 0);
-    printf("descriptors: 0 to 16 free, %d calls that need a server served, %d refused\n", good, refused);
+    printf("figure: descriptors: 0 to 16 free, %d calls that need a server served, %d refused\n", good, refused);
 }
 
 TEST_F(Hardship, OfASettingOfTheWallClockLeavesARetryInTime) {

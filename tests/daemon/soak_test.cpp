@@ -79,10 +79,12 @@ TEST(Soak, NeitherMemoryNorDescriptorsNorThreadsGrow) {
     }
     memory.erase(memory.begin(), memory.begin() + KSteps / 10);
     const double grown = rise(memory);
-    printf("soak: %d requests, %d calls, %d notifications in %.0f s: %+.1f KiB after the first tenth (%.0f to %.0f)\n",
-           requests * KSteps, calls * KSteps, changes * KSteps,
-           std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count(), grown, memory.front(),
-           memory.back());
+    printf(
+        "figure: soak: %d requests, %d calls, %d notifications in %.0f s: %+.1f KiB after the first tenth (%.0f to "
+        "%.0f)\n",
+        requests * KSteps, calls * KSteps, changes * KSteps,
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count(), grown, memory.front(),
+        memory.back());
     EXPECT_EQ(failed, 0);
     EXPECT_LE(grown, 64) << "KiB: " << testing::PrintToString(memory);
     EXPECT_EQ(entries(proc + "/fd"), descriptors);

@@ -128,7 +128,7 @@ TEST(StoreFault, AnyCallOfTheSavesOfConfigureMayFailOrBeTheLast) {
     gateway.startSteered();
     const int struck = failEveryCall(gateway, {ENOSPC, EIO, EROFS, EACCES, EMFILE, EINTR, KShortWrite, KKill},
                                      "owscroscowscroscowscrosc", configure);
-    printf("store: %d faults at the calls of the 3 saves of one Configure\n", struck);
+    printf("figure: store: %d faults at the calls of the 3 saves of one Configure\n", struck);
 }
 
 TEST(StoreFault, AnyCallOfTheSavesOfASynchronizationMayFail) {
@@ -146,7 +146,7 @@ TEST(StoreFault, AnyCallOfTheSavesOfASynchronizationMayFail) {
                 return gateway.log.count("saved to OrvoService") + gateway.log.count("ERROR Cannot save") == 4;
             });
         });
-    printf("store: %d faults at the calls of the 4 saves of a synchronization\n", struck);
+    printf("figure: store: %d faults at the calls of the 4 saves of a synchronization\n", struck);
 }
 
 TEST(StoreFault, AFullReadOnlyOrMissingFolderIsLoggedAndHealed) {
@@ -204,7 +204,8 @@ TEST(SuddenEnd, AtAnyLogLineOrStoreCallOfASynchronizationIsMadeGoodByTheNextStar
         if (gateway.daemon->running()) {
             strike(0, 0);
             ASSERT_GT(deaths, 32) << "it must have saved four times";
-            printf("sudden end: %d deaths in a synchronization of %zu log lines\n", deaths, gateway.log.count(" "));
+            printf("figure: sudden end: %d deaths in a synchronization of %zu log lines\n", deaths,
+                   gateway.log.count(" "));
             break;
         }
 
@@ -267,6 +268,7 @@ TEST(SuddenEnd, BySignalAtARandomMomentIsOrderly) {
         inRequest += gateway.log.count("Curl HTTP GET begin") && !gateway.log.count("Get dyn dns configuration OK");
         finished += gateway.stored("SyncNotFinished") == "false";
     }
-    printf("sudden end: %d signals (SEED=%u): %d before the daemon took them over, %d in a request, %d after it\n",
-           runs, seed, early, inRequest, finished);
+    printf(
+        "figure: sudden end: %d signals (SEED=%u): %d before the daemon took them over, %d in a request, %d after it\n",
+        runs, seed, early, inRequest, finished);
 }

@@ -90,7 +90,8 @@ TEST(Storm, EveryCallIsAnsweredOnceAndNobodyWaitsLong) {
     EXPECT_EQ(all, expected);
     const double longest = *std::max_element(waits.begin(), waits.end());
     printf(
-        "storm: %d calls in %.0f ms; the polite client's %zu waited at most %.1f ms; then pipe %.0f, timer %.0f ms\n",
+        "figure: storm: %d calls in %.0f ms; the polite client's %zu waited at most %.1f ms; then pipe %.0f, timer "
+        "%.0f ms\n",
         KClients * KCalls, storm, waits.size(), longest, pipeLate, timerLate);
 #ifdef NDEBUG  // with the sanitizers a call costs several times as much
     EXPECT_LE(longest, 100);

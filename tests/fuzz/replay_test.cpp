@@ -21,5 +21,5 @@ TEST(Fuzz, EveryInputOfTheCorporaPasses) {
             ++count;
         }
     }
-    printf("fuzz: %zu inputs replayed\n", count);
+    printf("figure: fuzz: %zu inputs replayed\n", count);
 }

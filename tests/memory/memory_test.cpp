@@ -244,7 +244,7 @@ static std::string sweep(unsigned classes, unsigned step, const std::function<vo
 }
 
 static void report(const char* path, const std::string& counts, const std::map<std::string, unsigned>& ends) {
-    printf("%s:%s;", path, counts.c_str());
+    printf("figure: memory: %s:%s;", path, counts.c_str());
     for (const auto& [end, count] : ends) {
         printf(" %u x %s", count, end.c_str());
     }

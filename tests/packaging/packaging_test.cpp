@@ -68,7 +68,7 @@ TEST(Installed, TheUnitIsHardenedAndStartsTheProgramWithTheExampleConfiguration)
     install("daemon");
     const std::string unit = KRoot + "/usr/lib/systemd/system/orvoservicemanager.service";
     const std::string judged = output({"systemd-analyze", "security", "--offline=true", "--threshold=15", unit});
-    printf("release: the unit's exposure is %s\n", found(judged, "exposure level.*: (\\S+)").begin()->c_str());
+    printf("figure: the unit's exposure is %s\n", found(judged, "exposure level.*: (\\S+)").begin()->c_str());
     const std::string text = readFile(unit);
     for (const char* line : {"Type=dbus", "BusName=com.corvane.orsm", "Restart=always", "StartLimitIntervalSec=0"}) {
         EXPECT_NE(text.find(std::string("\n") + line + "\n"), std::string::npos) << line;
@@ -205,6 +205,6 @@ TEST(Policy, OnlyRootAndTheGroupChangeSomethingAndOnlyRootOwnsTheName) {
             }
         }
     }
-    printf("policy: %zu calls of 3 users, %zu refused\n", calls, refused);
+    printf("figure: policy: %zu calls of 3 users, %zu refused\n", calls, refused);
     EXPECT_EQ(gateway.end(), 0);
 }

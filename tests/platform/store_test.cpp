@@ -98,5 +98,5 @@ TEST_F(Platform, EveryPrefixAndEveryChangedByteIsLoadedOrRefusedWhole) {
         refused += !loaded;
         if (chosen) break;
     }
-    printf("store: %zu damaged files, %zu refused\n", texts.size(), refused);
+    printf("figure: store: %zu damaged files, %zu refused\n", texts.size(), refused);
 }
