@@ -2,7 +2,7 @@
 
 BUILD_PACKAGES="g++ cmake ninja-build pkg-config libdbus-1-dev libevent-dev libcurl4-openssl-dev libcjson-dev
   libcpp-httplib-dev libssl-dev"
-WORLD_PACKAGES="dbus-daemon dbus-bin ca-certificates"
+WORLD_PACKAGES="dbus-daemon dbus-bin ca-certificates mount"
 # The libraries for 32-bit ARM, which ./test armhf puts into a folder of their own.
 ARMHF_PACKAGES="libc6-dev libstdc++6 libdbus-1-dev libevent-dev libcurl4-openssl-dev libcjson-dev libcpp-httplib-dev
   libssl-dev libgtest-dev"
