@@ -53,9 +53,9 @@ void message_bus_set_signal_callback(message_bus* bus, message_bus_signal_callba
 void message_bus_set_method_call_callback(message_bus* bus, message_bus_method_call_callback callback);
 
 /// Answers `call` with one argument and releases it, whatever the result. Blocks until the reply is written. A text
-/// (not null) that is not UTF-8 or longer than 1 MiB fails; the client then gets an error instead. Any value other
-/// than 0 is true. A client that wants no answer is sent none, and the result is 1. The gate is given up while the
-/// reply is written. Bus thread.
+/// (not null) that is not UTF-8 or longer than 32 MiB less 4 KiB fails; the client then gets an error instead. Any
+/// value other than 0 is true. A client that wants no answer is sent none, and the result is 1. The gate is given up
+/// while the reply is written. Bus thread.
 int message_bus_send_string_reply(message_bus* bus, DBusMessage* call, const char* text);
 int message_bus_send_bool_reply(message_bus* bus, DBusMessage* call, int value);
 
@@ -75,6 +75,6 @@ void message_bus_send_no_reply(message_bus* bus, DBusMessage* call);
                                           const char* method);
 
 /// Queues a signal with one string argument; the bus thread's loop writes it. Malformed names and a text that is not
-/// UTF-8 or longer than 1 MiB fail. Bus thread.
+/// UTF-8 or longer than 32 MiB less 4 KiB fail. Bus thread.
 [[nodiscard]] int message_bus_send_signal(message_bus* bus, const char* path, const char* interface, const char* name,
                                           const char* text);

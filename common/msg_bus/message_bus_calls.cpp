@@ -9,8 +9,9 @@
 static constexpr char KLogCategory[] = "message_bus";
 static constexpr char KLogModule[] = "common/msg_bus/message_bus";
 
-// The bus drops whoever sends more than it lets through at a time, so a longer text fails as a reply.
-static constexpr size_t KLongestText = 1024UL * 1024;
+// A bus drops whoever sends a message of more than 32 MiB, so a longer text fails as a reply; the rest is for the
+// header.
+static constexpr size_t KLongestText = 32UL * 1024 * 1024 - 4096;
 
 // Texts from servers and from the data model hold any byte, and libdbus ends the process on what is not UTF-8.
 static bool isSendable(const char* text) {
@@ -235,7 +236,7 @@ static void handle_method_reply(DBusPendingCall* pending, void* data) {
 static OwnedMessage newMethodCall(const char* destination, const char* path, const char* interface,
                                   const char* method) {
     if (!dbus_validate_bus_name(destination, nullptr) || !dbus_validate_path(path, nullptr) ||
-        !dbus_validate_interface(interface, nullptr) || !dbus_validate_member(method, nullptr)) {
+        (interface && !dbus_validate_interface(interface, nullptr)) || !dbus_validate_member(method, nullptr)) {
         return nullptr;
     }
     return OwnedMessage(dbus_message_new_method_call(destination, path, interface, method));

@@ -15,7 +15,7 @@ using world::takeLog;
 using Texts = std::vector<std::string>;
 
 static const char KName[] = "com.corvane.orsm";
-static const std::string KText = "n\xc3\xa4me \"1\"", KMebibyte(1024UL * 1024, 'x');
+static const std::string KText = "n\xc3\xa4me \"1\"", KTooLong(32UL * 1024 * 1024 - 4095, 'x');
 
 static Texts iSeen;  // what the objects' callbacks saw: the name, and the text or "-" for none
 static int iReplyResult = -1;
@@ -41,7 +41,10 @@ static void note(message_bus*, const char* name, const char* text) {
 // Replies with the first argument or else the method's name, if the name asks for nothing else.
 static void answer(message_bus* bus, const char* name, const char* first, DBusMessage* call) {
     note(bus, name, first);
-    const char* text = name == "Garbled"s ? "not \xff UTF-8" : first ? first : name;
+    const char* text = name == "Garbled"s ? "not \xff UTF-8"
+                       : name == "Long"s  ? KTooLong.c_str()
+                       : first            ? first
+                                          : name;
     iReplyResult =
         name == "Two"s ? message_bus_send_bool_reply(bus, call, 2) : message_bus_send_string_reply(bus, call, text);
 }
@@ -222,13 +225,14 @@ TEST_F(MessageBus, ACallThatMemoryIsShortForIsTriedAgainLater) {
 }
 
 TEST_F(MessageBus, AReplyThatCannotBeSentIsAnErrorForTheClient) {
-    bus = newObject({"Garbled", "Echo"});
-    for (const OwnedMessage& refused : {newCall("Garbled"), newCall("Echo", {KMebibyte + "x"})}) {
-        EXPECT_EQ(call(refused), DBUS_ERROR_FAILED);
+    bus = newObject({"Garbled", "Long", "Echo"});
+    for (const char* refused : {"Garbled", "Long"}) {
+        EXPECT_EQ(call(newCall(refused)), DBUS_ERROR_FAILED);
         EXPECT_EQ(iReplyResult, 0);
         EXPECT_EQ(takeLog(), " WARN failed to send DBus method response\n");
     }
-    EXPECT_TRUE(call(newCall("Echo", {KMebibyte})) == KMebibyte);
+    const std::string large = KTooLong.substr(0, 2'000'000);
+    EXPECT_TRUE(call(newCall("Echo", {large})) == large);
     for (const auto& [method, result] : {std::pair("Garbled", 0), std::pair("Echo", 1)}) {
         iReplyResult = -1;
         const OwnedMessage noReply = newCall(method);
