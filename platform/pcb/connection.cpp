@@ -123,6 +123,15 @@ bool receive(connection_info_t* connection) {
     return true;
 }
 
+bool findLoss(connection_info_t* connection, int events) {
+    char byte = 0;
+    if (!(events & (POLLHUP | POLLERR)) || holdsFrame(connection)) return false;
+    const ssize_t count = recv(connection->socket, &byte, 1, MSG_PEEK | MSG_DONTWAIT);
+    if (count > 0 || (count < 0 && (errno == EAGAIN || errno == EINTR))) return false;
+    lose(connection);
+    return true;
+}
+
 // The length of the first line of what was received, or npos.
 static size_t lineLength(connection_info_t* connection) {
     const std::string_view content = connection->in.content();

@@ -120,7 +120,9 @@ static Round waitOnce(llist_t* list, int wake, int milliseconds, fd_set* readSet
         return errno == EINTR ? round : failedRound(PCB_ERROR_SYSTEM);
     }
     round.woken = waited[0].revents;
-    for (nfds_t i = 1; i < count; ++i) {
+    nfds_t i = 0;
+    for (llist_iterator_t* link = list->first; link; link = link->next) {
+        if (findLoss(connectionOf(link), waited[++i].revents)) return failedRound(PCB_ERROR_CONNECTION_LOST);
         if (waited[i].revents) ++round.ready;
         if (readSet && waited[i].revents & ~POLLOUT) FD_SET(waited[i].fd, readSet);
         if (writeSet && waited[i].revents & POLLOUT) FD_SET(waited[i].fd, writeSet);

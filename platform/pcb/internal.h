@@ -64,6 +64,8 @@ bool queueFrame(connection_info_t* connection, const cJSON* frame);
 void sendQueued(connection_info_t* connection);
 /// Reads what has come, up to a few MiB; false when memory is short, the rest waits in the socket.
 bool receive(connection_info_t* connection);
+/// Whether the bus has gone and nothing is left to be read, after a wait that gave these poll events.
+bool findLoss(connection_info_t* connection, int events);
 /// Whether a whole frame is there to be handled.
 bool holdsFrame(connection_info_t* connection);
 /// Parses what was received. The answer to `id` (0: none awaited) ends it and is given; frames of living requests are

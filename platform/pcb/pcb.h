@@ -145,8 +145,8 @@ bool connection_setSignalEventHandler(connection_info_t* connection, int signalN
 llist_iterator_t* connection_listLink(connection_info_t* connection);
 
 /// Waits without limit until one of the listed connections has events (positive), connection_setEventsAvailable was
-/// called or the loop must end (0: nothing to handle). Negative on failure. A signal is no failure. The sets are
-/// written.
+/// called or the loop must end (0: nothing to handle). Negative on failure, once also when a connection is found lost.
+/// A signal is no failure. The sets are written.
 int connection_waitForEvents_r(llist_t* list, fd_set* readSet, fd_set* writeSet);
 /// Reads what has come and calls the handlers, in the order of arrival. A handler may create, send and destroy
 /// requests, its own included, and do all that waits for an answer; what comes meanwhile is kept for the next pass.

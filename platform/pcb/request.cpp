@@ -256,8 +256,10 @@ static bool readItem(reply_item_t* item, const cJSON* frame, const request_t* re
     return !object || readObject(item, object, request);
 }
 
+// The bus goes on with a subscription of which one item could not be read here.
 static bool endsRequest(const reply_item_t* item, const request_t* request) {
-    return item->type == REPLY_ITEM_ERROR || item->type == REPLY_ITEM_FUNCTION_RETURN ||
+    if (item->type == REPLY_ITEM_ERROR) return request->function || item->error != PCB_ERROR_UNREADABLE_FRAME;
+    return item->type == REPLY_ITEM_FUNCTION_RETURN ||
            (item->type == REPLY_ITEM_OBJECT && !(request->flags & REQUEST_STAYS));
 }
 
