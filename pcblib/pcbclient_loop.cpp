@@ -248,6 +248,7 @@ static void runEventLoop(connection_info_t* connection) {
         fd_set readSet;
         fd_set writeSet;
         const int events = connection_waitForEvents_r(&connections.list, &readSet, &writeSet);
+        reloadLogIfAsked();
         if (events < 0) {
             LOG(ERROR, "Error %d (%s)", static_cast<int>(pcb_error), error_string(pcb_error));
             continue;

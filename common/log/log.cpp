@@ -44,6 +44,7 @@ static pthread_mutex_t iLock = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
 static std::atomic<bool> iHangupSeen = false;
 static_assert(std::atomic<bool>::is_always_lock_free, "set by a signal handler");
 static void (*iReload)() = nullptr;
+static std::atomic<void (*)()> iWake = nullptr;
 static bool iReloading = false;
 
 namespace {
@@ -94,7 +95,12 @@ int logLevelFromText(const char* text) {
     return level;
 }
 
-static void noteHangup(int) { iHangupSeen.store(true); }
+static void noteHangup(int) {
+    iHangupSeen.store(true);
+    if (void (*const wake)() = iWake) wake();
+}
+
+void wakeOnHangup(void (*wake)()) { iWake = wake; }
 
 void reloadLogOnHangup(void (*reload)()) {
     iReload = reload;
@@ -107,6 +113,12 @@ static void reloadIfAsked() {
     iReloading = true;
     iReload();
     iReloading = false;
+}
+
+void reloadLogIfAsked() {
+    const KeepErrno keep;
+    const LogLock lock;
+    reloadIfAsked();
 }
 
 static const LogCategory* findCategory(const char* name) {
@@ -176,18 +188,19 @@ static void writeOnce(int file, const Line& line) {
 static bool takesNow(int file, size_t length) {
     pollfd writable = {file, POLLOUT, 0};
     if (poll(&writable, 1, 0) <= 0) return false;
-    // One free page is promised; a longer line needs more, and the pages in use may be no more than half full.
+    // One free page is promised; a longer line needs more, and the pages in use may be no more than half full. A pipe
+    // may be as small as one line.
     const int capacity = length > PIPE_BUF ? fcntl(file, F_GETPIPE_SZ) : -1;
     int unread = 0;
     if (capacity < 0 || ioctl(file, FIONREAD, &unread) != 0) return true;
-    return 2 * unread + 3 * PIPE_BUF <= capacity;
+    return unread == 0 ? static_cast<int>(length) <= capacity : 2 * unread + 3 * PIPE_BUF <= capacity;
 }
 
-// Waits half a second for a reader that has stopped reading, the first time; its lines are dropped then until it reads
+// Waits two seconds for a reader that has stopped reading, the first time; its lines are dropped then until it reads
 // again. Without an end to the wait, the log's lock would hold both threads, and the end of the process.
 static bool waitUntilTaken(int file, size_t length) {
     static bool readerStopped = false;
-    for (int tries = readerStopped ? 0 : 50; !takesNow(file, length); --tries) {
+    for (int tries = readerStopped ? 0 : 200; !takesNow(file, length); --tries) {
         readerStopped = tries <= 0;
         if (readerStopped) return false;
         poll(nullptr, 0, 10);
@@ -205,7 +218,7 @@ static void appendToFile(const char* path, const Line& line) {
     // Without waiting: the name may be a pipe's that nobody reads.
     const int file = open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NONBLOCK, 0666);
     if (file < 0) return;
-    writeOnce(file, line);
+    if (line.length <= PIPE_BUF || takesNow(file, line.length)) writeOnce(file, line);
     close(file);
 }
 

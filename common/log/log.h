@@ -42,6 +42,13 @@ inline void checkLogFormat(const char*, ...) {}
 /// LOG(INFO, "format", ...): logs at the named level, otherwise as LOG_AT.
 #define LOG(level, ...) LOG_AT(LEVEL_##level, __VA_ARGS__)
 
+/// Does what a SIGHUP asked for, if one came; the next log call would do it, too. Any thread.
+void reloadLogIfAsked();
+
+/// From now on a SIGHUP calls `wake` as well, from the signal handler, so that somebody calls reloadLogIfAsked soon.
+/// Any thread.
+void wakeOnHangup(void (*wake)());
+
 // From here on: for the module that changes the settings.
 
 /// A category with a threshold of its own, which takes the place of the global one.
@@ -84,6 +91,7 @@ extern LogCategory* categories;
 /// The level that a text names, in any case of letters; 5 for every text that is not "TRACE" to "ERROR". Any thread.
 int logLevelFromText(const char* text);
 
-/// From now on a SIGHUP lets the next log call run `reload` before its own line, even if that line is dropped. `reload`
-/// runs in the thread of that call and holds the lock; it may log and change the settings. Needs a LogLock.
+/// From now on a SIGHUP lets the next log call (or reloadLogIfAsked) run `reload` before its own line, even if that
+/// line is dropped. `reload` runs in the thread of that call and holds the lock; it may log and change the settings.
+/// Needs a LogLock.
 void reloadLogOnHangup(void (*reload)());

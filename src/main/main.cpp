@@ -156,6 +156,7 @@ static int serve(const SignalActions& loopActions) {
     if (!createPcbDataModelClient()) endProcess(1, {});
 
     giveEndSignalsBack(loopActions);
+    wakeOnHangup([] { (void)connection_setEventsAvailable(); });
     watchDataModel();
 }
 

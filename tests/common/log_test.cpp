@@ -1,5 +1,6 @@
 #include "common/log/log.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sched.h>
 #include <sys/mount.h>
@@ -133,6 +134,21 @@ TEST(Log, FilterTakesTheCategoryOverTheGlobalThreshold) {
         }
         EXPECT_EQ(passing, expected) << words;
     }
+}
+
+TEST(Log, AnOutputPipeAsSmallAsALineTakesIt) {
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    ASSERT_EQ(fcntl(ends[1], F_SETPIPE_SZ, 8192), 8192);
+    const int console = dup(STDOUT_FILENO);
+    configure("stdout=true" TO_FILE);
+    dup2(ends[1], STDOUT_FILENO);
+    for (int i = 0; i < 3; ++i) {
+        LOG(ERROR, "%s", std::string(9000, 'x').c_str());
+        char line[9000];
+        EXPECT_EQ(read(ends[0], line, sizeof line), 8000);
+    }
+    dup2(console, STDOUT_FILENO);
 }
 
 TEST(LogSettings, ResetSomeAndKeepOthers) {

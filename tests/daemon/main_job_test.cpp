@@ -126,6 +126,7 @@ TEST(LostBus, EndsItWithItsStatusAndNeverHoldsTheEndUp) {
         const bool endsAlone = killed && !(messageBus && held);
         if (!endsAlone) gateway.daemon->send(SIGTERM);
         const bool lostMessageBus = messageBus && endsAlone;
+        if (killed && !messageBus) gateway.log.next("ERROR Error 65539 (connection lost)");
         EXPECT_EQ(gateway.daemon->wait(), lostMessageBus ? 1 : 0);
         gateway.log.next(lostMessageBus ? "got signal Disconnected, freeing message_bus"
                                         : "Leaving pcb data model event loop");
@@ -182,10 +183,11 @@ TEST(Log, AHangUpSignalReloadsItsSettingsFromTheWorkingDirectory) {
     Gateway gateway;
     gateway.start();
     gateway.daemon->send(SIGHUP);  // there is no such file: nothing changes
-    gateway.settle();
+    gateway.log.next("cannot open file: zolclient.log");
     writeFile("/var/run/zolclient.log",
               "logger.file=true\nlogger.filename=/var/log/other.log\nlogger.level=INFO\nlogger.enabled=yes\n");
     gateway.daemon->send(SIGHUP);
+    gateway.log.next("parsing configuration file: zolclient.log");
     gateway.set("OrvoService.HomeAutomation", "CommunicationServer", "after");
     LogReader other("/var/log/other.log");
     other.next("Communication server URL changed: after");
