@@ -67,14 +67,12 @@ static time_t monotonicSeconds() {
 }
 
 bool waitForGatewayClientConnection() {
-    // The wall clock of a gateway jumps when it first hears of the time; the wait must end all the same. Counted from
-    // here, so that a data model that hangs during the save leaves nothing to wait for.
-    const time_t monotonicStart = monotonicSeconds();
     const OwnedText mode = easyGetPcbParamAsString(iBusPcbClient, KGatewayClientObject, KConnectionMode);
     if (!mode) return false;
     const bool switched = switchModeOn(mode.get());
 
-    const time_t start = time(nullptr);
+    // The wall clock of a gateway jumps when it first hears of the time; the wait must end all the same.
+    const time_t start = time(nullptr), monotonicStart = monotonicSeconds();
     for (;;) {
         if (difftime(time(nullptr), start) > KLongestWaitSeconds ||
             monotonicSeconds() - monotonicStart >= KWaitCeilingSeconds) {

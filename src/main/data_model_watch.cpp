@@ -72,8 +72,8 @@ static constexpr WatchedParameter KWatched[] = {
 };
 // clang-format on
 
-// Waits until the pipe takes a record, or the loop is to end; true when there is room. A write that blocks in a full
-// pipe could not be left when SIGTERM arrives, so the signals are let in only while this waits.
+// Waits until the pipe takes a record, or is full and the loop is to end; true when there is room. A write that blocks
+// in a full pipe could not be left when SIGTERM arrives, so the signals are let in only while this waits.
 static bool waitForRoomInPipe() {
     sigset_t ends;
     sigemptyset(&ends);
@@ -82,9 +82,11 @@ static bool waitForRoomInPipe() {
     sigset_t before;
     pthread_sigmask(SIG_BLOCK, &ends, &before);
     pollfd writeEnd = {iPipeForPcbChanges[1], POLLOUT, 0};
-    bool ready = false;
-    while (!ready && !connection_isTerminated()) {
-        const int result = ppoll(&writeEnd, 1, nullptr, &before);
+    bool ready = false, mayWait = true;
+    while (!ready && mayWait) {
+        mayWait = !connection_isTerminated();
+        const timespec atOnce = {};
+        const int result = ppoll(&writeEnd, 1, mayWait ? nullptr : &atOnce, &before);
         // Another failure than an interruption is left to the write, which reports it.
         ready = result > 0 || (result < 0 && errno != EINTR);
     }

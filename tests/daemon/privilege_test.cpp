@@ -30,8 +30,9 @@ TEST(Privilege, TheMainJobNeedsNone) {
     };
     for (const auto& [program, test] : tests) {
         std::string output;
-        const int status =
-            run({ORSM_SOURCE_FOLDER "/tests/world/enter", "--unprivileged", binary(program), std::string("--gtest_filter=") + test}, &output);
+        const int status = run({ORSM_SOURCE_FOLDER "/tests/world/enter", "--unprivileged", binary(program),
+                                std::string("--gtest_filter=") + test},
+                               &output);
         if (status == 125) GTEST_SKIP() << output;
         EXPECT_EQ(status, 0) << output;
         EXPECT_NE(output.find("1 test from"), std::string::npos) << output;
