@@ -57,48 +57,6 @@ TEST(Configuration, EveryMissingKeyIsNamedInOrder) {
     EXPECT_FALSE(exists(KPidFile));
 }
 
-TEST(StartUp, AFailureEndsWithOneAndLeavesNoPidFile) {
-    const std::pair<std::string, const char*> cases[] = {
-        {"fork",                     "ERROR Cannot demonize process!"                         },
-        {"setsid",                   "ERROR Cannot demonize process!"                         },
-        {"event_base_new",           "ERROR Cannot start event loop"                          },
-        {"pipe2",                    "ERROR Failed to create event pipe: Too many open files" },
-        {"pipe2",                    "ERROR Cannot create pipe for listening pcb changes"     },
-        {"event_new",                "ERROR Failed to create event pipewatcher: "             },
-        {"/dyndns",                  "ERROR Cannot create message bus"                        },
-        {"/voltaro",                 "ERROR Cannot create Voltaro message bus"                },
-        {"/orvoservicesinfo",        "ERROR Cannot create OrvoServicesInfo message bus"       },
-        {"pthread_create",           "ERROR Could not create thread for dbus handling"        },
-        {"pcb_client_connect",       "ERROR Failed to connect to pcb://ipc:{/var/run/pcb_sys}"},
-        {"request_create_getObject", "ERROR Failed to create request (0x"                     },
-    };
-    LogReader log(KDaemonLog);
-    const auto bus = startPcbBus();
-    const auto dbus = startDbusDaemon();
-    for (const auto& [call, line] : cases) {
-        SCOPED_TRACE(call);
-        std::string text = daemonConfiguration("https://127.0.0.1:1", "/none");
-        if (call == "fork" || call == "setsid") text.replace(text.find("process=false"), 13, "process=true");
-        std::map<std::string, std::string> environment;
-        environment["FAILING_CALL"] = call;
-        auto daemon = startDaemon(text, environment, "orvoservicemanager-failing");
-        EXPECT_EQ(daemon->wait(), call == "setsid" ? 0 : 1);  // there, the child fails
-        log.next(line);
-        EXPECT_TRUE(waitFor([] { return !exists(KPidFile); }));
-        EXPECT_EQ(daemon->output(), "");
-    }
-}
-
-TEST(StartUp, WithoutMemoryForItsSettingsItSaysSo) {
-    std::map<std::string, std::string> environment;
-    environment["FAILING_CALL"] = "strdup";
-    auto daemon = startDaemon(daemonConfiguration("", "/none"), environment, "orvoservicemanager-failing");
-    EXPECT_EQ(daemon->wait(), 1);
-    EXPECT_EQ(daemon->output(),
-              "Cannot init requests engine\nCannot init OrvoServicesInfo\n"
-              "Configuration file broken or no required parameters given\n");
-}
-
 TEST(StartUp, WithoutItsBusesItsNameOrItsPidFileItEndsWithOne) {
     LogReader log(KDaemonLog);
     const std::string configuration = daemonConfiguration("https://127.0.0.1:1", "/none");

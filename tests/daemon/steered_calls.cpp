@@ -1,7 +1,9 @@
-// Linked into the steered daemon: its timers and its requests' limits pass quicker, its wall clock can be set, and a
-// call for its store or its log is the last one, or fails, or writes half.
+// Linked into the steered daemon: its timers and its requests' limits pass quicker, its wall clock can be set, a call
+// for its store or its log is the last one, or fails, or writes half, and a call of its start is refused.
 #include <curl/curl.h>
+#include <dbus/dbus.h>
 #include <event2/event.h>
+#include <pthread.h>
 #include <sys/syscall.h>
 #include <sys/time.h>
 
@@ -61,6 +63,34 @@ WRAP(int, close, int file) {  // it closes whatever it answers
 WRAP(int, rename, const char* from, const char* to) { return isStruck('r', from) ? -1 : __real_rename(from, to); }
 
 WRAP(int, unlink, const char* path) { return isStruck('u', path) ? -1 : __real_unlink(path); }
+
+static bool isRefused(const char* call) {
+    errno = EMFILE;
+    return strcmp(steering().refused, call) == 0;
+}
+
+WRAP(pid_t, fork) { return isRefused("fork") ? -1 : __real_fork(); }
+
+WRAP(pid_t, setsid) { return isRefused("setsid") ? -1 : __real_setsid(); }
+
+WRAP(int, pipe2, int* ends, int flags) { return isRefused("pipe2") ? -1 : __real_pipe2(ends, flags); }
+
+WRAP(int, pthread_create, pthread_t* thread, const pthread_attr_t* attributes, void* (*entry)(void*), void* argument) {
+    return isRefused("pthread_create") ? EAGAIN : __real_pthread_create(thread, attributes, entry, argument);
+}
+
+WRAP(char*, strdup, const char* text) { return isRefused("strdup") ? nullptr : __real_strdup(text); }
+
+WRAP(event_base*, event_base_new) { return isRefused("event_base_new") ? nullptr : __real_event_base_new(); }
+
+WRAP(event*, event_new, event_base* base, evutil_socket_t fd, short what, event_callback_fn callback, void* argument) {
+    return isRefused("event_new") ? nullptr : __real_event_new(base, fd, what, callback, argument);
+}
+
+WRAP(dbus_bool_t, dbus_connection_try_register_object_path, DBusConnection* bus, const char* path,
+     const DBusObjectPathVTable* functions, void* data, DBusError* error) {
+    return !isRefused(path) && __real_dbus_connection_try_register_object_path(bus, path, functions, data, error);
+}
 
 WRAP(int, event_add, event* event, const timeval* time) {
     const int second = steering().second;

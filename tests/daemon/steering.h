@@ -9,17 +9,25 @@
 #include <atomic>
 #include <cstdint>
 
+/// Whose allocation it is, by the module that its return address lies in.
+enum AllocationClass : unsigned { OWN_CODE, CJSON_CODE, LIBDBUS_CODE, LIBEVENT_CODE, OTHER_CODE };
+
 struct Steering {
-    std::atomic<int64_t> wallClockAhead;  // seconds
-    std::atomic<int> second;              // microseconds that a second of a timer takes; 0: as ever
-    std::atomic<int> hurriedRequest;      // the request from now on to whose limits that applies, too; 0: none
-    std::atomic<int64_t> armed;           // seconds that timers were armed with, two digits each, the latest last
-    std::atomic<int64_t> limits;          // of the last request, in seconds: to connect, and two digits for the whole
-    std::atomic<bool> alsoLog;            // calls for the log count, too
-    std::atomic<int> call, fault;         // which call meets what, from 1; 0: none
-    std::atomic<int> struck, reported;    // how many have met it, and of how many of them the save must say so
-    std::atomic<int> seen;                // calls since `call` was set
-    char calls[100];                      // the first letter of each
+    std::atomic<unsigned> starved;              // 1 + the class whose allocations are counted and fail; 0 for none
+    std::atomic<unsigned> firstToFail, toFail;  // counted from 1; how many
+    std::atomic<unsigned> allocations, failed;  // of that class so far; how many failed
+    std::atomic<unsigned> allAllocations;       // of all classes, whether one is starved or not
+    std::atomic<int64_t> wallClockAhead;        // seconds
+    std::atomic<int> second;                    // microseconds that a second of a timer takes; 0: as ever
+    std::atomic<int> hurriedRequest;            // the request from now on to whose limits that applies, too; 0: none
+    std::atomic<int64_t> armed;                 // seconds that timers were armed with, two digits each, the latest last
+    std::atomic<int64_t> limits;        // of the last request, in seconds: to connect, and two digits for the whole
+    std::atomic<bool> alsoLog;          // calls for the log count, too
+    std::atomic<int> call, fault;       // which call meets what, from 1; 0: none
+    std::atomic<int> struck, reported;  // how many have met it, and of how many of them the save must say so
+    std::atomic<int> seen;              // calls since `call` was set
+    char calls[100];                    // the first letter of each
+    char refused[16];                   // the call that always fails, or the path for which it does
 };
 
 constexpr int KKill = -1, KShortWrite = -2;  // what a call can meet besides an error number

@@ -1,18 +1,14 @@
-// Compiled without sanitizers: these definitions come before the sanitizer's own, which they call.
-#include "tests/memory/failing_allocations.h"
-
+// Linked into the steered daemon, where an allocation fails on order. Compiled without sanitizers: these definitions
+// come before the sanitizer's own, which they call.
 #include <dlfcn.h>
-#include <fcntl.h>
 #include <link.h>
-#include <sys/mman.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstdarg>
 #include <cstdlib>
 #include <cstring>
 
-using namespace world;
+#include "tests/daemon/steering.h"
 
 extern "C" {
 void* __interceptor_malloc(size_t);
@@ -21,8 +17,6 @@ void* __interceptor_realloc(void*, size_t);
 char* __interceptor_strdup(const char*);
 int __interceptor_vasprintf(char**, const char*, va_list);
 }
-
-static FailingAllocations* iOrders;
 
 // The name of the program itself is empty.
 static unsigned ownerOf(void* caller) {
@@ -35,24 +29,19 @@ static unsigned ownerOf(void* caller) {
     return strstr(library, "libevent") ? LIBEVENT_CODE : OTHER_CODE;
 }
 
-[[gnu::constructor]] static void shareOrders() {
-    const char* const path = getenv("FAILING_ALLOCATIONS");
-    const int file = path ? open(path, O_RDWR | O_CLOEXEC) : -1;
-    if (file < 0) return;
-    void* const page = mmap(nullptr, sizeof(FailingAllocations), PROT_READ | PROT_WRITE, MAP_SHARED, file, 0);
-    close(file);
-    if (page != MAP_FAILED) iOrders = static_cast<FailingAllocations*>(page);
-}
+// Memory is there before the page is.
+static Steering* iSteering;
+
+[[gnu::constructor]] static void takePage() { iSteering = &steering(); }
 
 static bool fails(void* caller) {
-    if (!iOrders) return false;
-    ++iOrders->all;
-    const unsigned armed = iOrders->armed;
-    if (!armed) return false;
-    if (ownerOf(caller) + 1 != armed) return false;
-    const unsigned number = ++iOrders->count;
-    if (number < iOrders->from || number - iOrders->from >= iOrders->run) return false;
-    ++iOrders->fired;
+    if (!iSteering) return false;
+    ++iSteering->allAllocations;
+    const unsigned starved = iSteering->starved;
+    if (!starved || ownerOf(caller) + 1 != starved) return false;
+    const unsigned number = ++iSteering->allocations, first = iSteering->firstToFail;
+    if (number < first || number - first >= iSteering->toFail) return false;
+    ++iSteering->failed;
     errno = ENOMEM;
     return true;
 }

@@ -1,8 +1,6 @@
 // Short memory: every allocation that the daemon makes on a path fails once, with the three behind it, and with all
 // behind it. STARVE=CLASS:PATTERN:NUMBER runs a single case.
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/mman.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -13,7 +11,7 @@
 
 #include "common/msg_bus/message_bus_internal.h"
 #include "tests/daemon/daemon.h"
-#include "tests/memory/failing_allocations.h"
+#include "tests/daemon/steering.h"
 #include "tests/platform/client.h"
 #include "tests/world/bus_client.h"
 
@@ -21,29 +19,16 @@ using namespace world;
 
 namespace {
 
-constexpr char KOrders[] = "/var/run/allocations";
 constexpr const char* KClassNames[] = {"own", "cJSON", "libdbus", "libevent"};
 constexpr unsigned KRuns[] = {1, 4, UINT_MAX};
 
-FailingAllocations& orders() {
-    static FailingAllocations* const page = [] {
-        const int file = open(KOrders, O_RDWR | O_CREAT, 0666);
-        EXPECT_EQ(ftruncate(file, sizeof(FailingAllocations)), 0);
-        void* const made = mmap(nullptr, sizeof(FailingAllocations), PROT_READ | PROT_WRITE, MAP_SHARED, file, 0);
-        close(file);
-        return static_cast<FailingAllocations*>(made);
-    }();
-    return *page;
+void starve(unsigned owner, unsigned first, unsigned count) {
+    Steering& page = steering();
+    page.allocations = page.failed = page.allAllocations = 0;
+    page.firstToFail = first;
+    page.toFail = count;
+    page.starved = owner + 1;
 }
-
-void arm(unsigned owner, unsigned from, unsigned run) {
-    orders().count = orders().fired = orders().all = 0;
-    orders().from = from;
-    orders().run = run;
-    orders().armed = owner + 1;
-}
-
-void disarm() { orders().armed = 0; }
 
 // A gateway whose daemon can be starved, and which knows an account, two registrations and a plug.
 struct Starving : Gateway {
@@ -53,6 +38,7 @@ struct Starving : Gateway {
     bool second = true;
 
     Starving() {
+        steering().second = 1000;
         cloud->order({"register", "HA-1", "first", "true"});
         cloud->order({"register", "HA-2", "second", "false"});
         for (const char* account : {"HA-1", "HA-2"}) {
@@ -61,11 +47,7 @@ struct Starving : Gateway {
         cloud->order({"plug", "plug-1", "off", "1.5"});
     }
     void begin() {
-        daemon = startDaemon(daemonConfiguration(cloud->url(), cloud->caPath()),
-                             {
-                                 {"FAILING_ALLOCATIONS", KOrders}
-        },
-                             "orvoservicemanager-starving");
+        daemon = startDaemon(daemonConfiguration(cloud->url(), cloud->caPath()), {}, "orvoservicemanager-steered");
     }
     // Whether every thread of the daemon waits in its event loop: a wait for an answer has a time limit.
     bool rests() const {
@@ -82,13 +64,13 @@ struct Starving : Gateway {
     // While memory is short: waits until the daemon has handled what was sent to it, or `done` holds. Else there is no
     // need, for what is sent next is handled behind it.
     void untilHandled(const std::function<bool()>& done) const {
-        if (!orders().armed) return;
+        if (!steering().starved) return;
         int rested = 0;
         EXPECT_TRUE(waitFor([&] {
-            rested = orders().all && rests() ? rested + 1 : 0;
+            rested = steering().allAllocations && rests() ? rested + 1 : 0;
             return rested > 2 || done() || !daemon->running();
         }));
-        disarm();
+        steering().starved = 0;
     }
     // The reply to a call that is made while memory is short, or "none".
     std::string call(const char* service, const char* method, const BusArguments& arguments) {
@@ -214,18 +196,18 @@ class Memory : public testing::TestWithParam<Path> {};
 // Runs `act` with every place armed, of so many classes, and says how many places there are. With a `step`, places are
 // left out; STARVE=all takes them all, and STARVE=CLASS:PATTERN:NUMBER a single one.
 static std::string sweep(unsigned classes, unsigned step, const std::function<void()>& act) {
-    const auto starve = [&](unsigned owner, unsigned pattern, unsigned number) {
+    const auto runCase = [&](unsigned owner, unsigned pattern, unsigned number) {
         SCOPED_TRACE(testing::Message() << "STARVE=" << owner << ":" << pattern << ":" << number);
-        arm(owner, number, KRuns[pattern]);
+        starve(owner, number, KRuns[pattern]);
         act();
-        return orders().fired && !testing::Test::HasFailure();
+        return steering().failed && !testing::Test::HasFailure();
     };
     const char* const wish = getenv("STARVE");
     std::istringstream chosen(wish ? wish : "");
     unsigned owner = 0, pattern = 0, number = 0;
     char colon = ':';
     if (chosen >> owner >> colon >> pattern >> colon >> number) {
-        starve(owner, pattern, number);
+        runCase(owner, pattern, number);
         return chosen.str();
     }
     if (wish) step = 1;
@@ -234,7 +216,7 @@ static std::string sweep(unsigned classes, unsigned step, const std::function<vo
         counts += std::string(" ") + KClassNames[owner];
         for (pattern = 0; pattern < std::size(KRuns); ++pattern) {
             number = 1;
-            while (starve(owner, pattern, number)) {
+            while (runCase(owner, pattern, number)) {
                 number += step;
             }
             counts += " " + std::to_string(number - 1);
@@ -253,7 +235,6 @@ static void report(const char* path, const std::string& counts, const std::map<s
 
 TEST_P(Memory, MayBeShortAnywhereOn) {
     const Path& path = GetParam();
-    (void)orders();
     Starving gateway;
     gateway.begin();
     gateway.log.next("Entered pcb data model event loop");
@@ -285,7 +266,6 @@ TEST_P(Memory, MayBeShortAnywhereOn) {
 
 // A start ends with its status and nothing left behind, or the daemon serves, and hears of every change.
 TEST(Memory, MayBeShortWhileStarting) {
-    (void)orders();
     Starving gateway;
     std::map<std::string, unsigned> ends;
     const std::string counts = sweep(4, 11, [&] {
@@ -297,8 +277,9 @@ TEST(Memory, MayBeShortWhileStarting) {
         // libdbus tries again and again, until its call's own time limit, when it gets no memory; it is given some
         // then.
         int looks = 0;
-        ASSERT_TRUE(waitFor([&] { return decided() || (orders().fired && ++looks > 400); })) << gateway.log.content();
-        disarm();
+        ASSERT_TRUE(waitFor([&] { return decided() || (steering().failed && ++looks > 400); }))
+            << gateway.log.content();
+        steering().starved = 0;
         ASSERT_TRUE(waitFor(decided)) << gateway.log.content();
         if (!gateway.daemon->running()) {
             // libdbus breaks an assertion of its own when it is short of memory twice while it connects.
