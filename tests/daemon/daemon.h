@@ -24,11 +24,9 @@ inline std::string daemonConfiguration(const std::string& server, const std::str
 
 /// Starts a daemon (or a test variant of it) with a configuration.
 inline std::unique_ptr<Process> startDaemon(const std::string& configuration,
-                                            const std::map<std::string, std::string>& environment = {},
                                             const char* program = "orvoservicemanager") {
     writeFile("/var/run/orsm.conf", configuration);
-    return std::make_unique<Process>(std::vector<std::string>{binary(program), "-c", "/var/run/orsm.conf"},
-                                     environment);
+    return std::make_unique<Process>(std::vector<std::string>{binary(program), "-c", "/var/run/orsm.conf"});
 }
 
 /// Runs pcb-ctl; its output without the line end.
@@ -47,9 +45,13 @@ struct Gateway {
     LogReader log{KDaemonLog};
     std::unique_ptr<Process> daemon;
 
-    /// Starts the daemon (or a test variant) and waits until it runs its loop and knows whether it is behind CG-NAT.
-    void start(const char* program = "orvoservicemanager", const std::map<std::string, std::string>& environment = {}) {
-        daemon = startDaemon(daemonConfiguration(cloud->url(), cloud->caPath()), environment, program);
+    /// Starts the daemon (or a test variant).
+    void launch(const char* program = "orvoservicemanager") {
+        daemon = startDaemon(daemonConfiguration(cloud->url(), cloud->caPath()), program);
+    }
+    /// Starts it and waits until it runs its loop and knows whether it is behind CG-NAT.
+    void start(const char* program = "orvoservicemanager") {
+        launch(program);
         log.next("Entered pcb data model event loop");
         log.next("CG-NAT status: false");
     }

@@ -153,12 +153,10 @@ class Hardship : public testing::Test {
         cloud_.order({"account", "HA-1", "canary+mail", "canary&word"});
         cloud_.order({"plug", "p-1", "on", "12.5"});
         steering().second = 10'000;
+        setenv("TZ", "UTC", 1);
         // At INFO, whatever stands further below: the first line wins.
         gateway_.daemon = startDaemon("logger.level=INFO\nlogger.category.message_bus=INFO\nlogger.stdout=true\n" +
                                           daemonConfiguration(cloud_.url(), cloud_.caPath()),
-                                      {
-                                          {"TZ", "UTC"}
-        },
                                       "orvoservicemanager-steered");
         log_.next("CG-NAT status: false");
         gateway_.set("OrvoService.GatewayClient", "ConnectionStatus", "true");
@@ -375,7 +373,7 @@ TEST(RefusedCall, EndsTheStart) {
         SCOPED_TRACE(strcpy(steering().refused, call));
         const std::string text = daemonConfiguration("https://127.0.0.1:1", "/none");
         const bool detaches = strcmp(call, "fork") == 0 || strcmp(call, "setsid") == 0;
-        auto daemon = startDaemon((detaches ? "demonize-process=true\n" : "") + text, {}, "orvoservicemanager-steered");
+        auto daemon = startDaemon((detaches ? "demonize-process=true\n" : "") + text, "orvoservicemanager-steered");
         EXPECT_EQ(daemon->wait(), strcmp(call, "setsid") == 0 ? 0 : 1);  // there, the child fails
         if (*line) log.next(line);
         EXPECT_TRUE(waitFor([] { return !exists(KPidFile); }));

@@ -46,9 +46,6 @@ struct Starving : Gateway {
         }
         cloud->order({"plug", "plug-1", "off", "1.5"});
     }
-    void begin() {
-        daemon = startDaemon(daemonConfiguration(cloud->url(), cloud->caPath()), {}, "orvoservicemanager-steered");
-    }
     // Whether every thread of the daemon waits in its event loop: a wait for an answer has a time limit.
     bool rests() const {
         for (const auto& task :
@@ -236,7 +233,7 @@ static void report(const char* path, const std::string& counts, const std::map<s
 TEST_P(Memory, MayBeShortAnywhereOn) {
     const Path& path = GetParam();
     Starving gateway;
-    gateway.begin();
+    gateway.launch("orvoservicemanager-steered");
     gateway.log.next("Entered pcb data model event loop");
     gateway.platform.set("OrvoService.GatewayClient", "ConnectionMode", "on");
     gateway.synchronize();
@@ -270,7 +267,7 @@ TEST(Memory, MayBeShortWhileStarting) {
     std::map<std::string, unsigned> ends;
     const std::string counts = sweep(4, 11, [&] {
         writeFile(KDaemonLog, "");
-        gateway.begin();
+        gateway.launch("orvoservicemanager-steered");
         const auto decided = [&] {
             return gateway.log.count("Entered pcb data model event loop") || !gateway.daemon->running();
         };

@@ -44,7 +44,7 @@ TEST(Soak, NeitherMemoryNorDescriptorsNorThreadsGrow) {
               changes = static_cast<int>(200'000 * part);
     const auto begin = std::chrono::steady_clock::now();
     Gateway gateway;
-    gateway.daemon = startDaemon(daemonConfiguration(gateway.cloud->url(), gateway.cloud->caPath()));
+    gateway.launch();
     const std::string proc = "/proc/" + std::to_string(gateway.daemon->pid());
     gateway.set("OrvoService.GatewayClient", "ConnectionMode", "on");
     ASSERT_TRUE(waitFor([&] { return gateway.get("OrvoService.GatewayClient", "ConnectionStatus") == "true"; }));

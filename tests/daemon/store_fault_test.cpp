@@ -250,8 +250,7 @@ TEST(SuddenEnd, BySignalAtARandomMomentIsOrderly) {
         const int moment = static_cast<int>(random() % (run % 2 ? 80 : 600));  // half of them during start-up
         SCOPED_TRACE("SEED=" + std::to_string(seed) + ", run " + std::to_string(run) + ": after " +
                      std::to_string(moment) + " ms");
-        gateway.daemon = startDaemon(daemonConfiguration(gateway.cloud->url(), gateway.cloud->caPath()), {},
-                                     "orvoservicemanager-steered");
+        gateway.launch("orvoservicemanager-steered");
         // Until it is the daemon, the test's own handlers would take the signal.
         const std::string program = "/proc/" + std::to_string(gateway.daemon->pid()) + "/exe";
         ASSERT_TRUE(waitFor([&] { return std::filesystem::read_symlink(program).string().ends_with("-steered"); }));

@@ -44,7 +44,7 @@ class World : public testing::EmptyTestEventListener {
     return true;
 }();
 
-Process::Process(std::vector<std::string> arguments, std::map<std::string, std::string> environment) {
+Process::Process(std::vector<std::string> arguments) {
     static std::atomic<int> serial = 0;
     const std::string name = arguments[0].substr(arguments[0].rfind('/') + 1);
     outputPath_ = "/var/log/output." + name + "." + std::to_string(++serial);
@@ -58,9 +58,6 @@ Process::Process(std::vector<std::string> arguments, std::map<std::string, std::
     pid_ = fork();
     if (pid_ < 0 || file < 0) throw std::runtime_error("cannot start " + name);
     if (pid_ == 0) {
-        for (const auto& [key, value] : environment) {
-            setenv(key.c_str(), value.c_str(), 1);
-        }
         dup2(open("/dev/null", O_RDONLY | O_CLOEXEC), 0);
         dup2(file, 1);
         dup2(file, 2);

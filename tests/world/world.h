@@ -5,7 +5,6 @@
 #include <sys/types.h>
 
 #include <functional>
-#include <map>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -16,8 +15,8 @@ namespace world {
 /// A running program whose standard output and error go to one file; killed and reaped at the end of its life.
 class Process {
   public:
-    /// Starts `arguments[0]` (a path, or a name looked up in PATH) with extra environment entries.
-    explicit Process(std::vector<std::string> arguments, std::map<std::string, std::string> environment = {});
+    /// Starts `arguments[0]` (a path, or a name looked up in PATH).
+    explicit Process(std::vector<std::string> arguments);
     ~Process();
     Process(const Process&) = delete;
     Process& operator=(const Process&) = delete;
