@@ -1,56 +1,44 @@
 // The rule of who may include whom, as the file "layers" states it.
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <map>
 #include <set>
 #include <sstream>
 
-#include "tests/world/world.h"
-
-using Layers = std::map<std::string, std::set<std::string>>;
-
-// No circle: a module names only those above it.
-static Layers readLayers() {
-    Layers layers;
-    std::istringstream file(world::readFile(ORSM_SOURCE_FOLDER "/layers"));
-    for (std::string line; std::getline(file, line);) {
-        if (line.starts_with('#')) continue;
-        const size_t colon = line.find(':');
-        std::istringstream allowed(line.substr(colon + 1));
-        std::set<std::string> modules;
-        for (std::string module; allowed >> module; modules.insert(module)) {
-            EXPECT_TRUE(layers.contains(module)) << line << ": " << module << " does not stand above";
-        }
-        layers[line.substr(0, colon)] = modules;
-    }
-    return layers;
-}
-
-// The module that a path belongs to: the longest name that is a prefix of it and ends where a name may end.
-static std::string moduleOf(const Layers& layers, const std::string& path) {
-    std::string best;
-    for (const auto& [module, allowed] : layers) {  // the longer of two prefixes comes later
-        if (path.starts_with(module) && strchr("/.", path[module.size()])) best = module;
-    }
-    return best;
-}
-
 TEST(Layers, EveryIncludeIsAllowedAndNoneClosesACircle) {
-    const Layers layers = readLayers();
+    std::filesystem::current_path(ORSM_SOURCE_FOLDER);
+    std::map<std::string, std::set<std::string>> layers;  // of each module what it may include, itself among it
+    std::ifstream rules("layers");
+    for (std::string line, allowed; std::getline(rules, line);) {
+        if (line.starts_with('#')) continue;
+        const std::string module = line.substr(0, line.find(':'));
+        std::istringstream words(line.substr(module.size() + 1));
+        for (; words >> allowed; layers[module].insert(allowed)) {
+            EXPECT_TRUE(layers.contains(allowed)) << line << ": " << allowed << " does not stand above";
+        }
+        layers[module].insert(module);
+    }
+    // The longest name that is a prefix of the path and ends where a name may end; the longer of two comes later.
+    const auto moduleOf = [&](const std::string& path) {
+        std::string best;
+        for (const auto& [module, all] : layers) {
+            if (path.starts_with(module) && strchr("/.", path[module.size()])) best = module;
+        }
+        return best;
+    };
     for (const char* folder : {"common", "pcblib", "platform", "src", "simulator"}) {
-        for (const auto& entry :
-             std::filesystem::recursive_directory_iterator(std::string(ORSM_SOURCE_FOLDER "/") + folder)) {
-            if (entry.path().extension() != ".h" && entry.path().extension() != ".cpp") continue;
-            const std::string path = entry.path().string().substr(strlen(ORSM_SOURCE_FOLDER) + 1);
-            const std::string module = moduleOf(layers, path);
+        for (const std::filesystem::path& path : std::filesystem::recursive_directory_iterator(folder)) {
+            if (path.extension() != ".h" && path.extension() != ".cpp") continue;
+            const std::string module = moduleOf(path);
             ASSERT_NE(module, "") << path << " belongs to no module";
-            std::ifstream file(entry.path());
+            std::ifstream file(path);
             for (std::string line; std::getline(file, line);) {
                 if (!line.starts_with("#include \"")) continue;
-                const std::string included = moduleOf(layers, line.substr(10, line.rfind('"') - 10));
-                EXPECT_TRUE(included == module || layers.at(module).contains(included)) << path << ": " << line;
+                const std::string included = moduleOf(line.substr(10, line.rfind('"') - 10));
+                EXPECT_TRUE(layers[module].contains(included)) << path << ": " << line;
             }
         }
     }
