@@ -53,4 +53,16 @@ std::vector<CloudRequest> Cloud::journal() const {
     return requests;
 }
 
+std::string Cloud::wire() const {
+    std::string lines;
+    for (const CloudRequest& request : journal()) {
+        lines += request.method + " " + request.target + "|";
+        for (size_t i = 1; i < request.headers.size(); ++i) {
+            lines += request.headers[i] + "|";
+        }
+        lines += request.body + "\n";
+    }
+    return lines;
+}
+
 }  // namespace world

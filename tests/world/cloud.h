@@ -31,6 +31,8 @@ class Cloud {
     void answer(const std::string& resource, int status, const std::string& body);
     /// All requests so far.
     std::vector<CloudRequest> journal() const;
+    /// The same as one text, a line each: method and target, every header behind the host, the body; "|" between them.
+    std::string wire() const;
 
   private:
     std::string directory_ = "/var/run/cloud";
