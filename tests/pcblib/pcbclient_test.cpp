@@ -58,36 +58,23 @@ class Client : public testing::Test {
     std::unique_ptr<world::Process> bus_ = world::startPcbBus();
 };
 
-TEST(Contexts, AFailedOneLeavesNothingAndASecondSingletonIsRefused) {
-    world::LogReader log = world::startLog();
+TEST_F(Client, ReadsWritesSavesAndLoadsParametersAsText) {
     EXPECT_EQ(createPcbDataModelClient(), 0);
-    log.next("Failed to connect to pcb://ipc:{/var/run/pcb_sys} (0x00010006 - ");
-    EXPECT_EQ(startPcbDataModelEventLoop(), 0);
-    log.next("Entered pcb data model event loop");
-    log.next("Error 65537 (");
-
-    const auto bus = world::startPcbBus();
-    PcbContext* other = easyCreatePcbDataModelClient();
-    ASSERT_TRUE(other);
-    EXPECT_EQ(createPcbDataModelClient(), 1);
-    EXPECT_EQ(createPcbDataModelClient(), 0);
-    log.next("Pcb data model singleton already created");
-    easyDestroyPcbDataModelClient(other);
-    easyDestroyPcbDataModelClient(nullptr);
-    destroyPcbDataModelClient();
-    destroyPcbDataModelClient();
-}
-
-TEST_F(Client, ReadsAndWritesParametersAsText) {
+    log_.next("Pcb data model singleton already created");
     PcbContext* context = easyCreatePcbDataModelClient();
     const char* object = getPcbObjectPathForDynDns();
     EXPECT_TRUE(easySetPcbParamBoolValue(context, object, getPcbParameterDynDnsEnable(), 2));
-    EXPECT_STREQ(easyGetPcbParamAsString(context, object, "Enable").get(), "true");
     const std::string awkward = "\x01 \"quoted\" \\ \xff\n";
     EXPECT_TRUE(easySetPcbParam(context, object, "HostName", awkward.c_str()));
-    EXPECT_EQ(easyGetPcbParamAsString(context, object, "HostName").get(), awkward);
+    EXPECT_TRUE(easyPcbDatamodelSave_v2(context, "/media", "o.odl", "OrvoService"));
+    log_.next(" INFO /media/o.odl saved to OrvoService");
     EXPECT_TRUE(easyClearPcbParam(context, object, "HostName"));
     EXPECT_STREQ(easyGetPcbParamAsString(context, object, "HostName").get(), "");
+    EXPECT_TRUE(easyPcbDatamodelLoad_v2(context, "/media", "o.odl", "OrvoService"));
+    log_.next(" INFO /media/o.odl loaded from OrvoService");
+    EXPECT_EQ(easyGetPcbParamAsString(context, object, "HostName").get(), awkward);
+    object_t* fetched = easyGetPcbObject(context, object);
+    EXPECT_STREQ(easyGetPcbParamByName(fetched, "Enable").get(), "true");
 
     const auto failed = [&](bool done, const char* line) {
         EXPECT_FALSE(done) << line;
@@ -97,35 +84,10 @@ TEST_F(Client, ReadsAndWritesParametersAsText) {
            "Get: Failed to get object No.Object param X (0x0002000");
     failed(easySetPcbParam(context, object, "Enable", "maybe"), "DynDNS param Enable (0x00020004 - ");
     failed(easyGetPcbObject(context, "No.Object"), "GetO: Failed to get object No.Object (0x00020001 - ");
-    failed(!!easyGetPcbParamAsString(nullptr, object, "Enable"), "Get: Null context passed");
-    failed(easyClearPcbParam(nullptr, object, "Enable"), "Set: Null context passed");
-    failed(easyGetPcbObject(nullptr, object), "GetO: Null context passed");
-    failed(!!easyGetPcbParamByName(nullptr, "Enable"), "Get: pcb object is not provided");
-    object_t* fetched = easyGetPcbObject(context, object);
-    EXPECT_STREQ(easyGetPcbParamByName(fetched, "Enable").get(), "true");
     failed(!!easyGetPcbParamByName(fetched, "None"), "Get: param None not found");
-    failed(!!easyGetPcbParamByName(fetched, nullptr), "Get: no param name");
-    parameter_t* cursor = nullptr;
-    const char* name = "";
-    OwnedText value;
-    failed(easyGetPcbParamNext(nullptr, &cursor, &name, &value) || name, "Next: pcb object is not provided");
-    object_t* bare = easyGetPcbObject(context, "OrvoService");
-    failed(easyGetPcbParamNext(bare, &cursor, &name, &value), "Next: pcb object has no parameters");
-    failed(easyPcbDatamodelLoad_v2(context, "/media", "o.odl", "OrvoService"), "datamodel from file /media/o.odl");
+    failed(easyPcbDatamodelLoad_v2(context, "/media", "none.odl", "OrvoService"), "from file /media/none.odl");
     failed(easyPcbDatamodelSave_v2(context, "/none", "o.odl", "OrvoService"), "object OrvoService in file o.odl");
     failed(easyPcbDatamodelSave_v2(context, "/media", "o.odl", "None"), "Cannot find object None in the datamodel");
-    easyDestroyPcbDataModelClient(context);
-}
-
-TEST_F(Client, SavesAndLoadsTheTree) {
-    PcbContext* context = easyCreatePcbDataModelClient();
-    EXPECT_TRUE(easySetPcbParam(context, "OrvoService.DynDNS", "HostName", "box"));
-    EXPECT_TRUE(easyPcbDatamodelSave_v2(context, "/media", "o.odl", "OrvoService"));
-    log_.next(" INFO /media/o.odl saved to OrvoService");
-    set("OrvoService.DynDNS", "HostName", "other");
-    EXPECT_TRUE(easyPcbDatamodelLoad_v2(context, "/media", "o.odl", "OrvoService"));
-    log_.next(" INFO /media/o.odl loaded from OrvoService");
-    EXPECT_STREQ(easyGetPcbParamAsString(context, "OrvoService.DynDNS", "HostName").get(), "box");
     easyDestroyPcbDataModelClient(context);
 }
 
@@ -201,10 +163,7 @@ TEST_F(Client, GivesFunctionResultsAsJson) {
     }
     const std::string echoed = R"(Simulation.Functions echo {"returns":null,"A":"1","B":"x\"y"})";
     EXPECT_EQ(runUntil(echoed), (Texts{R"(NeMo.Intf.data openQuery {"returns":"1"})", echoed}));
-    for (const char* line :
-         {"Pcb function return", "Request failed, error - 131075 - ", "DEBUG Arg: name = A, value = 1"}) {
-        log_.next(line);
-    }
+    log_.next("Request failed, error - 131075 - ");
     for (request_t* request : {open, unknown, echo}) {
         freePcbRequestObject(request);
     }
@@ -213,13 +172,9 @@ TEST_F(Client, GivesFunctionResultsAsJson) {
 TEST_F(Client, WaitsForAFunctionsResultNotForEver) {
     PcbContext* context = easyCreatePcbDataModelClient();
     EXPECT_STREQ(easyExecutePcbFunction(context, "NeMo.Intf.data", "hasFlag"), R"({"returns":"false"})");
-    log_.next("Function executed: object = NeMo.Intf.data, function = hasFlag");
-    log_.next("Easy execute PCB function - finished");
     EXPECT_EQ(easyExecutePcbFunction(context, "NeMo.Intf.data", "noFunction"), nullptr);
-    EXPECT_EQ(easyExecutePcbFunction(nullptr, "NeMo.Intf.data", "hasFlag"), nullptr);
     set("Simulation.Functions", "Delay", "100000");
     EXPECT_EQ(easyExecutePcbFunction(context, "NeMo.Intf.data", "hasFlag"), nullptr);
     log_.next(" WARN Easy execute PCB function - timeout");
-    log_.next("Easy execute PCB function - finished");
     easyDestroyPcbDataModelClient(context);
 }
