@@ -1,31 +1,81 @@
-// The data-model client library on a running bus: values, watches, functions.
+// What the daemon relies on when it talks to the data-model bus, and pcb-ctl.
 #include "tests/platform/client.h"
 
-TEST_F(Platform, SetsAndGetsEveryValueByteForByte) {
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <chrono>
+
+using namespace std::string_literals;
+
+using Items = std::vector<std::string>;
+
+// A request for an object that writes down what arrives for it, one text an item.
+struct Watch {
+    const Client& client;
+    request_t* request;
+    Items items;
+    std::function<void()> onItem = [] {};
+
+    Watch(const Client& sender, const char* path, uint32_t flags = REQUEST_WATCH)
+        : client(sender), request(request_create_getObject(path, -1, flags)) {
+        byRequest[request] = this;
+        request_setReplyItemHandler(request, takeItem);
+        EXPECT_TRUE(pcb_sendRequest(client.pcb, client.peer, request));
+    }
+    ~Watch() { request_destroy(request); }
+    // Runs the client's event loop until so many items are there.
+    const Items& await(size_t count) const {
+        EXPECT_TRUE(client.loopUntil([&] { return items.size() >= count; }));
+        return items;
+    }
+
+  private:
+    static inline auto& byRequest = *new std::map<request_t*, Watch*>;
+
+    static int takeItem(request_t* request, reply_item_t* item) {
+        std::string text = std::string("error ") + reply_item_errorDescription(item);
+        if (object_t* object = reply_item_object(item)) {
+            text = "object " + take(object_pathChar(object, 0));
+            for (parameter_t* each = object_firstParameter(object); each; each = object_nextParameter(each)) {
+                text += " "s + parameter_name(each) + "=" + take(variant_char(parameter_getValue(each)));
+            }
+        } else if (notification_t* notification = reply_item_notification(item)) {
+            text = std::to_string(notification_type(notification)) + " " + notification_objectPath(notification);
+            notification_parameter_t* each = notification_firstParameter(notification);
+            for (; each; each = notification_nextParameter(each)) {
+                text += " "s + notification_parameter_value(each);
+            }
+        }
+        byRequest.at(request)->items.push_back(text);
+        const auto react = byRequest.at(request)->onItem;  // which may destroy the watch
+        react();
+        return 1;
+    }
+};
+
+TEST_F(Platform, KeepsEveryValueByteForByteAndRefusesWhatDoesNotFit) {
+    const Client platform("/var/run/pcb_sys", true);
     const std::string longest(size_t{1024} * 1024, '\x01');  // six bytes each on the way
-    for (const std::string& value : {std::string(), everyByte(), longest}) {
+    for (const std::string& value : {""s, everyByte(), longest}) {
         ASSERT_EQ(client.set(KDynDns, "HostName", value), "done");
         ASSERT_TRUE(client.get(KDynDns, "HostName") == value) << value.size();
     }
     EXPECT_EQ(client.set(KDynDns, "HostName", longest + "x"), "the value is longer than 1 MiB");
     EXPECT_TRUE(client.get(KDynDns, "HostName") == longest);
-}
-
-TEST_F(Platform, SaysWhyAValueCannotBeSetAndKeepsTheOldOne) {
-    const Client platform("/var/run/pcb_sys", true);
-    EXPECT_EQ(client.set(KDynDns, "Enable", "1"), "done");
     EXPECT_EQ(client.set(KDynDns, "Enable", "yes"), "the value does not fit the type");
-    EXPECT_EQ(client.set(nullptr, "Enable", "true"), "invalid argument");
     EXPECT_EQ(platform.set("DNS.Server", "Status", "0"), "done");
     EXPECT_EQ(client.set("DNS.Server", "Status", "1"), "the parameter is read-only");
-    EXPECT_EQ(client.get(KDynDns, "Enable") + client.get("DNS.Server", "Status"), "10");
+    EXPECT_EQ(client.get(KDynDns, "Enable") + client.get("DNS.Server", "Status"), "false0");
 }
 
 TEST_F(Platform, DeliversTheObjectOnceThenEachChangeInOrder) {
     const Client other;
-    Watch first(client, KDynDns), tree(client, "OrvoService"), missing(client, "OrvoService.Nothing");
+    auto first = std::make_unique<Watch>(client, KDynDns);
+    Watch tree(client, "OrvoService"), missing(client, "OrvoService.Nothing");
     Watch onlyChanges(client, "OrvoService", REQUEST_NOTIFICATIONS);
-    EXPECT_EQ(missing.await(1), Items{"error unknown object: OrvoService.Nothing"});
+    EXPECT_EQ(missing.await(1), Items{"error unknown object"});
     for (const char* value : {"true", "true", "1"}) {
         other.set(KDynDns, "Enable", value);
     }
@@ -34,43 +84,116 @@ TEST_F(Platform, DeliversTheObjectOnceThenEachChangeInOrder) {
     Items changes = {"1 OrvoService.DynDNS Enable false true", "1 OrvoService.DynDNS Enable true 1",
                      "1 OrvoService.Voltaro Enable false true"};
     EXPECT_EQ(onlyChanges.await(3), changes);
-    EXPECT_EQ(first.items, (Items{"object OrvoService.DynDNS Enable=false HostName= SyncNotFinished=false", changes[0],
-                                  changes[1]}));
-    first.end();
+    EXPECT_EQ(first->items, (Items{"object OrvoService.DynDNS Enable=false HostName= SyncNotFinished=false", changes[0],
+                                   changes[1]}));
+    first.reset();
     changes.insert(changes.begin(), "object OrvoService");
     EXPECT_EQ(tree.items, changes);
     other.set(KDynDns, "Enable", "false");
     EXPECT_EQ(tree.await(5)[4], "1 OrvoService.DynDNS Enable 1 false");
-    EXPECT_EQ(first.items.size(), 3U) << "nothing arrives for an ended request";
 }
 
-TEST_F(Platform, AHandlerMayDoEverything) {
-    Watch watch(client, KDynDns);
+TEST_F(Platform, AHandlerMayDestroyItsRequestAndSendAnother) {
+    auto watch = std::make_unique<Watch>(client, KDynDns);
     std::unique_ptr<Watch> later;
-    watch.onItem = [&] {
+    watch->onItem = [&] {
         later = std::make_unique<Watch>(client, "DNS.Server");
         EXPECT_EQ(client.set(KDynDns, "HostName", "from inside"), "done");
-        watch.end();
+        watch.reset();
     };
-    ASSERT_TRUE(client.loopUntil([&] { return later && !later->items.empty(); }));
-    EXPECT_EQ(later->items[0], "object DNS.Server Status=true");
-    EXPECT_EQ(watch.items.size(), 1U);
+    EXPECT_TRUE(client.loopUntil([&] { return later && !later->items.empty(); }));
+    EXPECT_EQ(later->items, Items{"object DNS.Server Status=true"});
 }
 
-TEST_F(Platform, FunctionsAnswerInOrderAndChangeTheModel) {
-    static constexpr char KData[] = "NeMo.Intf.data", KQuery[] = "NeMo.Intf.data.Query.1";
-    client.set("Simulation.Functions", "Delay", "50");
-    const Watch slow(client, call(KData, "openQuery"));
-    client.set("Simulation.Functions", "Delay", "0");
-    for (int number = 2; number <= 10; ++number) {
-        EXPECT_EQ(Watch(client, call(KData, "openQuery")).await(1), Items{"returns " + std::to_string(number)});
+TEST_F(Platform, AHungBusHoldsNobodyAndItsLateAnswerIsDropped) {
+    Watch watch(client, KDynDns);
+    watch.await(1);
+    bus->send(SIGSTOP);
+    // 1.5 MiB on the way: the socket takes only a part of it, so that writing hangs too.
+    const std::string late(size_t{1024} * 256, '\x01');
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_EQ(client.set(KDynDns, "HostName", late), "no answer in time");
+    delete new Watch(client, "DNS.Server");
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(9)) << "destroying waits, too";
+    const Watch sentMeanwhile(client, "OrvoService");
+    bus->send(SIGCONT);
+    EXPECT_TRUE(client.get(KDynDns, "HostName") == late);
+    sentMeanwhile.await(1);
+    EXPECT_TRUE(watch.await(2)[1] == "1 OrvoService.DynDNS HostName  " + late);
+}
+
+TEST_F(Platform, ALostBusEndsEveryLoopUntilItsClientIsDestroyed) {
+    auto loser = std::make_unique<Client>();
+    const Watch watch(*loser, KDynDns);
+    bus->send(SIGKILL);
+    EXPECT_FALSE(loser->loopUntil([] { return false; }));
+    EXPECT_EQ(loser->get(KDynDns, "Enable"), "error: connection lost");
+    bus = world::startPcbBus();
+    EXPECT_FALSE(Client().loopUntil([] { return false; }));
+    connection_setTerminated(false);
+    EXPECT_TRUE(connection_isTerminated());
+    loser.reset();  // before the watch, whose request stays its owner's
+    EXPECT_FALSE(connection_isTerminated());
+}
+
+TEST_F(Platform, BadFramesAreRefusedOrCloseTheirConnectionAndHarmNoOther) {
+    const Watch watch(client, KDynDns);
+    watch.await(1);
+    const std::string set = R"({"id":1,"op":"set","path":"OrvoService.DynDNS","parameter":"HostName","value":)";
+    const std::string call = R"({"id":1,"op":"call","path":"NeMo.Intf.data","function":"hasFlag","arguments":)";
+    const std::string subscribe = R"({"id":1,"op":"subscribe","path":"OrvoService",)";
+    const std::string refused = "malformed request", closed;
+    // clang-format off
+    const std::pair<std::string, std::string> cases[] = {
+        {"", closed}, {"[]", closed}, {R"({"op":"x"})", closed}, {R"({"id":1})", closed},
+        {R"({"id":1.5,"op":"x"})", closed}, {R"({"id":1,"op":"x"} {})", closed}, {std::string(2000, '['), closed},
+        {"{\"id\":1,\"op\":\"x\"\0}"s, closed}, {set + R"("a\\\u0000b"})", closed},
+        {std::string(16 * 1024 * 1024 + 100, ' '), closed}, {R"({"id":1,"op":"x"})", refused}, {set + "7}", refused},
+        {call + R"({"flag":7}})", refused}, {subscribe + R"("depth":1.5})", refused},
+        {subscribe + R"("flags":1e10})", refused}, {subscribe + R"("flags":1024})", R"({"id":1})"},
+        {set + R"("a\\u0000b"})", R"({"id":1})"},
+    };
+    // clang-format on
+    for (const auto& [frame, expected] : cases) {
+        const int raw = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        const sockaddr_un address{AF_UNIX, "/var/run/pcb_sys"};
+        ASSERT_EQ(connect(raw, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+        (void)!send(raw, (frame + "\n").data(), frame.size() + 1, MSG_NOSIGNAL);
+        std::string answer;
+        for (char byte = 0; recv(raw, &byte, 1, 0) == 1 && byte != '\n';) {
+            answer += byte;
+        }
+        close(raw);
+        EXPECT_TRUE(expected == closed ? answer.empty() : answer.find(expected) != std::string::npos) << answer;
     }
-    EXPECT_EQ(slow.items, Items{"returns 1"}) << "no call overtakes another";
-    const Watch query(client, KQuery);
-    client.set(KData, "Addresses", "192.0.2.1 2001:db8::1");
-    client.set(KData, "Addresses", "none");
-    EXPECT_EQ(query.await(3)[1], "1 NeMo.Intf.data.Query.1 ResultString  192.0.2.1 2001:db8::1");
-    EXPECT_EQ(query.items[2], "1 NeMo.Intf.data.Query.1 ResultString 192.0.2.1 2001:db8::1 none") << "not Query.10";
-    EXPECT_EQ(Watch(client, call(KData, "closeQuery")).await(1), Items{"returns (none)"});
-    EXPECT_EQ(client.get(KQuery, "ResultString"), "error: unknown object");
+    client.set(KDynDns, "HostName", "alive");
+    EXPECT_EQ(watch.await(3)[2], "1 OrvoService.DynDNS HostName a\\u0000b alive");
+}
+
+static Items command(const std::string& words) {
+    return {"sh", "-c", "exec " + world::binary("pcb-ctl") + " " + words};
+}
+
+TEST_F(Platform, CtlPrintsValuesAndChangesOrOneClearLine) {
+    world::Process watch(command("watch OrvoService"));
+    const std::string watching = "watching OrvoService\n", change = "OrvoService.DynDNS HostName  -> box.example.net\n";
+    ASSERT_TRUE(world::waitFor([&] { return watch.output() == watching; }));
+    const std::tuple<const char*, int, const char*> cases[] = {
+        {"set OrvoService.DynDNS HostName box.example.net", 0, ""                                             },
+        {"set NeMo.Intf.data Flags up,a=b",                 0, ""                                             },
+        {"--socket /var/run/pcb_sys ls DNS",                0, "DNS.Server.Status=true\n"                     },
+        {"call NeMo.Intf.data hasFlag flag=a=b",            0, "{\"returns\":\"true\"}\n"                     },
+        {"call DNS.Server fly",                             1, "pcb-ctl: DNS.Server.fly: unknown function\n"  },
+        {"get DNS.Server name",                             1, "pcb-ctl: DNS.Server.name: unknown parameter\n"},
+        {"--socket /var/run/nobody ls",                     1, "pcb-ctl: /var/run/nobody: cannot connect\n"   },
+    };
+    for (const auto& [words, status, expected] : cases) {
+        std::string output;
+        EXPECT_EQ(world::run(command(words), &output), status) << words;
+        EXPECT_EQ(output, expected);
+    }
+    ASSERT_TRUE(world::waitFor([&] { return watch.output() == watching + change; }));
+    bus->send(SIGTERM);
+    EXPECT_EQ(watch.wait(), 1);
+    EXPECT_EQ(watch.output(), watching + change + "pcb-ctl: OrvoService: connection lost\n");
 }

@@ -1,41 +1,22 @@
 // Saving objects to files and loading them again.
-#include <algorithm>
-#include <filesystem>
-
 #include "tests/platform/client.h"
 
 static constexpr char KFile[] = "/media/orvoservice.odl";
 
-static std::string lastError() { return error_string(pcb_error); }
-
 static std::string save(const Client& client, const char* path, int32_t depth = -1) {
     object_t* object = pcb_client_get_object(client.peer, path, 0);
-    return datamodel_save(object, depth, KFile, DATAMODEL_TEXT) ? world::readFile(KFile) : lastError();
+    return datamodel_save(object, depth, KFile, DATAMODEL_TEXT) ? world::readFile(KFile) : error_string(pcb_error);
 }
 
 static std::string load(const Client& client, const char* path = "OrvoService") {
     object_t* object = pcb_client_get_object(client.peer, path, 0);
-    return datamodel_load(object_datamodel(object), KFile, DATAMODEL_TEXT) ? "done" : lastError();
-}
-
-TEST_F(Platform, WritesTheTreeAsADefinition) {
-    world::writeFile("/media/orvoservice.odl.new", "left over");
-    client.set(KDynDns, "HostName", "a \"b\"\\\n\x80");
-    EXPECT_EQ(save(client, KDynDns),
-              "object OrvoService {\n"
-              "    object DynDNS {\n"
-              "        bool Enable = \"false\";\n"
-              "        string HostName = \"a \\\"b\\\"\\\\\\n\x80\";\n"
-              "        bool SyncNotFinished = \"false\";\n"
-              "    }\n"
-              "}\n");
-    EXPECT_FALSE(std::filesystem::exists("/media/orvoservice.odl.new"));
-    EXPECT_EQ(save(client, "DNS.Server", 0),
-              "object DNS {\n    object Server {\n        read-only bool Status = \"true\";\n    }\n}\n");
+    return datamodel_load(object_datamodel(object), KFile, DATAMODEL_TEXT) ? "done" : error_string(pcb_error);
 }
 
 TEST_F(Platform, ASavedTreeComesBackOverARestartAndIntoARunningBus) {
     const Client platform("/var/run/pcb_sys", true);
+    EXPECT_EQ(save(client, "DNS.Server", 0),
+              "object DNS {\n    object Server {\n        read-only bool Status = \"true\";\n    }\n}\n");
     platform.set(KDynDns, "HostName", everyByte());
     save(platform, "OrvoService");
     platform.set(KDynDns, "HostName", "other");
@@ -51,52 +32,32 @@ TEST_F(Platform, ASavedTreeComesBackOverARestartAndIntoARunningBus) {
 }
 
 TEST_F(Platform, ADamagedFileChangesNothingAndNamesItsLine) {
-    const std::string before = save(client, "OrvoService"), tooLong(size_t{1024} * 1024 + 1, 'x'), zero(1, '\0');
+    client.set(KDynDns, "HostName", "a \"b\"\\\n\x80");
+    const std::string whole = save(client, "OrvoService"), tooLong(size_t{1024} * 1024 + 1, 'x'), zero(1, '\0');
+    client.set(KDynDns, "HostName", "kept");
+    const std::string before = save(client, "OrvoService");
     const std::string good = "object OrvoService {\n    object DynDNS {\n        bool Enable = \"true\";\n";
-    const std::pair<std::string, const char*> cases[] = {
-        {"\n \n",                               "line 3: an object is missing"             },
-        {good + "}\n",                          "line 4: '}' is missing"                   },
-        {good + "string HostName = \"a\\",      "line 4: the value is not closed"          },
-        {good + "string HostName\n= \"a\"\n}}", "line 5: ';' is missing"                   },
-        {good + "bool X = \"maybe\";}}",        "line 4: the value is no boolean"          },
-        {good + zero,                           "line 4: neither an object nor a parameter"},
-        {good + "string X = \"" + tooLong,      "line 4: the value is longer than 1 MiB"   },
+    std::vector<std::pair<std::string, std::string>> cases = {
+        {"\n \n",                               "line 3: an object is missing\n"             },
+        {good + "}\n",                          "line 4: '}' is missing\n"                   },
+        {good + "string HostName = \"a\\",      "line 4: the value is not closed\n"          },
+        {good + "string HostName\n= \"a\"\n}}", "line 5: ';' is missing\n"                   },
+        {good + "bool X = \"maybe\";}}",        "line 4: the value is no boolean\n"          },
+        {good + zero,                           "line 4: neither an object nor a parameter\n"},
+        {good + "string X = \"" + tooLong,      "line 4: the value is longer than 1 MiB\n"   },
     };
+    for (size_t length = 0; length < whole.size() - 1; ++length) {
+        cases.emplace_back(whole.substr(0, length), "line ");
+    }
     for (const auto& [text, message] : cases) {
+        SCOPED_TRACE(text.substr(0, 1000));
         world::writeFile(KFile, text);
         testing::internal::CaptureStderr();
-        EXPECT_EQ(load(client), "the file is damaged") << message;
-        EXPECT_EQ(testing::internal::GetCapturedStderr(), std::string(KFile) + ": " + message + "\n");
+        ASSERT_EQ(load(client), "the file is damaged");
+        ASSERT_TRUE(testing::internal::GetCapturedStderr().starts_with(std::string(KFile) + ": " + message));
+        ASSERT_EQ(save(client, "OrvoService"), before);
     }
     world::writeFile(KFile, good + "string SyncNotFinished = \"x\";}}");
     EXPECT_EQ(load(client), "the value does not fit the type") << "known by the bus alone";
     EXPECT_EQ(save(client, "OrvoService"), before);
-}
-
-// CASE=NUMBER runs one of them.
-TEST_F(Platform, EveryPrefixAndEveryChangedByteIsLoadedOrRefusedWhole) {
-    client.set(KDynDns, "HostName", "a \"b\"\\\n\x80");
-    const std::string whole = save(client, "OrvoService"), others = "\"\\\n}\xff" + std::string(1, '\0');
-    std::vector<std::string> texts;
-    for (size_t i = 0; i < whole.size(); ++i) {
-        texts.push_back(whole.substr(0, i));
-        for (const char byte : others + static_cast<char>(whole[i] ^ 1) + static_cast<char>(whole[i] ^ 0x20)) {
-            (texts.emplace_back(whole))[i] = byte;
-        }
-    }
-    const char* const chosen = getenv("CASE");
-    size_t refused = 0;
-    for (size_t i = chosen ? std::stoul(chosen) : 0; i < texts.size() && !HasFailure(); ++i) {
-        SCOPED_TRACE("CASE=" + std::to_string(i) + "\n" + texts[i]);
-        const std::string before = save(client, "OrvoService");
-        world::writeFile(KFile, texts[i]);
-        testing::internal::CaptureStderr();
-        const bool loaded = load(client) == "done";
-        const std::string message = testing::internal::GetCapturedStderr();
-        EXPECT_EQ(message.starts_with(std::string(KFile) + ": line "), !loaded) << message;
-        EXPECT_TRUE(loaded || save(client, "OrvoService") == before);
-        refused += !loaded;
-        if (chosen) break;
-    }
-    printf("figure: store: %zu damaged files, %zu refused\n", texts.size(), refused);
 }
