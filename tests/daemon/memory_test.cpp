@@ -291,6 +291,7 @@ TEST(Memory, MayBeShortWhileStarting) {
             EXPECT_EQ(gateway.end(), 0);
         }
         EXPECT_EQ(readFile(KPidFile), "");
+        EXPECT_EQ(gateway.daemon->output().find("Sanitizer"), std::string::npos) << gateway.daemon->output();
         if (HasFailure() || getenv("STARVE")) printf("%s\n", gateway.log.content().c_str());
     });
     report("Start", counts, ends);

@@ -32,12 +32,9 @@ TEST_F(Platform, ASavedTreeComesBackOverARestartAndIntoARunningBus) {
 }
 
 TEST_F(Platform, ADamagedFileChangesNothingAndNamesItsLine) {
-    client.set(KDynDns, "HostName", "a \"b\"\\\n\x80");
-    const std::string whole = save(client, "OrvoService"), tooLong(size_t{1024} * 1024 + 1, 'x'), zero(1, '\0');
-    client.set(KDynDns, "HostName", "kept");
-    const std::string before = save(client, "OrvoService");
+    const std::string before = save(client, "OrvoService"), tooLong(size_t{1024} * 1024 + 1, 'x'), zero(1, '\0');
     const std::string good = "object OrvoService {\n    object DynDNS {\n        bool Enable = \"true\";\n";
-    std::vector<std::pair<std::string, std::string>> cases = {
+    const std::pair<std::string, std::string> cases[] = {
         {"\n \n",                               "line 3: an object is missing\n"             },
         {good + "}\n",                          "line 4: '}' is missing\n"                   },
         {good + "string HostName = \"a\\",      "line 4: the value is not closed\n"          },
@@ -46,9 +43,6 @@ TEST_F(Platform, ADamagedFileChangesNothingAndNamesItsLine) {
         {good + zero,                           "line 4: neither an object nor a parameter\n"},
         {good + "string X = \"" + tooLong,      "line 4: the value is longer than 1 MiB\n"   },
     };
-    for (size_t length = 0; length < whole.size() - 1; ++length) {
-        cases.emplace_back(whole.substr(0, length), "line ");
-    }
     for (const auto& [text, message] : cases) {
         SCOPED_TRACE(text.substr(0, 1000));
         world::writeFile(KFile, text);
@@ -60,4 +54,32 @@ TEST_F(Platform, ADamagedFileChangesNothingAndNamesItsLine) {
     world::writeFile(KFile, good + "string SyncNotFinished = \"x\";}}");
     EXPECT_EQ(load(client), "the value does not fit the type") << "known by the bus alone";
     EXPECT_EQ(save(client, "OrvoService"), before);
+}
+
+// CASE=NUMBER runs one of them.
+TEST_F(Platform, EveryPrefixAndEveryChangedByteIsLoadedOrRefusedWhole) {
+    client.set(KDynDns, "HostName", "a \"b\"\\\n\x80");
+    const std::string whole = save(client, "OrvoService"), others = "\"\\\n}\xff" + std::string(1, '\0');
+    std::vector<std::string> texts;
+    for (size_t i = 0; i < whole.size(); ++i) {
+        texts.push_back(whole.substr(0, i));
+        for (const char byte : others + static_cast<char>(whole[i] ^ 1) + static_cast<char>(whole[i] ^ 0x20)) {
+            (texts.emplace_back(whole))[i] = byte;
+        }
+    }
+    const char* const chosen = getenv("CASE");
+    size_t refused = 0;
+    for (size_t i = chosen ? std::stoul(chosen) : 0; i < texts.size() && !HasFailure(); ++i) {
+        SCOPED_TRACE("CASE=" + std::to_string(i) + "\n" + texts[i]);
+        const std::string before = save(client, "OrvoService");
+        world::writeFile(KFile, texts[i]);
+        testing::internal::CaptureStderr();
+        const bool loaded = load(client) == "done";
+        const std::string message = testing::internal::GetCapturedStderr();
+        EXPECT_EQ(message.starts_with(std::string(KFile) + ": line "), !loaded) << message;
+        EXPECT_TRUE(loaded || save(client, "OrvoService") == before);
+        refused += !loaded;
+        if (chosen) break;
+    }
+    printf("figure: store: %zu damaged files, %zu refused\n", texts.size(), refused);
 }

@@ -77,7 +77,9 @@ TEST_F(Watch, ReportsTheFirstCgNatResultAndThenOnlyOtherTruths) {
 }
 
 TEST_F(Watch, ChecksCgNatOnceAtATime) {
-    pcbParamChanged("DNS.Server", "Status", "", "True");
+    for (const char* other : {"True", "10", "yes"}) {
+        pcbParamChanged("DNS.Server", "Status", "", other);
+    }
     EXPECT_EQ(log_.count("connectin_setEventsAvailable"), 0U);
     for (const char* check : {"first", "second"}) {
         SCOPED_TRACE(check);
