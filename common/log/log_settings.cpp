@@ -1,5 +1,6 @@
 #include "common/log/log_settings.h"
 
+#include <sys/stat.h>
 #include <syslog.h>
 
 #include <algorithm>
@@ -41,6 +42,9 @@ static void reset() {
 }
 
 static void reloadFromFile() {
+    // A pipe would have to be waited for, with the log held.
+    struct stat status = {};
+    if (stat(KReloadFileName, &status) == 0 && S_ISFIFO(status.st_mode)) return;
     const OwnedConfig config = configFileLoad(KReloadFileName);
     debug_init(config.get());
 }

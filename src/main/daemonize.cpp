@@ -1,6 +1,5 @@
 // The program's own daemon() and its pid file.
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
