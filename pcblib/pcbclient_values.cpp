@@ -1,5 +1,4 @@
 // Parameters and objects of the data model: reading, writing, walking, loading and saving.
-#include <cstring>
 
 #include "common/gate/gate.h"
 #include "pcblib/pcbclient_internal.h"

@@ -30,9 +30,9 @@ const char* getPathToServerCABundleFile();
 const char* getVoltaroServerUrl();
 
 // The requests below give the answer's body whatever its HTTP status, or null when a setting or argument is missing,
-// memory is short or the request failed (all logged, except a URL of
-// getDynDnsConfiguration or getParamsForHaId that cannot be allocated). The base URL, names and
-// HA-IDs go out as they are, empty ones too. Bus thread only; each blocks up to 30 s.
+// memory is short or the request failed (all logged, except a URL of getDynDnsConfiguration or getParamsForHaId that
+// cannot be allocated). The base URL, names and HA-IDs go out as they are, empty ones too. Bus thread only; each blocks
+// as long as a request of httprequest.h.
 
 /// Asks whether a host name is still free.
 [[nodiscard]] OwnedText verifyDynDnsName(const char* name);

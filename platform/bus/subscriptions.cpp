@@ -1,6 +1,5 @@
 // Who watches what.
 #include <algorithm>
-#include <cstring>
 
 #include "platform/bus/bus.h"
 

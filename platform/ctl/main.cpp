@@ -7,7 +7,6 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
-#include <iterator>
 
 #include "common/json/json.h"
 #include "platform/pcb/pcb.h"

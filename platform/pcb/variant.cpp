@@ -1,5 +1,4 @@
 // Values, maps of values, lists, and the error of the thread.
-#include <climits>
 #include <cstring>
 
 #include "platform/pcb/internal.h"

@@ -1,6 +1,6 @@
 // The smart-plug cloud's HTTP API: log in, read a plug, switch a plug. Nothing is kept between calls; credentials and
 // tokens are released when their owner goes. Every failure is logged, and is null to the caller. Bus thread only; each
-// request blocks up to 30 s.
+// request blocks as long as one of httprequest.h.
 #pragma once
 
 #include "common/text/text.h"

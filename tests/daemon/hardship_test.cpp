@@ -1,4 +1,5 @@
-// The daemon in a bad world: every fault of a server in every request, few descriptors, and a wall clock that is set.
+// The daemon in a bad world: every fault of a server in every request, few descriptors, a wall clock that is set, and
+// calls that are refused at its start.
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 

@@ -4,9 +4,7 @@
 
 #include <algorithm>
 #include <chrono>
-#include <cmath>
 #include <filesystem>
-#include <sstream>
 
 #include "tests/daemon/daemon.h"
 #include "tests/daemon/set_often.h"

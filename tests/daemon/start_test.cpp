@@ -1,6 +1,5 @@
 // Command line, configuration, start-up and its failures, with the real program.
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <filesystem>

@@ -3,7 +3,6 @@
 
 #include <csignal>
 #include <cstdint>
-#include <cstdio>
 #include <cstring>
 #include <map>
 
