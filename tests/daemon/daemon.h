@@ -45,9 +45,11 @@ struct Gateway {
     LogReader log{KDaemonLog};
     std::unique_ptr<Process> daemon;
 
-    /// Starts the daemon (or a test variant).
-    void launch(const char* program = "orvoservicemanager") {
-        daemon = startDaemon(daemonConfiguration(cloud->url(), cloud->caPath()), program);
+    virtual ~Gateway() = default;
+
+    /// Starts the daemon (or a test variant); `before` goes in front of its configuration.
+    void launch(const char* program = "orvoservicemanager", const std::string& before = "") {
+        daemon = startDaemon(before + daemonConfiguration(cloud->url(), cloud->caPath()), program);
     }
     /// Starts it and waits until it runs its loop and knows whether it is behind CG-NAT.
     void start(const char* program = "orvoservicemanager") {
@@ -55,7 +57,7 @@ struct Gateway {
         log.next("Entered pcb data model event loop");
         log.next("CG-NAT status: false");
     }
-    void set(const std::string& object, const std::string& parameter, const std::string& value) {
+    virtual void set(const std::string& object, const std::string& parameter, const std::string& value) {
         pcbCtl({"set", object, parameter, value});
     }
     std::string get(const std::string& object, const std::string& parameter) {

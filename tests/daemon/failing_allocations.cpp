@@ -18,15 +18,12 @@ char* __interceptor_strdup(const char*);
 int __interceptor_vasprintf(char**, const char*, va_list);
 }
 
-// The name of the program itself is empty.
-static unsigned ownerOf(void* caller) {
+// Whether it lies in a module, by its name.
+static bool liesIn(const char* name, void* caller) {
     dl_find_object module;
-    if (_dl_find_object(caller, &module) != 0) return OTHER_CODE;
+    if (_dl_find_object(caller, &module) != 0) return false;
     const char* const library = module.dlfo_link_map->l_name;
-    if (!*library) return OWN_CODE;
-    if (strstr(library, "libcjson")) return CJSON_CODE;
-    if (strstr(library, "libdbus")) return LIBDBUS_CODE;
-    return strstr(library, "libevent") ? LIBEVENT_CODE : OTHER_CODE;
+    return *name ? strstr(library, name) != nullptr : !*library;
 }
 
 // Memory is there before the page is.
@@ -38,7 +35,7 @@ static bool fails(void* caller) {
     if (!iSteering) return false;
     ++iSteering->allAllocations;
     const unsigned starved = iSteering->starved;
-    if (!starved || ownerOf(caller) + 1 != starved) return false;
+    if (!starved || !liesIn(KModules[starved - 1], caller)) return false;
     const unsigned number = ++iSteering->allocations, first = iSteering->firstToFail;
     if (number < first || number - first >= iSteering->toFail) return false;
     ++iSteering->failed;

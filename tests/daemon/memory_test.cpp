@@ -10,42 +10,19 @@
 #include <sstream>
 
 #include "common/msg_bus/message_bus_internal.h"
-#include "tests/daemon/daemon.h"
-#include "tests/daemon/steering.h"
-#include "tests/platform/client.h"
-#include "tests/world/bus_client.h"
+#include "tests/daemon/steered.h"
 
 using namespace world;
 
 namespace {
 
-constexpr const char* KClassNames[] = {"own", "cJSON", "libdbus", "libevent"};
 constexpr unsigned KRuns[] = {1, 4, UINT_MAX};
 
-void starve(unsigned owner, unsigned first, unsigned count) {
-    Steering& page = steering();
-    page.allocations = page.failed = page.allAllocations = 0;
-    page.firstToFail = first;
-    page.toFail = count;
-    page.starved = owner + 1;
-}
-
-// A gateway whose daemon can be starved, and which knows an account, two registrations and a plug.
-struct Starving : Gateway {
-    Client platform{"/var/run/pcb_sys", true};
-    BusClient client;
-    int changes = 0;
+// A gateway whose daemon can be starved.
+struct Starving : SteeredGateway {
     bool second = true;
 
-    Starving() {
-        steering().second = 1000;
-        cloud->order({"register", "HA-1", "first", "true"});
-        cloud->order({"register", "HA-2", "second", "false"});
-        for (const char* account : {"HA-1", "HA-2"}) {
-            cloud->order({"account", account, "me@example.com", "secret"});
-        }
-        cloud->order({"plug", "plug-1", "off", "1.5"});
-    }
+    Starving() : SteeredGateway(1000) {}
     // Whether every thread of the daemon waits in its event loop: a wait for an answer has a time limit.
     bool rests() const {
         for (const auto& task :
@@ -94,30 +71,26 @@ struct Starving : Gateway {
     }
     // Makes a change while memory is short, and waits until the daemon has come to its end.
     void change(const char* object, const char* parameter, const std::string& value) {
-        writeFile(KDaemonLog, "");
-        platform.set(object, parameter, value);
+        emptyLog();
+        set(object, parameter, value);
         untilHandled([] { return false; });
         settle();
     }
     // Whether a change of the data model comes through the watch and the pipe, and is saved.
     std::string watch() {
-        const std::string value = "server-" + std::to_string(++changes);
-        change("OrvoService.HomeAutomation", "CommunicationServer", value);
-        return log.count("Communication server URL changed: " + value) ? "seen" : "lost";
+        change("OrvoService.HomeAutomation", "CommunicationServer", "changed");
+        return log.count("Communication server URL changed: changed") ? "seen" : "lost";
     }
     // Whether a synchronization takes place, and is stored; one that began must come to its end.
     std::string synchronize() {
         second = !second;
-        const std::string name = second ? "second" : "first";
+        const std::string name = second ? "second" : "box";
         change("NMC.HomeAutomation", "HA-ID", second ? "HA-2" : "HA-1");
         if (!log.count("Sync dyndns timer started")) return "lost";
         EXPECT_TRUE(waitFor([&] { return log.count("DynDNS hostname " + name + " saved in PCB") > 0; }))
             << log.content();
         settle();
-        const std::string store = readFile(KStore);
-        const bool stored = store.find("HostName = \"" + name + "\"") != std::string::npos &&
-                            store.find("SyncNotFinished = \"false\"") != std::string::npos;
-        return stored ? "stored" : "done";
+        return stored("HostName") == name && stored("SyncNotFinished") == "false" ? "stored" : "done";
     }
     // The different requests that the servers have seen.
     std::set<std::string> requests() const {
@@ -126,10 +99,6 @@ struct Starving : Gateway {
             all.insert(request.method + " " + request.target + "\n" + request.body);
         }
         return all;
-    }
-    void settle() {
-        platform.set("OrvoService.HomeAutomation", "CommunicationServer", "marker-" + std::to_string(++changes));
-        EXPECT_TRUE(waitFor([&] { return log.count("URL changed: marker-" + std::to_string(changes)) > 0; }));
     }
 };
 
@@ -155,7 +124,7 @@ std::set<std::string> statuses(const char* members, std::initializer_list<const 
 }
 
 std::string toggle(Starving& gateway) {
-    const std::string reply = gateway.call("voltaro", "Set", {"plug-1", "toggle"});
+    const std::string reply = gateway.call("voltaro", "Set", {"p-1", "toggle"});
     return reply.starts_with(R"({"status":"OK")") ? "switched" : reply;
 }
 
@@ -174,11 +143,11 @@ std::vector<Path> paths() {
         {"IsEnabled",     4, 1, calling("dyndns", "IsEnabled", {}), statuses(KNull, {"DBUS_ERROR"})},
         {"GetName",       2, 1, calling("dyndns", "GetName", {}), name},
         {"IsNameTaken",   2, 1, calling("dyndns", "IsNameTaken", {"free"}), server},
-        {"Configure",     2, 3, calling("dyndns", "Configure", {true, "box"}), server},
+        {"Configure",     2, 3, calling("dyndns", "Configure", {true, "office"}), server},
         {"SetEnabled",    2, 1, calling("dyndns", "SetEnabled", {true}), no},
-        {"Set",           2, 1, calling("voltaro", "Set", {"plug-1", "on"}), plug},
+        {"Set",           2, 1, calling("voltaro", "Set", {"p-1", "on"}), plug},
         {"Toggle",        2, 1, toggle, plug},
-        {"Get",           2, 1, calling("voltaro", "Get", {"plug-1"}), plug},
+        {"Get",           2, 1, calling("voltaro", "Get", {"p-1"}), plug},
         {"EnableBackend", 2, 3, calling("voltaro", "EnableBackend", {true}), no},
         {"Watch",           4, 3, [](Starving& gateway) { return gateway.watch(); }, {"lost"}},
         {"Synchronization", 2, 7, [](Starving& gateway) { return gateway.synchronize(); }, {"done", "lost"}},
@@ -195,9 +164,13 @@ class Memory : public testing::TestWithParam<Path> {};
 static std::string sweep(unsigned classes, unsigned step, const std::function<void()>& act) {
     const auto runCase = [&](unsigned owner, unsigned pattern, unsigned number) {
         SCOPED_TRACE(testing::Message() << "STARVE=" << owner << ":" << pattern << ":" << number);
-        starve(owner, number, KRuns[pattern]);
+        Steering& page = steering();
+        page.allocations = page.failed = page.allAllocations = 0;
+        page.firstToFail = number;
+        page.toFail = KRuns[pattern];
+        page.starved = owner + 1;
         act();
-        return steering().failed && !testing::Test::HasFailure();
+        return page.failed && !testing::Test::HasFailure();
     };
     const char* const wish = getenv("STARVE");
     std::istringstream chosen(wish ? wish : "");
@@ -210,7 +183,7 @@ static std::string sweep(unsigned classes, unsigned step, const std::function<vo
     if (wish) step = 1;
     std::string counts;
     for (owner = 0; owner < classes; ++owner) {
-        counts += std::string(" ") + KClassNames[owner];
+        counts += std::string(" ") + (owner ? KModules[owner] : "own");
         for (pattern = 0; pattern < std::size(KRuns); ++pattern) {
             number = 1;
             while (runCase(owner, pattern, number)) {
@@ -233,9 +206,9 @@ static void report(const char* path, const std::string& counts, const std::map<s
 TEST_P(Memory, MayBeShortAnywhereOn) {
     const Path& path = GetParam();
     Starving gateway;
-    gateway.launch("orvoservicemanager-steered");
+    gateway.launch(KSteered);
     gateway.log.next("Entered pcb data model event loop");
-    gateway.platform.set("OrvoService.GatewayClient", "ConnectionMode", "on");
+    gateway.set("OrvoService.GatewayClient", "ConnectionMode", "on");
     gateway.synchronize();
     path.act(gateway);
     const std::string usual = path.act(gateway);
@@ -253,7 +226,7 @@ TEST_P(Memory, MayBeShortAnywhereOn) {
     // which a synchronization pushes.
     std::set<std::string> more = gateway.requests();
     std::erase_if(more, [](const std::string& request) {
-        return request.find(R"({"name":"first","haId":"HA-2",)") != std::string::npos ||
+        return request.find(R"({"name":"box","haId":"HA-2",)") != std::string::npos ||
                request.find(R"({"name":"second","haId":"HA-1",)") != std::string::npos;
     });
     EXPECT_EQ(more, requests);
@@ -266,8 +239,8 @@ TEST(Memory, MayBeShortWhileStarting) {
     Starving gateway;
     std::map<std::string, unsigned> ends;
     const std::string counts = sweep(4, 11, [&] {
-        writeFile(KDaemonLog, "");
-        gateway.launch("orvoservicemanager-steered");
+        gateway.emptyLog();
+        gateway.launch(KSteered);
         const auto decided = [&] {
             return gateway.log.count("Entered pcb data model event loop") || !gateway.daemon->running();
         };

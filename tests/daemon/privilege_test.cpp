@@ -11,24 +11,21 @@ static void lookAtTheDaemon() {
     Gateway gateway;
     gateway.start();
     EXPECT_EQ(access("/tmp", W_OK), -1);
-    std::string status;
-    run({"grep", "-E",
-         "^(Uid|CapPrm|CapEff|CapBnd|CapAmb):", "/proc/" + std::to_string(gateway.daemon->pid()) + "/status"},
-        &status);
-    const std::string none = ":\t0000000000000000\n";
-    EXPECT_EQ(status,
-              "Uid:\t1000\t1000\t1000\t1000\nCapPrm" + none + "CapEff" + none + "CapBnd" + none + "CapAmb" + none);
+    const std::string status = readFile("/proc/" + std::to_string(gateway.daemon->pid()) + "/status");
+    EXPECT_NE(status.find("\nUid:\t1000\t1000\t1000\t1000\n"), std::string::npos) << status;
+    for (const char* set : {"Prm", "Eff", "Bnd", "Amb"}) {
+        EXPECT_NE(status.find(std::string("\nCap") + set + ":\t0000000000000000\n"), std::string::npos) << status;
+    }
     EXPECT_EQ(gateway.end(), 0);
     EXPECT_EQ(gateway.daemon->output(), "");
 }
 
 TEST(Privilege, TheMainJobNeedsNone) {
     if (geteuid() != 0) return lookAtTheDaemon();
-    const std::pair<const char*, const char*> tests[] = {
-        {"privilege_test", "Privilege.TheMainJobNeedsNone"                              },
-        {"main_job_test",  "MainJob.KeepsTheRegistrationInAgreementAndNeverEchoesItBack"},
-    };
-    for (const auto& [program, test] : tests) {
+    for (const auto& [program, test] : {
+             std::pair{"privilege_test", "Privilege.TheMainJobNeedsNone"                              },
+             std::pair{"main_job_test",  "MainJob.KeepsTheRegistrationInAgreementAndNeverEchoesItBack"}
+    }) {
         std::string output;
         const int status = run({ORSM_SOURCE_FOLDER "/tests/world/enter", "--unprivileged", binary(program),
                                 std::string("--gtest_filter=") + test},

@@ -12,8 +12,10 @@
 
 using namespace world;
 
-static int entries(const std::string& folder) {
-    return static_cast<int>(std::distance(std::filesystem::directory_iterator(folder), {}));
+// How many descriptors and threads the process has.
+static std::pair<ptrdiff_t, ptrdiff_t> held(const std::string& proc) {
+    const std::filesystem::directory_iterator end, descriptors(proc + "/fd"), threads(proc + "/task");
+    return {std::distance(descriptors, end), std::distance(threads, end)};
 }
 
 // KiB that belong to the process alone.
@@ -24,14 +26,13 @@ static double privateMemory(const std::string& proc) {
 
 // By how much a straight line through the figures rises from the first to the last.
 static double rise(const std::vector<double>& figures) {
-    const double n = static_cast<double>(figures.size()), middle = (n - 1) / 2;
-    double products = 0, squares = 0;
-    for (size_t i = 0; i < figures.size(); ++i) {
-        const double x = static_cast<double>(i) - middle;
-        products += x * figures[i];
-        squares += x * x;
+    const auto n = static_cast<double>(figures.size());
+    double products = 0, x = (1 - n) / 2;
+    for (const double figure : figures) {
+        products += x * figure;
+        ++x;
     }
-    return products / squares * (n - 1);
+    return products * 12 / n / (n + 1);  // the squares of x add up to n * (n * n - 1) / 12
 }
 
 TEST(Soak, NeitherMemoryNorDescriptorsNorThreadsGrow) {
@@ -48,7 +49,8 @@ TEST(Soak, NeitherMemoryNorDescriptorsNorThreadsGrow) {
     ASSERT_TRUE(waitFor([&] { return gateway.get("OrvoService.GatewayClient", "ConnectionStatus") == "true"; }));
     BusClient client;
     ASSERT_TRUE(waitFor([&] { return client.call("/orvoservicesinfo", "", "Get") == R"({"status":"OK"})"; }));
-    int failed = 0, descriptors = 0, threads = 0;
+    int failed = 0;
+    std::pair<ptrdiff_t, ptrdiff_t> before;
     std::vector<double> memory;
     for (int step = 0; step < KSteps; ++step) {
         failed += !client.callMany(
@@ -70,10 +72,7 @@ TEST(Soak, NeitherMemoryNorDescriptorsNorThreadsGrow) {
             LogReader(KDaemonLog).next("Communication server URL changed: " + prefix + std::to_string(last));
         }
         memory.push_back(privateMemory(proc));
-        if (step == KSteps / 10) {
-            descriptors = entries(proc + "/fd");
-            threads = entries(proc + "/task");
-        }
+        if (step == KSteps / 10) before = held(proc);
     }
     memory.erase(memory.begin(), memory.begin() + KSteps / 10);
     const double grown = rise(memory);
@@ -85,7 +84,6 @@ TEST(Soak, NeitherMemoryNorDescriptorsNorThreadsGrow) {
         memory.back());
     EXPECT_EQ(failed, 0);
     EXPECT_LE(grown, 64) << "KiB: " << testing::PrintToString(memory);
-    EXPECT_EQ(entries(proc + "/fd"), descriptors);
-    EXPECT_EQ(entries(proc + "/task"), threads);
+    EXPECT_EQ(held(proc), before) << "descriptors and threads";
     EXPECT_EQ(gateway.end(), 0);
 }

@@ -79,14 +79,6 @@ WRAP(int, pthread_create, pthread_t* thread, const pthread_attr_t* attributes, v
     return isRefused("pthread_create") ? EAGAIN : __real_pthread_create(thread, attributes, entry, argument);
 }
 
-WRAP(char*, strdup, const char* text) { return isRefused("strdup") ? nullptr : __real_strdup(text); }
-
-WRAP(event_base*, event_base_new) { return isRefused("event_base_new") ? nullptr : __real_event_base_new(); }
-
-WRAP(event*, event_new, event_base* base, evutil_socket_t fd, short what, event_callback_fn callback, void* argument) {
-    return isRefused("event_new") ? nullptr : __real_event_new(base, fd, what, callback, argument);
-}
-
 WRAP(dbus_bool_t, dbus_connection_try_register_object_path, DBusConnection* bus, const char* path,
      const DBusObjectPathVTable* functions, void* data, DBusError* error) {
     return !isRefused(path) && __real_dbus_connection_try_register_object_path(bus, path, functions, data, error);

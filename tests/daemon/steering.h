@@ -9,14 +9,14 @@
 #include <atomic>
 #include <cstdint>
 
-/// Whose allocation it is, by the module that its return address lies in.
-enum AllocationClass : unsigned { OWN_CODE, CJSON_CODE, LIBDBUS_CODE, LIBEVENT_CODE, OTHER_CODE };
+/// The modules whose allocations can fail; the program itself has no name.
+constexpr const char* KModules[] = {"", "libcjson", "libdbus", "libevent"};
 
 struct Steering {
-    std::atomic<unsigned> starved;              // 1 + the class whose allocations are counted and fail; 0 for none
+    std::atomic<unsigned> starved;              // 1 + the module whose allocations are counted and fail; 0 for none
     std::atomic<unsigned> firstToFail, toFail;  // counted from 1; how many
-    std::atomic<unsigned> allocations, failed;  // of that class so far; how many failed
-    std::atomic<unsigned> allAllocations;       // of all classes, whether one is starved or not
+    std::atomic<unsigned> allocations, failed;  // of that module so far; how many failed
+    std::atomic<unsigned> allAllocations;       // of all modules, whether one is starved or not
     std::atomic<int64_t> wallClockAhead;        // seconds
     std::atomic<int> second;                    // microseconds that a second of a timer takes; 0: as ever
     std::atomic<int> hurriedRequest;            // the request from now on to whose limits that applies, too; 0: none

@@ -8,39 +8,23 @@
 #include <filesystem>
 #include <random>
 
-#include "tests/daemon/daemon.h"
-#include "tests/daemon/steering.h"
-#include "tests/platform/client.h"
-#include "tests/world/bus_client.h"
+#include "tests/daemon/steered.h"
 
 using namespace world;
 
 namespace {
 
-// A gateway on which registrations are stored, and whose platform the test plays.
-struct StoredGateway : Gateway {
-    Client platform{"/var/run/pcb_sys", true};
-
-    StoredGateway() {
-        cloud->order({"register", "HA-1", "box", "true"});
-        steering().second = 10'000;
-        platform.set("Simulation.GatewayClient", "ConnectDelay", "0");
-        platform.set("NMC.HomeAutomation", "HA-ID", "HA-1");
+// A gateway whose connection comes up at once, for a registration.
+struct StoredGateway : SteeredGateway {
+    explicit StoredGateway(bool starts = true) : SteeredGateway(10'000) {
+        set("Simulation.GatewayClient", "ConnectDelay", "0");
+        set("NMC.HomeAutomation", "HA-ID", "HA-1");
+        if (starts) restart();
     }
-    void emptyLog() {
-        writeFile(KDaemonLog, "");
-        log = LogReader(KDaemonLog);
-    }
-    // Starts the steered daemon and empties the log.
-    void startSteered() {
+    void restart() {
+        strike(0, 0);
         emptyLog();
-        start("orvoservicemanager-steered");
-    }
-    // The value of a parameter in the store, of the first that is called so.
-    static std::string stored(const std::string& parameter) {
-        const std::string store = readFile(KStore), before = " " + parameter + " = \"";
-        const size_t found = store.find(before), begin = found + before.size();
-        return found == std::string::npos ? "none" : store.substr(begin, store.find('"', begin) - begin);
+        start(KSteered);
     }
     static bool isStoreWhole() {
         const std::string store = readFile(KStore);
@@ -62,8 +46,8 @@ struct StoredGateway : Gateway {
     void heal(const std::string& marker) {
         emptyLog();
         // A daemon that died while it had the connection switched on leaves it so.
-        platform.set("OrvoService.GatewayClient", "ConnectionMode", "ondemand");
-        platform.set("OrvoService.HomeAutomation", "CommunicationServer", marker);
+        set("OrvoService.GatewayClient", "ConnectionMode", "ondemand");
+        set("OrvoService.HomeAutomation", "CommunicationServer", marker);
         log.next("Communication server URL changed: " + marker);
         log.next("orvoservice.odl saved to OrvoService");
         EXPECT_EQ(disagreement(), "");
@@ -97,8 +81,7 @@ static int failEveryCall(StoredGateway& gateway, const std::vector<int>& faults,
             if (fault == KKill) {
                 EXPECT_EQ(gateway.daemon->wait(), 128 + SIGKILL);
                 ++struck;
-                strike(0, 0);
-                gateway.startSteered();
+                gateway.restart();
                 EXPECT_TRUE(change(name));
             } else {
                 EXPECT_TRUE(done);
@@ -125,7 +108,6 @@ static bool configure(const std::string& name) {
 
 TEST(StoreFault, AnyCallOfTheSavesOfConfigureMayFailOrBeTheLast) {
     StoredGateway gateway;
-    gateway.startSteered();
     const int struck = failEveryCall(gateway, {ENOSPC, EIO, EROFS, EACCES, EMFILE, EINTR, KShortWrite, KKill},
                                      "owscroscowscroscowscrosc", configure);
     printf("figure: store: %d faults at the calls of the 3 saves of one Configure\n", struck);
@@ -133,15 +115,13 @@ TEST(StoreFault, AnyCallOfTheSavesOfConfigureMayFailOrBeTheLast) {
 
 TEST(StoreFault, AnyCallOfTheSavesOfASynchronizationMayFail) {
     StoredGateway gateway;
-    gateway.startSteered();
     gateway.heal("box");
-    bool second = false;
     const int struck = failEveryCall(
         gateway, {ENOSPC, EIO, EROFS, EACCES, EMFILE, EINTR, KShortWrite}, "owscroscowscroscowscroscowscrosc",
         [&](const std::string& name) {
             gateway.cloud->order({"register", "HA-1", name, "true"});
             gateway.emptyLog();
-            gateway.platform.set("NMC.HomeAutomation", "Enable", std::exchange(second, !second) ? "true" : "1");
+            gateway.touch();
             return waitFor([&] {
                 return gateway.log.count("saved to OrvoService") + gateway.log.count("ERROR Cannot save") == 4;
             });
@@ -151,31 +131,26 @@ TEST(StoreFault, AnyCallOfTheSavesOfASynchronizationMayFail) {
 
 TEST(StoreFault, AFullReadOnlyOrMissingFolderIsLoggedAndHealed) {
     StoredGateway gateway;
-    gateway.startSteered();
     EXPECT_TRUE(configure("box"));
     const std::string good = readFile(KStore);
     ASSERT_EQ(mkdir("/var/run/medium", 0755), 0);
-    struct Case {
-        const char *name, *source, *type;
-        unsigned long flags;
-        const char* options;
+    const std::tuple<const char*, const char*, const char*, unsigned long, const char*> cases[] = {
+        {"full",      "none",            "tmpfs", MS_REMOUNT,             "size=4k"},
+        {"read-only", "none",            "tmpfs", MS_REMOUNT | MS_RDONLY, nullptr  },
+        {"missing",   "/var/run/medium", nullptr, MS_BIND,                nullptr  },
     };
-    for (const Case& c : {
-             Case{"full",      "none",            "tmpfs", MS_REMOUNT,             "size=4k"},
-             Case{"read-only", "none",            "tmpfs", MS_REMOUNT | MS_RDONLY, nullptr  },
-             Case{"missing",   "/var/run/medium", nullptr, MS_BIND,                nullptr  },
-    }) {
-        SCOPED_TRACE(c.name);
-        const bool missing = c.flags == MS_BIND;
+    for (const auto& [name, source, type, flags, options] : cases) {
+        SCOPED_TRACE(name);
+        const bool missing = flags == MS_BIND;
         gateway.emptyLog();
-        ASSERT_EQ(mount(c.source, "/media", c.type, c.flags, c.options), 0) << strerror(errno);
-        ASSERT_TRUE(!missing || rmdir(c.source) == 0);  // what is left can hold no file
-        EXPECT_TRUE(configure(c.name));
+        ASSERT_EQ(mount(source, "/media", type, flags, options), 0) << strerror(errno);
+        ASSERT_TRUE(!missing || rmdir(source) == 0);  // what is left can hold no file
+        EXPECT_TRUE(configure(name));
         gateway.log.next(" WARN Failed to store datamodel for object OrvoService in file orvoservice.odl");
         gateway.log.next("ERROR Cannot save OrvoService object");
         EXPECT_EQ(readFile(KStore), missing ? "" : good);
         ASSERT_EQ(missing ? umount2("/media", MNT_DETACH) : mount("none", "/media", "tmpfs", MS_REMOUNT, "size=1m"), 0);
-        gateway.heal(c.name);
+        gateway.heal(name);
         writeFile(KStore, good);
     }
     EXPECT_EQ(gateway.end(), 0);
@@ -183,7 +158,6 @@ TEST(StoreFault, AFullReadOnlyOrMissingFolderIsLoggedAndHealed) {
 
 TEST(SuddenEnd, AtAnyLogLineOrStoreCallOfASynchronizationIsMadeGoodByTheNextStart) {
     StoredGateway gateway;
-    gateway.startSteered();
     gateway.heal("box");
     for (int call = 1, deaths = 0; !HasFailure(); ++call, ++deaths) {
         const std::string name = "box-" + std::to_string(call), enabled = call % 2 ? "true" : "false";
@@ -194,7 +168,7 @@ TEST(SuddenEnd, AtAnyLogLineOrStoreCallOfASynchronizationIsMadeGoodByTheNextStar
         const bool echoes = gateway.stored("Enable") != enabled;
         const size_t requests = gateway.cloud->journal().size();
         strike(call, KKill, true);
-        gateway.platform.set("NMC.HomeAutomation", "Enable", call % 2 ? "1" : "true");
+        gateway.touch();
         // The echo of a changed switch is its last line.
         const auto done = [&] {
             return gateway.log.count("orvoservice.odl saved to OrvoService") == 4 &&
@@ -209,12 +183,12 @@ TEST(SuddenEnd, AtAnyLogLineOrStoreCallOfASynchronizationIsMadeGoodByTheNextStar
             break;
         }
 
-        strike(0, 0);
         ASSERT_TRUE(gateway.isStoreWhole());
         const bool unfinished = gateway.stored("SyncNotFinished") == "true";
         const bool begun = unfinished || gateway.stored("HostName") == name;
         EXPECT_TRUE(begun || gateway.cloud->journal().size() == requests) << "asked, and nothing remembers it";
-        gateway.startSteered();
+        gateway.restart();
+        gateway.restart();
         EXPECT_EQ(gateway.log.count("Continuing unfinished DynDNS synchronization"), unfinished ? 1U : 0U);
         ASSERT_TRUE(waitFor([&] { return gateway.stored("SyncNotFinished") == "false"; }));
         gateway.heal(name);
@@ -239,18 +213,18 @@ TEST(SuddenEnd, BySignalAtARandomMomentIsOrderly) {
     const int runs = wantedRuns ? std::stoi(wantedRuns) : 100;
     const auto seed = wantedSeed ? static_cast<unsigned>(std::stoul(wantedSeed)) : std::random_device()();
     std::mt19937 random(seed);
-    StoredGateway gateway;
+    StoredGateway gateway(false);
     gateway.cloud->fault("get", "delay", 0, "300");
     int early = 0, inRequest = 0, finished = 0;
     for (int run = 0; run < runs; ++run) {
         gateway.emptyLog();
         unlink(KStore);
-        gateway.platform.set(KDynDns, "SyncNotFinished", "true");
-        gateway.platform.set("OrvoService.GatewayClient", "ConnectionMode", "ondemand");
+        gateway.set(KDynDns, "SyncNotFinished", "true");
+        gateway.set("OrvoService.GatewayClient", "ConnectionMode", "ondemand");
         const int moment = static_cast<int>(random() % (run % 2 ? 80 : 600));  // half of them during start-up
         SCOPED_TRACE("SEED=" + std::to_string(seed) + ", run " + std::to_string(run) + ": after " +
                      std::to_string(moment) + " ms");
-        gateway.launch("orvoservicemanager-steered");
+        gateway.launch(KSteered);
         // Until it is the daemon, the test's own handlers would take the signal.
         const std::string program = "/proc/" + std::to_string(gateway.daemon->pid()) + "/exe";
         ASSERT_TRUE(waitFor([&] { return std::filesystem::read_symlink(program).string().ends_with("-steered"); }));
