@@ -35,8 +35,6 @@ struct Resource {
     const char* unfed;                                      // the status of a POST that lost its body in a redirect
 };
 
-[[maybe_unused]] void PrintTo(const Resource& resource, std::ostream* out) { *out << resource.name; }
-
 enum Outcome { NoAnswer, Endless, Unusable, Refused, LosesBody, Good };
 
 struct Faults {
@@ -155,7 +153,8 @@ struct Hardship : testing::Test, SteeredGateway {
         EXPECT_EQ(client.call("/orvoservicesinfo", "", "Get"), R"({"status":"OK"})");
     }
 
-    // Makes the call with what has been ordered for its request, and once more.
+    // Makes the call with what has been ordered for its request, and once more. Armed: a synchronization starts after
+    // 1 s, and is tried again after 5 s.
     void meets(const Resource& resource, const char* reply, int64_t armed, const std::vector<std::string>& lines) {
         EXPECT_EQ(ask(resource), reply);
         EXPECT_TRUE(resource.method || steering().armed == armed) << steering().armed;
@@ -175,17 +174,14 @@ struct Hardship : testing::Test, SteeredGateway {
         cloud->order(order);
         if (fault.outcome == Endless) steering().hurriedRequest = resource.earlier + 1;
         const bool unfed = fault.outcome == LosesBody && resource.unfed;
-        constexpr int64_t KStart = 1, KStartAndFirstRetry = 105;  // after 1 s, and 5 s
         if (fault.outcome == NoAnswer || fault.outcome == Endless) {
-            meets(resource, resource.noAnswer, KStartAndFirstRetry,
-                  {"ERROR Request error " + fault.detail, resource.noAnswerLine});
+            meets(resource, resource.noAnswer, 105, {"ERROR Request error " + fault.detail, resource.noAnswerLine});
         } else if (fault.outcome == Unusable) {
-            meets(resource, resource.unusable, KStartAndFirstRetry, {"Request OK", resource.unusableLine});
+            meets(resource, resource.unusable, 105, {"Request OK", resource.unusableLine});
         } else if (fault.outcome == Refused || unfed) {
-            meets(resource, resource.unusable, KStartAndFirstRetry,
-                  {resource.refusedLine + (unfed ? resource.unfed : fault.detail)});
+            meets(resource, resource.unusable, 105, {resource.refusedLine + (unfed ? resource.unfed : fault.detail)});
         } else {
-            meets(resource, resource.good, KStart, {"Request OK"});
+            meets(resource, resource.good, 1, {"Request OK"});
         }
     }
 
@@ -235,7 +231,7 @@ TEST_P(ServerFault, IsLoggedAnsweredAndOverWithItsRequest) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Of, ServerFault, testing::ValuesIn(KResources),
-                         [](const auto& parameter) { return parameter.param.name; });
+                         [](const auto& one) { return one.param.name; });
 
 static std::set<rlim_t> descriptors(pid_t pid) {
     std::set<rlim_t> open;
@@ -256,8 +252,7 @@ TEST_F(Hardship, OfFewDescriptorsLeavesNoCallUnansweredAndNothingBehind) {
     for (int count = 0; count <= 16 && !HasFailure(); ++count) {
         SCOPED_TRACE(std::to_string(count) + " free");
         const std::set<rlim_t> open = descriptors(pid);
-        rlimit few = usual;
-        few.rlim_cur = 0;
+        rlimit few = {0, usual.rlim_max};
         for (int left = count; left > 0 || open.contains(few.rlim_cur); ++few.rlim_cur) {
             left -= !open.contains(few.rlim_cur);
         }
@@ -308,23 +303,17 @@ TEST_F(Hardship, OfASettingOfTheWallClockLeavesARetryInTime) {
 
 // A start of which one call fails ends with status 1, its line, and nothing left behind.
 TEST(RefusedCall, EndsTheStart) {
-    const std::pair<const char*, const char*> cases[] = {
-        {"fork",           "ERROR Cannot demonize process!"                        },
-        {"setsid",         "ERROR Cannot demonize process!"                        },
-        {"pipe2",          "ERROR Failed to create event pipe: Too many open files"},
-        {"/voltaro",       "ERROR Cannot create Voltaro message bus"               },
-        {"pthread_create", "ERROR Could not create thread for dbus handling"       },
-    };
     LogReader log(KDaemonLog);
     const auto bus = startPcbBus(), dbus = startDbusDaemon();
-    for (const auto& [call, line] : cases) {
+    for (const auto& [call, line] : {
+             std::pair{"pipe2",          "ERROR Failed to create event pipe: Too many open files"},
+             std::pair{"pthread_create", "ERROR Could not create thread for dbus handling"       }
+    }) {
         SCOPED_TRACE(strcpy(steering().refused, call));
-        const std::string text = daemonConfiguration("https://127.0.0.1:1", "/none");
-        const bool detaches = strcmp(call, "fork") == 0 || strcmp(call, "setsid") == 0;
-        auto daemon = startDaemon((detaches ? "demonize-process=true\n" : "") + text, KSteered);
-        EXPECT_EQ(daemon->wait(), strcmp(call, "setsid") == 0 ? 0 : 1);  // there, the child fails
+        auto daemon = startDaemon(daemonConfiguration("https://127.0.0.1:1", "/none"), KSteered);
+        EXPECT_EQ(daemon->wait(), 1);
         log.next(line);
-        EXPECT_TRUE(waitFor([] { return !exists(KPidFile); }));
+        EXPECT_FALSE(exists(KPidFile));
         EXPECT_EQ(daemon->output(), "");
     }
 }

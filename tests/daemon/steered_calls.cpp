@@ -1,7 +1,6 @@
 // Linked into the steered daemon: its timers and its requests' limits pass quicker, its wall clock can be set, a call
 // for its store or its log is the last one, or fails, or writes half, and a call of its start is refused.
 #include <curl/curl.h>
-#include <dbus/dbus.h>
 #include <event2/event.h>
 #include <pthread.h>
 #include <sys/syscall.h>
@@ -69,19 +68,10 @@ static bool isRefused(const char* call) {
     return strcmp(steering().refused, call) == 0;
 }
 
-WRAP(pid_t, fork) { return isRefused("fork") ? -1 : __real_fork(); }
-
-WRAP(pid_t, setsid) { return isRefused("setsid") ? -1 : __real_setsid(); }
-
 WRAP(int, pipe2, int* ends, int flags) { return isRefused("pipe2") ? -1 : __real_pipe2(ends, flags); }
 
 WRAP(int, pthread_create, pthread_t* thread, const pthread_attr_t* attributes, void* (*entry)(void*), void* argument) {
     return isRefused("pthread_create") ? EAGAIN : __real_pthread_create(thread, attributes, entry, argument);
-}
-
-WRAP(dbus_bool_t, dbus_connection_try_register_object_path, DBusConnection* bus, const char* path,
-     const DBusObjectPathVTable* functions, void* data, DBusError* error) {
-    return !isRefused(path) && __real_dbus_connection_try_register_object_path(bus, path, functions, data, error);
 }
 
 WRAP(int, event_add, event* event, const timeval* time) {

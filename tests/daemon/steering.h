@@ -27,7 +27,7 @@ struct Steering {
     std::atomic<int> struck, reported;  // how many have met it, and of how many of them the save must say so
     std::atomic<int> seen;              // calls since `call` was set
     char calls[100];                    // the first letter of each
-    char refused[16];                   // the call that always fails, or the path for which it does
+    char refused[16];                   // the call that always fails
 };
 
 constexpr int KKill = -1, KShortWrite = -2;  // what a call can meet besides an error number
