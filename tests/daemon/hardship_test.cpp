@@ -309,7 +309,8 @@ TEST(RefusedCall, EndsTheStart) {
              std::pair{"pipe2",          "ERROR Failed to create event pipe: Too many open files"},
              std::pair{"pthread_create", "ERROR Could not create thread for dbus handling"       }
     }) {
-        SCOPED_TRACE(strcpy(steering().refused, call));
+        SCOPED_TRACE(call);
+        snprintf(steering().refused, sizeof steering().refused, "%s", call);
         auto daemon = startDaemon(daemonConfiguration("https://127.0.0.1:1", "/none"), KSteered);
         EXPECT_EQ(daemon->wait(), 1);
         log.next(line);
