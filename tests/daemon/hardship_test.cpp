@@ -305,16 +305,21 @@ TEST_F(Hardship, OfASettingOfTheWallClockLeavesARetryInTime) {
 TEST(RefusedCall, EndsTheStart) {
     LogReader log(KDaemonLog);
     const auto bus = startPcbBus(), dbus = startDbusDaemon();
-    for (const auto& [call, line] : {
-             std::pair{"pipe2",          "ERROR Failed to create event pipe: Too many open files"},
-             std::pair{"pthread_create", "ERROR Could not create thread for dbus handling"       }
+    for (const auto& [call, detaches, line] : {
+             std::tuple{"fork",           true,  "ERROR Cannot demonize process!"                        },
+             std::tuple{"setsid",         true,  "ERROR Cannot demonize process!"                        },
+             std::tuple{"pipe2",          false, "ERROR Failed to create event pipe: Too many open files"},
+             std::tuple{"pipe2",          false, "ERROR Cannot create pipe for listening pcb changes"    },
+             std::tuple{"pthread_create", false, "ERROR Could not create thread for dbus handling"       },
     }) {
         SCOPED_TRACE(call);
         snprintf(steering().refused, sizeof steering().refused, "%s", call);
-        auto daemon = startDaemon(daemonConfiguration("https://127.0.0.1:1", "/none"), KSteered);
-        EXPECT_EQ(daemon->wait(), 1);
+        auto daemon = startDaemon(
+            (detaches ? "demonize-process=true\n" : "") + daemonConfiguration("https://127.0.0.1:1", "/none"),
+            KSteered);
+        EXPECT_EQ(daemon->wait(), strcmp(call, "setsid") == 0 ? 0 : 1);  // there, the child fails
         log.next(line);
-        EXPECT_FALSE(exists(KPidFile));
+        EXPECT_TRUE(waitFor([] { return !exists(KPidFile); }));
         EXPECT_EQ(daemon->output(), "");
     }
 }

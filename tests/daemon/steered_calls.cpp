@@ -68,6 +68,10 @@ static bool isRefused(const char* call) {
     return strcmp(steering().refused, call) == 0;
 }
 
+WRAP(pid_t, fork) { return isRefused("fork") ? -1 : __real_fork(); }
+
+WRAP(pid_t, setsid) { return isRefused("setsid") ? -1 : __real_setsid(); }
+
 WRAP(int, pipe2, int* ends, int flags) { return isRefused("pipe2") ? -1 : __real_pipe2(ends, flags); }
 
 WRAP(int, pthread_create, pthread_t* thread, const pthread_attr_t* attributes, void* (*entry)(void*), void* argument) {
