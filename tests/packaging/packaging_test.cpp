@@ -14,7 +14,7 @@
 using namespace world;
 using Words = std::set<std::string>;
 
-static const std::string KRoot = "/var/run/root";
+static const std::string KRoot = "/var/run/root", KUnits = KRoot + "/usr/lib/systemd/system/";
 
 // Runs a program that must succeed; what it prints.
 static std::string output(const std::vector<std::string>& words) {
@@ -23,70 +23,50 @@ static std::string output(const std::vector<std::string>& words) {
     return text;
 }
 
+// The first group of each match in a text.
+static Words found(const std::string& text, const char* pattern) {
+    const std::regex regex(pattern);
+    return {std::sregex_token_iterator(text.begin(), text.end(), regex, 1), std::sregex_token_iterator()};
+}
+
 // Installs a component into an empty folder: its files, each behind its mode.
 static Words install(const std::string& component) {
     std::filesystem::remove_all(KRoot);
     output({"env", "DESTDIR=" + KRoot, "cmake", "--install", ORSM_BUILD_FOLDER, "--component", component});
-    Words files;
-    for (const auto& entry : std::filesystem::recursive_directory_iterator(KRoot)) {
-        if (entry.is_directory()) continue;
-        char mode[8];
-        snprintf(mode, sizeof mode, "%o ", static_cast<unsigned>(entry.symlink_status().permissions()));
-        files.insert(mode + entry.path().string().substr(KRoot.size()));
-    }
-    return files;
-}
-
-// The first group of each match in a text.
-static Words found(const std::string& text, const char* pattern) {
-    const std::regex regex(pattern);
-    Words words;
-    for (std::sregex_iterator match(text.begin(), text.end(), regex), end; match != end; ++match) {
-        words.insert((*match)[1]);
-    }
-    return words;
+    return found(output({"find", KRoot, "!", "-type", "d", "-printf", "%m /%P\n"}), "(.+)\n");
 }
 
 TEST(Installed, EachComponentHoldsExactlyItsFiles) {
     EXPECT_EQ(install("desk"), (Words{"755 /usr/bin/cloud-sim", "755 /usr/bin/pcb-bus", "755 /usr/bin/pcb-ctl"}));
     const std::string share = "644 /usr/share/", interface = share + "dbus-1/interfaces/com.corvane.orsm.";
-    const Words expected = {"755 /usr/sbin/orvoservicemanager",
-                            "644 /etc/orvoservicemanager.conf",
-                            "755 /etc/init.d/orvoservicemanager",
-                            "644 /usr/lib/systemd/system/orvoservicemanager.service",
-                            share + "dbus-1/system.d/com.corvane.orsm.conf",
-                            interface + "dyndns.xml",
-                            interface + "voltaro.xml",
-                            interface + "orvoservicesinfo.xml",
-                            share + "man/man8/orvoservicemanager.8",
-                            share + "man/man5/orvoservicemanager.conf.5",
-                            share + "man/man1/pcb-ctl.1"};
+    // clang-format off
+    const Words expected = {
+        "755 /usr/sbin/orvoservicemanager", "644 /etc/orvoservicemanager.conf", "755 /etc/init.d/orvoservicemanager",
+        "644 /usr/lib/systemd/system/orvoservicemanager.service", share + "dbus-1/system.d/com.corvane.orsm.conf",
+        interface + "dyndns.xml", interface + "voltaro.xml", interface + "orvoservicesinfo.xml",
+        share + "man/man8/orvoservicemanager.8", share + "man/man5/orvoservicemanager.conf.5",
+        share + "man/man1/pcb-ctl.1",
+    };
+    // clang-format on
     EXPECT_EQ(install("daemon"), expected);
 }
 
 TEST(Installed, TheUnitIsHardenedAndStartsTheProgramWithTheExampleConfiguration) {
     install("daemon");
-    const std::string unit = KRoot + "/usr/lib/systemd/system/orvoservicemanager.service";
+    const std::string unit = KUnits + "orvoservicemanager.service";
     const std::string judged = output({"systemd-analyze", "security", "--offline=true", "--threshold=15", unit});
     printf("figure: the unit's exposure is %s\n", found(judged, "exposure level.*: (\\S+)").begin()->c_str());
-    const std::string text = readFile(unit);
-    for (const char* line : {"Type=dbus", "BusName=com.corvane.orsm", "Restart=always", "StartLimitIntervalSec=0"}) {
-        EXPECT_NE(text.find(std::string("\n") + line + "\n"), std::string::npos) << line;
-    }
-    const std::string command = *found(text, "ExecStart=(.*)").begin();
-    EXPECT_EQ(command, "/usr/sbin/orvoservicemanager -c /etc/orvoservicemanager.conf");
+    const std::string command = "/usr/sbin/orvoservicemanager -c /etc/orvoservicemanager.conf";
+    EXPECT_EQ(found(readFile(unit), "\n((?:Type|BusName|Restart|StartLimitIntervalSec|ExecStart)=.*)"),
+              (Words{"Type=dbus", "BusName=com.corvane.orsm", "Restart=always", "StartLimitIntervalSec=0",
+                     "ExecStart=" + command}));
     // What the unit names is looked for in the tree; what a system brings itself stands in there for its own.
     std::filesystem::create_directory(KRoot + "/bin");
     std::filesystem::copy("/bin/true", KRoot + "/bin/kill");
-    using File = std::pair<const char*, const char*>;
-    for (const auto& [name, content] : {
-             File{"sysinit.target",  "[Unit]\n"                                            },
-             File{"shutdown.target", "[Unit]\n"                                            },
-             File{"dbus.service",    "[Service]\nExecStart=/bin/kill\n"                    },
-             File{"dbus.socket",     "[Socket]\nListenStream=/run/dbus/system_bus_socket\n"}
-    }) {
-        writeFile(KRoot + "/usr/lib/systemd/system/" + name, content);
-    }
+    writeFile(KUnits + "sysinit.target", "[Unit]\n");
+    writeFile(KUnits + "shutdown.target", "[Unit]\n");
+    writeFile(KUnits + "dbus.service", "[Service]\nExecStart=/bin/kill\n");
+    writeFile(KUnits + "dbus.socket", "[Socket]\nListenStream=/run/dbus/system_bus_socket\n");
     EXPECT_EQ(output({"systemd-analyze", "verify", "--man=no", "--root=" + KRoot, unit}), "");
 
     const auto dbus = startDbusDaemon();
@@ -102,23 +82,19 @@ TEST(Installed, TheUnitIsHardenedAndStartsTheProgramWithTheExampleConfiguration)
 TEST(Installed, TheInitScriptTellsProcdToTryForEverAndToSendHangups) {
     install("daemon");
     const std::string script = KRoot + "/etc/init.d/orvoservicemanager";
-    output({"sh", "-n", script});
     EXPECT_EQ(output({"shellcheck", script}), "");
-    EXPECT_EQ(output({"sh", "-c",
-                      "for name in open_instance set_param close_instance send_signal; do"
-                      "  eval \"procd_$name() { echo $name \\\"\\$@\\\"; }\"; "
-                      "done; . " +
-                          script + "; echo $START $STOP $USE_PROCD; start_service; reload_service"}),
-              "95 10 1\nopen_instance\n"
-              "set_param command /usr/sbin/orvoservicemanager -c /etc/orvoservicemanager.conf\n"
+    const std::string procd = R"(for name in open_instance set_param close_instance send_signal; do
+        eval "procd_$name() { echo $name \"\$@\"; }"; done
+        . "$0"; echo $START $STOP $USE_PROCD; start_service; reload_service)";
+    EXPECT_EQ(output({"sh", "-c", procd, script}),
+              "95 10 1\nopen_instance\nset_param command /usr/sbin/orvoservicemanager -c /etc/orvoservicemanager.conf\n"
               "set_param respawn 3600 5 0\nclose_instance\nsend_signal orvoservicemanager * HUP\n");
 }
 
 TEST(Installed, ManualsNameTheProgramsOptionsKeysAndCommandsAndNoOthers) {
     install("daemon");
-    const auto page = [](const char* name) { return KRoot + "/usr/share/man/" + name; };
-    const std::string daemon = page("man8/orvoservicemanager.8"), ctl = page("man1/pcb-ctl.1");
-    const std::string configuration = page("man5/orvoservicemanager.conf.5");
+    const std::string man = KRoot + "/usr/share/man/man", configuration = man + "5/orvoservicemanager.conf.5";
+    const std::string daemon = man + "8/orvoservicemanager.8", ctl = man + "1/pcb-ctl.1";
     EXPECT_EQ(output({"mandoc", "-T", "lint", daemon, configuration, ctl}), "");
 
     std::string usage;
@@ -126,8 +102,8 @@ TEST(Installed, ManualsNameTheProgramsOptionsKeysAndCommandsAndNoOthers) {
     EXPECT_EQ(found(readFile(daemon), "\\.It Fl (\\S+)"), found(usage, "\n-(\\S+) "));
 
     Words keys = found(readFile(ORSM_SOURCE_FOLDER "/src/main/startup_config.cpp"), "RequiredKey \\w+\\{\"(.*?)\"");
-    for (const std::string& key :
-         found(readFile(ORSM_SOURCE_FOLDER "/common/log/log_settings.cpp"), "\n    \\{\"(.*?)\", +\\w+")) {
+    const std::string settings = readFile(ORSM_SOURCE_FOLDER "/common/log/log_settings.cpp");
+    for (const std::string& key : found(settings, "\n    \\{\"(.*?)\", +\\w+")) {
         keys.insert("logger." + key);
     }
     EXPECT_EQ(found(readFile(configuration), "\\.It Ic ([a-z._-]+)"), keys);
@@ -137,15 +113,7 @@ TEST(Installed, ManualsNameTheProgramsOptionsKeysAndCommandsAndNoOthers) {
     EXPECT_EQ(found(readFile(ctl), "\\.It Fl (\\S+)"), found(usage, "\\[-(\\S+) "));
 }
 
-static std::unique_ptr<BusClient> clientOf(uid_t user, gid_t group) {
-    EXPECT_TRUE(setgroups(1, &group) == 0 && seteuid(user) == 0);
-    auto client = std::make_unique<BusClient>();
-    EXPECT_EQ(seteuid(0), 0);
-    return client;
-}
-
 TEST(Policy, OnlyRootAndTheGroupChangeSomethingAndOnlyRootOwnsTheName) {
-    constexpr gid_t KGroup = 5001, KOtherGroup = 5002;
     writeFile("/var/run/group", "root:x:0:\norvoservice:x:5001:\nothers:x:5002:\n");
     writeFile("/var/run/passwd", "root:x:0:0::/:\nmember:x:1001:5001::/:\nother:x:1002:5002::/:\n");
     if (seteuid(1002) != 0 || seteuid(0) != 0 || mount("/var/run/group", "/etc/group", "", MS_BIND, nullptr) != 0 ||
@@ -154,49 +122,45 @@ TEST(Policy, OnlyRootAndTheGroupChangeSomethingAndOnlyRootOwnsTheName) {
     }
     install("daemon");
     // As the stock system bus: calls are denied until a policy allows them.
-    writeFile("/var/run/bus.conf",
-              "<busconfig><listen>unix:path=/var/run/dbus/system_bus_socket</listen><auth>EXTERNAL</auth>"
-              "<policy context='default'><allow user='*'/><deny own='*'/><deny send_type='method_call'/>"
-              "<allow send_type='signal'/><allow send_requested_reply='true' send_type='method_return'/>"
-              "<allow send_requested_reply='true' send_type='error'/><allow receive_sender='*'/>"
-              "<allow send_destination='org.freedesktop.DBus'/></policy><include>" +
-                  KRoot + "/usr/share/dbus-1/system.d/com.corvane.orsm.conf</include></busconfig>");
+    writeFile("/var/run/bus.conf", R"(<busconfig>
+<listen>unix:path=/var/run/dbus/system_bus_socket</listen><auth>EXTERNAL</auth>
+<policy context='default'><allow user='*'/><deny own='*'/><deny send_type='method_call'/><allow send_type='signal'/>
+<allow send_requested_reply='true' send_type='method_return'/><allow send_requested_reply='true' send_type='error'/>
+<allow receive_sender='*'/><allow send_destination='org.freedesktop.DBus'/></policy>
+<include>/var/run/root/usr/share/dbus-1/system.d/com.corvane.orsm.conf</include></busconfig>)");
     Gateway gateway;
     gateway.dbus = startDbusDaemon("/var/run/bus.conf");
     gateway.start();
 
-    const std::string denied = "org.freedesktop.DBus.Error.AccessDenied";
-    const std::string unknown = "org.freedesktop.DBus.Error.UnknownMethod";
-    const std::string KName = "com.corvane.orsm", KProperties = "org.freedesktop.DBus.Properties";
+    const std::string denied = DBUS_ERROR_ACCESS_DENIED, unknown = DBUS_ERROR_UNKNOWN_METHOD;
+    const std::string name = "com.corvane.orsm", properties = DBUS_INTERFACE_PROPERTIES;
     const Words changing = {"Configure", "EnableBackend", "Set", "SetEnabled"};
     const Words methods = found(gateway.log.content(), "interface='com\\.corvane\\.orsm\\.(\\w+',member='\\w+)'");
     EXPECT_EQ(methods.size(), 9U);
-    const auto root = clientOf(0, 0);
-    root->destination = "org.freedesktop.DBus";
-    const std::string daemonsOwnName = root->call("/", "org.freedesktop.DBus", "GetNameOwner", {KName});
     size_t calls = 0, refused = 0;
     using User = std::pair<uid_t, gid_t>;
-    for (const auto& [user, group] : {
-             User{0,    0          },
-             User{1001, KGroup     },
-             User{1002, KOtherGroup}
-    }) {
-        const auto client = clientOf(user, group);
-        const int owned = dbus_bus_request_name(client->connection(), KName.c_str(), 0, nullptr);
-        EXPECT_EQ(owned, user == 0 ? DBUS_REQUEST_NAME_REPLY_IN_QUEUE : -1);
-        EXPECT_EQ(client->call("/", "org.freedesktop.DBus.Peer", "Ping"), "");
-        EXPECT_TRUE(client->call("/dyndns", "org.freedesktop.DBus.Introspectable", "Introspect").starts_with("<!"));
+    constexpr gid_t KOtherGroup = 5002;
+    for (const auto& [user, group] : {User(0, 0), User(1001, 5001), User(1002, KOtherGroup)}) {
+        EXPECT_TRUE(setgroups(1, &group) == 0 && seteuid(user) == 0);
+        BusClient client;
+        EXPECT_EQ(seteuid(0), 0);
+        EXPECT_EQ(dbus_bus_request_name(client.connection(), name.c_str(), 0, nullptr),
+                  user ? -1 : DBUS_REQUEST_NAME_REPLY_IN_QUEUE);
+        EXPECT_EQ(client.call("/", DBUS_INTERFACE_PEER, "Ping"), "");
+        EXPECT_TRUE(client.call("/dyndns", DBUS_INTERFACE_INTROSPECTABLE, "Introspect").starts_with("<!"));
+        client.destination = DBUS_SERVICE_DBUS;
+        const std::string owner = client.call("/", DBUS_INTERFACE_DBUS, "GetNameOwner", {name});
         for (const std::string& method : methods) {
-            const std::string service = method.substr(0, method.find('\'')),
-                              name = method.substr(method.rfind('\'') + 1);
-            const bool allowed = group != KOtherGroup || !changing.contains(name);
-            for (const std::string& interface : {KName + "." + service, std::string(), KName, KProperties}) {
-                const bool served = interface != KName && interface != KProperties;
-                for (const std::string& destination : {KName, daemonsOwnName}) {
-                    SCOPED_TRACE(std::to_string(user) + " " + destination + " " + interface + "." + name);
+            const std::string service = method.substr(0, method.find('\''));
+            const std::string member = method.substr(method.rfind('\'') + 1);
+            const bool allowed = group != KOtherGroup || !changing.contains(member);
+            for (const std::string& interface : {name + "." + service, std::string(), name, properties}) {
+                const bool served = interface != name && interface != properties;
+                for (const std::string& destination : {name, owner}) {
+                    SCOPED_TRACE(std::to_string(user) + " " + destination + " " + interface + "." + member);
                     const size_t before = gateway.log.count("Method call: ");
-                    client->destination = destination;
-                    const std::string reply = client->call("/" + service, interface, name);
+                    client.destination = destination;
+                    const std::string reply = client.call("/" + service, interface, member);
                     EXPECT_EQ(reply.starts_with("org.") ? reply : "", !allowed ? denied : served ? "" : unknown);
                     EXPECT_EQ(gateway.log.count("Method call: "), before + (allowed && served));
                     ++calls;
