@@ -14,14 +14,13 @@
 #include "src/main/data_model_watch.h"
 #include "tests/fuzz/fuzz.h"
 #include "tests/world/world.h"
+#include "tests/world/wrap.h"
 
 Bus iBus;
 static int iSilentEnd = -1;  // of a bus that has said all before its client asks
 
 // The bus works in this thread, while its client waits for it.
-extern "C" int __real_poll(pollfd* waited, nfds_t count, int milliseconds);
-extern "C" int __wrap_poll(pollfd* waited, nfds_t count, int milliseconds);
-int __wrap_poll(pollfd* waited, nfds_t count, int milliseconds) {
+WRAP(int, poll, pollfd* waited, nfds_t count, int milliseconds) {
     int ready = __real_poll(waited, count, 0);
     for (int pass = 0; iBus.firstClient && !ready && pass < 10; ++pass) {
         event_base_loop(iBus.base, EVLOOP_NONBLOCK);
@@ -80,11 +79,11 @@ void fuzzBusFrames(std::string_view bytes) {
     const Pair pair(bytes);
     const Client* const others = iBus.firstClient;
     serveClient(pair.ends[0]);
-    static std::string& answers = *new std::string(1 << 20, 0);
+    static char answers[1 << 20];
     size_t length = 0;
     for (int idle = 0; idle < 2;) {
         event_base_loop(iBus.base, EVLOOP_NONBLOCK);
-        const ssize_t count = recv(pair.ends[1], &answers[length], answers.size() - length, 0);
+        const ssize_t count = recv(pair.ends[1], answers + length, sizeof answers - length, 0);
         count > 0 ? length += static_cast<size_t>(count) : static_cast<size_t>(++idle);
     }
     close(pair.ends[1]);
@@ -92,7 +91,7 @@ void fuzzBusFrames(std::string_view bytes) {
         event_base_loop(iBus.base, EVLOOP_NONBLOCK);
     }
     stopGateway();
-    for (std::string_view rest(answers.data(), length); rest.find('\n') != std::string_view::npos;) {
+    for (std::string_view rest(answers, length); rest.find('\n') != std::string_view::npos;) {
         require(jsonCount(parseJson(takeLine(&rest).c_str()).get(), KWireId));
     }
 }
@@ -111,9 +110,9 @@ void fuzzClientFrames(std::string_view bytes) {
     iPcbContext = newContext(pair.ends[0]);
     connection_info_t* connection = &iPcbContext->pcb->connection;
     std::swap(connection->in, received);
-    request_t* const requests[] = {listenToChangesInPcbObject("OrvoService.DynDNS"), executeWanChangeQuery("openQuery"),
-                                   executeWanChangeQuery("hasFlag"),
-                                   listenToCustomNotificationsFromPcbObject("DNS.Server")};
+    const std::vector<request_t*> requests{listenToChangesInPcbObject("OrvoService.DynDNS"),
+                                           executeWanChangeQuery("openQuery"), executeWanChangeQuery("hasFlag"),
+                                           listenToCustomNotificationsFromPcbObject("DNS.Server")};
     (void)easyGetPcbParamAsString(iPcbContext, "NMC.HomeAutomation", "HA-ID");
     (void)easyGetPcbObject(iPcbContext, "OrvoService");
     (void)easyExecutePcbFunction(iPcbContext, "NeMo.Intf.data", "hasFlag");
@@ -122,9 +121,7 @@ void fuzzClientFrames(std::string_view bytes) {
         connection_handleEvents(&list.list);
         drainPendingWork();
     } while (holdsFrame(connection));
-    for (request_t* request : requests) {
-        freePcbRequestObject(request);
-    }
+    std::for_each(requests.begin(), requests.end(), freePcbRequestObject);
     freePcbRequestObject(std::exchange(iRequestWanChangeNotify, nullptr));
     releasePendingCgNatChecks();
     std::swap(connection->in, received);

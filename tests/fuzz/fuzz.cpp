@@ -2,7 +2,6 @@
 #include "tests/fuzz/fuzz.h"
 
 #include <csignal>
-#include <cstdint>
 #include <cstring>
 #include <map>
 
@@ -10,21 +9,20 @@
 #include "platform/pcb/odl.h"
 #include "src/main/startup_config.h"
 
-extern "C" int LLVMFuzzerInitialize(int*, char***);
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size);
-
 static Target* iTarget;
 
 int LLVMFuzzerInitialize(int*, char***) {
+    // clang-format off
     const std::map<std::string, Target*> targets{
-        {"configuration", fuzzConfiguration}, // text
-        {"definition",    fuzzDefinition   }, // text
-        {"bus-frames",    fuzzBusFrames    }, // what a client sends to the bus
-        {"client-frames", fuzzClientFrames }, // what the bus sends to a client
-        {"calls",         fuzzCalls        }, // a marshalled D-Bus message, or a method's letter and a line an argument
-        {"answers",       fuzzAnswers      }, // the letter of what asks the servers, and a line an answer
-        {"records",       fuzzRecords      }, // what stands in the event pipe
+        // Text.
+        {"configuration", fuzzConfiguration}, {"definition", fuzzDefinition},
+        // What a client sends to the bus, and what the bus sends to a client.
+        {"bus-frames", fuzzBusFrames}, {"client-frames", fuzzClientFrames},
+        // A marshalled D-Bus message, or a method's letter and a line an argument; the letter of what asks the servers,
+        // and a line an answer; what stands in the event pipe.
+        {"calls", fuzzCalls}, {"answers", fuzzAnswers}, {"records", fuzzRecords},
     };
+    // clang-format on
     iTarget = targets.at(textOrEmpty(getenv("FUZZ_TARGET")));
     return signal(SIGPIPE, SIG_IGN) == SIG_ERR;
 }

@@ -1,11 +1,15 @@
 // The fuzz targets: each takes the bytes of one input and ends the process where the program breaks a promise.
 #pragma once
 
+#include <cstdint>
 #include <cstdlib>
 #include <string>
 #include <string_view>
 
 #include "pcblib/pcbclient.h"
+
+extern "C" int LLVMFuzzerInitialize(int*, char***);
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size);
 
 using Target = void(std::string_view bytes);
 Target fuzzConfiguration, fuzzDefinition, fuzzBusFrames, fuzzClientFrames, fuzzCalls, fuzzAnswers, fuzzRecords;

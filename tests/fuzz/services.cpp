@@ -45,20 +45,16 @@ PcbContext* iBusPcbClient;
 PcbContext* helperPcbDataModelClient() { return iBusPcbClient; }
 void saveOrvoServiceData() {}
 
-static constexpr struct {
-    const char *interface, *method;
-    message_bus_method_callback handler;
-} KMethods[] = {
-    {"com.corvane.orsm.dyndns",           "IsEnabled",     handleDynDnsMethodCall          },
-    {"com.corvane.orsm.dyndns",           "GetName",       handleDynDnsMethodCall          },
-    {"com.corvane.orsm.dyndns",           "IsNameTaken",   handleDynDnsMethodCall          },
-    {"com.corvane.orsm.dyndns",           "Configure",     handleDynDnsMethodCall          },
-    {"com.corvane.orsm.dyndns",           "SetEnabled",    handleDynDnsMethodCall          },
-    {"com.corvane.orsm.voltaro",          "Set",           handleVoltaroMethodCall         },
-    {"com.corvane.orsm.voltaro",          "Get",           handleVoltaroMethodCall         },
-    {"com.corvane.orsm.voltaro",          "EnableBackend", handleVoltaroMethodCall         },
-    {"com.corvane.orsm.orvoservicesinfo", "Get",           handleOrvoServicesInfoMethodCall},
+// clang-format off
+static constexpr struct { const char* interface; message_bus_method_callback handler; } KServices[] = {
+    {"com.corvane.orsm.dyndns", handleDynDnsMethodCall}, {"com.corvane.orsm.voltaro", handleVoltaroMethodCall},
+    {"com.corvane.orsm.orvoservicesinfo", handleOrvoServicesInfoMethodCall},
 };
+static constexpr struct { int service; const char* name; } KMethods[] = {
+    {0, "IsEnabled"}, {0, "GetName"}, {0, "IsNameTaken"}, {0, "Configure"}, {0, "SetEnabled"},
+    {1, "Set"}, {1, "Get"}, {1, "EnableBackend"}, {2, "Get"},
+};
+// clang-format on
 
 // The state in which every input begins.
 static void startOver(const char* haId, TriState all) {
@@ -79,11 +75,10 @@ static void makeCall(DBusMessage* call) {
     bool taken = false;
     iReplies = 0;
     for (const auto& method : KMethods) {
-        listener only{};
-        only.name = copyText(method.method);
+        listener only{copyText(method.name), nullptr};
         message_bus service{};
-        service.name = copyText(method.interface);
-        service.methodCallback = method.handler;
+        service.name = copyText(KServices[method.service].interface);
+        service.methodCallback = KServices[method.service].handler;
         service.methodListeners = &only;
         taken = taken || handle_message(nullptr, call, &service) == DBUS_HANDLER_RESULT_HANDLED;
     }
@@ -93,7 +88,8 @@ static void makeCall(DBusMessage* call) {
 // A message from a method's letter, and a line for each argument whose first letter is its type.
 static OwnedMessage buildCall(std::string_view text) {
     const auto& method = KMethods[static_cast<unsigned char>(takeLine(&text)[0] - 'a') % std::size(KMethods)];
-    OwnedMessage call(dbus_message_new_method_call("com.corvane.orsm", "/x", method.interface, method.method));
+    const char* const interface = KServices[method.service].interface;
+    OwnedMessage call(dbus_message_new_method_call("com.corvane.orsm", "/x", interface, method.name));
     dbus_message_set_serial(call.get(), 1);
     while (!text.empty()) {
         const std::string line = takeLine(&text);
@@ -109,9 +105,8 @@ static OwnedMessage buildCall(std::string_view text) {
 void fuzzCalls(std::string_view bytes) {
     startOver("id", TRI_TRUE);
     const bool isMessage = bytes.starts_with(DBUS_LITTLE_ENDIAN) || bytes.starts_with(DBUS_BIG_ENDIAN);
-    const OwnedMessage call =
-        isMessage ? OwnedMessage(dbus_message_demarshal(bytes.data(), static_cast<int>(bytes.size()), nullptr))
-                  : buildCall(bytes);
+    const OwnedMessage call(isMessage ? dbus_message_demarshal(bytes.data(), static_cast<int>(bytes.size()), nullptr)
+                                      : buildCall(bytes).release());
     // What the first request of each method needs to succeed, and what the cloud says then.
     iAnswers = R"({"status":"SUCCESS","available":true,"params":"{\"email\":\"e@x\",\"password\":\"p&w\"}"}
 {"status":"ok","authToken":"t"}
@@ -133,12 +128,10 @@ void fuzzRecords(std::string_view bytes) {
     startOver("", TRI_UNKNOWN);
     static int* const ends = createPipeForProvidingChangesInDataModel(iBusEventBase);
     static constexpr char KAnswer[] = R"({"status":"SUCCESS","dynDNS":{"name":"home","enabled":true}})";
-    while (!bytes.empty()) {
+    for (; !bytes.empty(); bytes.remove_prefix(std::min(sizeof(EventRecord), bytes.size()))) {
         iAnswers = KAnswer;
-        const std::string_view record = bytes.substr(0, sizeof(EventRecord));
-        require(write(ends[1], record.data(), record.size()) > 0);
+        require(write(ends[1], bytes.data(), std::min(sizeof(EventRecord), bytes.size())) > 0);
         handleEventPipeRecord(ends[0], 0, nullptr);
-        bytes.remove_prefix(record.size());
         require(strlen(iHomeAutomationId) < KHomeAutomationIdSize);
     }
     iAnswers = KAnswer;

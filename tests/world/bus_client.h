@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <queue>
 #include <string>
 #include <variant>
 #include <vector>
@@ -25,8 +26,7 @@ class BusClient {
         dbus_connection_close(connection_);
         dbus_connection_unref(connection_);
     }
-    BusClient(const BusClient&) = delete;
-    BusClient& operator=(const BusClient&) = delete;
+    BusClient(BusClient&&) = delete;
 
     DBusConnection* connection() { return connection_; }
 
@@ -57,24 +57,18 @@ class BusClient {
         const char* text = nullptr;
         if (dbus_message_get_args(reply, nullptr, DBUS_TYPE_STRING, &text, DBUS_TYPE_INVALID)) return text;
         dbus_bool_t flag = false;
-        if (!dbus_message_get_args(reply, nullptr, DBUS_TYPE_BOOLEAN, &flag, DBUS_TYPE_INVALID)) {
-            return dbus_message_get_signature(reply);
-        }
-        return flag ? "true" : "false";
+        const bool isFlag = dbus_message_get_args(reply, nullptr, DBUS_TYPE_BOOLEAN, &flag, DBUS_TYPE_INVALID);
+        return !isFlag ? dbus_message_get_signature(reply) : flag ? "true" : "false";
     }
 
     /// Calls a method and waits for what textOf makes of the reply.
     std::string call(const std::string& path, const std::string& interface, const std::string& method,
                      const BusArguments& arguments = {}) {
-        DBusMessage* request = message(path, interface, method, arguments);
+        DBusMessage* const request = message(path, interface, method, arguments);
         dbus_message_set_destination(request, destination.c_str());
-        DBusError error;
-        dbus_error_init(&error);
-        DBusMessage* reply = dbus_connection_send_with_reply_and_block(connection_, request, 60'000, &error);
-        const std::string text = reply ? textOf(reply) : error.name;
-        if (reply) dbus_message_unref(reply);
-        dbus_error_free(&error);
-        dbus_message_unref(request);
+        std::string text = DBUS_ERROR_DISCONNECTED;
+        callMany(
+            1, 1, [=](int) { return request; }, [&](DBusMessage* reply) { text = textOf(reply); });
         return text;
     }
 
@@ -82,27 +76,20 @@ class BusClient {
     /// `answered` gets its reply. False when the bus is lost.
     bool callMany(int calls, int outstanding, const std::function<DBusMessage*(int)>& make,
                   const std::function<void(DBusMessage*)>& answered) {
-        struct Progress {
-            const std::function<void(DBusMessage*)>& answered;
-            int sent = 0, done = 0;
-        } progress{answered};
-        while (progress.done < calls) {
-            for (; progress.sent < calls && progress.sent - progress.done < outstanding; ++progress.sent) {
-                DBusMessage* call = make(progress.sent);
-                DBusPendingCall* pending = nullptr;
-                if (!dbus_connection_send_with_reply(connection_, call, &pending, DBUS_TIMEOUT_INFINITE)) return false;
+        std::queue<DBusPendingCall*> waiting;
+        for (int sent = 0; sent < calls || !waiting.empty();) {
+            for (; sent < calls && waiting.size() < static_cast<size_t>(outstanding); ++sent) {
+                DBusMessage* const call = make(sent);
+                const bool queued = dbus_connection_send_with_reply(connection_, call, &waiting.emplace(), 60'000);
                 dbus_message_unref(call);
-                const auto count = [](DBusPendingCall* done, void* data) {
-                    auto* all = static_cast<Progress*>(data);
-                    DBusMessage* reply = dbus_pending_call_steal_reply(done);
-                    all->answered(reply);
-                    ++all->done;
-                    dbus_message_unref(reply);
-                };
-                dbus_pending_call_set_notify(pending, count, &progress, nullptr);
-                dbus_pending_call_unref(pending);
+                if (!queued || !waiting.back()) return false;
             }
-            if (!dbus_connection_read_write_dispatch(connection_, 60'000)) return false;
+            dbus_pending_call_block(waiting.front());
+            DBusMessage* const reply = dbus_pending_call_steal_reply(waiting.front());
+            answered(reply);
+            dbus_message_unref(reply);
+            dbus_pending_call_unref(waiting.front());
+            waiting.pop();
         }
         return true;
     }

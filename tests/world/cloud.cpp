@@ -26,14 +26,8 @@ void Cloud::fault(const std::string& resource, const std::string& kind, unsigned
 }
 
 void Cloud::answer(const std::string& resource, int status, const std::string& body) {
-    const std::string file = directory_ + "/answer";
-    writeFile(file, body);
-    order({"fault", resource, "body", "1", std::to_string(status), "@" + file});
-}
-
-static std::string member(const cJSON* object, const char* name) {
-    const char* const text = cJSON_GetStringValue(cJSON_GetObjectItem(object, name));
-    return text ? text : "";
+    writeFile(directory_ + "/answer", body);
+    order({"fault", resource, "body", "1", std::to_string(status), "@" + directory_ + "/answer"});
 }
 
 std::vector<CloudRequest> Cloud::journal() const {
@@ -42,8 +36,10 @@ std::vector<CloudRequest> Cloud::journal() const {
     std::istringstream lines(file.substr(0, file.rfind('\n') + 1));  // the last line may still be under way
     for (std::string line; std::getline(lines, line);) {
         const std::unique_ptr<cJSON, void (*)(cJSON*)> entry(cJSON_Parse(line.c_str()), cJSON_Delete);
-        CloudRequest request = {
-            member(entry.get(), "method"), member(entry.get(), "target"), member(entry.get(), "body"), {}};
+        const auto member = [&entry](const char* name) {
+            return std::string(cJSON_GetStringValue(cJSON_GetObjectItem(entry.get(), name)));
+        };
+        CloudRequest request = {member("method"), member("target"), member("body"), {}};
         const cJSON* header = nullptr;
         cJSON_ArrayForEach(header, cJSON_GetObjectItem(entry.get(), "headers")) {
             request.headers.emplace_back(cJSON_GetStringValue(header));

@@ -3,11 +3,10 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <fstream>
@@ -15,12 +14,6 @@
 #include <stdexcept>
 
 namespace world {
-
-// What ran in this test, for the report when it fails.
-static std::vector<std::string>& outputs() {
-    static std::vector<std::string> paths;
-    return paths;
-}
 
 class World : public testing::EmptyTestEventListener {
     void OnTestProgramStart(const testing::UnitTest&) override {
@@ -31,29 +24,19 @@ class World : public testing::EmptyTestEventListener {
         signal(SIGPIPE, SIG_IGN);
     }
     void OnTestEnd(const testing::TestInfo& test) override {
-        if (!test.result()->Failed()) return;
-        for (const std::string& path : outputs()) {
-            fprintf(stderr, "----- %s\n%s", path.c_str(), readFile(path).c_str());
-        }
+        if (test.result()->Failed()) (void)!system("tail -v -n +1 /var/log/output.* >&2");  // what ran in it
     }
 };
 
-[[maybe_unused]] static const bool KIsWorld = [] {
-    testing::UnitTest::GetInstance()->listeners().Append(new World);
-    return true;
-}();
+[[maybe_unused]] static const bool KIsWorld = (testing::UnitTest::GetInstance()->listeners().Append(new World), true);
 
 Process::Process(std::vector<std::string> arguments) {
     static std::atomic<int> serial = 0;
     const std::string name = arguments[0].substr(arguments[0].rfind('/') + 1);
     outputPath_ = "/var/log/output." + name + "." + std::to_string(++serial);
-    outputs().push_back(outputPath_);
     const int file = open(outputPath_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_APPEND, 0644);
-    std::vector<char*> raw;
-    for (std::string& argument : arguments) {
-        raw.push_back(argument.data());
-    }
-    raw.push_back(nullptr);
+    std::vector<char*> raw(arguments.size() + 1);
+    std::transform(arguments.begin(), arguments.end(), raw.begin(), [](std::string& text) { return text.data(); });
     pid_ = fork();
     if (pid_ < 0 || file < 0) throw std::runtime_error("cannot start " + name);
     if (pid_ == 0) {
@@ -97,9 +80,8 @@ int run(std::vector<std::string> arguments, std::string* output) {
 
 bool waitFor(const std::function<bool()>& condition) {
     const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-    while (!condition()) {
+    for (; !condition(); poll(nullptr, 0, 5)) {
         if (std::chrono::steady_clock::now() > end) return false;
-        poll(nullptr, 0, 5);
     }
     return true;
 }
@@ -109,9 +91,7 @@ std::string binary(const std::string& name) { return std::string(ORSM_BINARY_FOL
 std::string readFile(const std::string& path, size_t from) {
     std::ifstream file(path, std::ios::binary);
     file.seekg(static_cast<std::streamoff>(from));
-    std::ostringstream content;
-    content << file.rdbuf();
-    return content.str();
+    return (std::ostringstream() << file.rdbuf()).str();
 }
 
 void writeFile(const std::string& path, std::string_view content) {
@@ -120,18 +100,16 @@ void writeFile(const std::string& path, std::string_view content) {
 
 std::string LogReader::next(std::string_view text) {
     std::string line;
-    (void)waitFor([&] {
+    const bool came = waitFor([&] {
         const std::string rest = readFile(path_, position_);
-        const size_t found = rest.find(text);
-        if (found == std::string::npos) return false;
-        const size_t end = rest.find('\n', found);
+        const size_t found = rest.find(text), end = rest.find('\n', found);
         if (end == std::string::npos) return false;
         const size_t begin = rest.rfind('\n', found) + 1;
         line = rest.substr(begin, end - begin);
         position_ += end + 1;
         return true;
     });
-    EXPECT_FALSE(line.empty()) << "no log line holds: " << text;
+    EXPECT_TRUE(came) << "no log line holds: " << text;
     return line;
 }
 
@@ -144,33 +122,25 @@ size_t LogReader::count(std::string_view text) const {
     return lines;
 }
 
-static bool listens(const char* path) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    snprintf(address.sun_path, sizeof address.sun_path, "%s", path);
-    const int connection = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    const bool connected = connect(connection, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
-    close(connection);
-    return connected;
-}
-
-static std::unique_ptr<Process> startListener(std::vector<std::string> arguments, const char* socketPath) {
-    unlink(socketPath);
+// Starts a bus and waits until it says where it listens.
+static std::unique_ptr<Process> startListener(const std::string& socketPath, std::vector<std::string> arguments) {
+    unlink(socketPath.c_str());
     auto process = std::make_unique<Process>(std::move(arguments));
-    if (!waitFor([&] { return listens(socketPath) || !process->running(); }) || !process->running()) {
-        throw std::runtime_error("nothing listens at " + std::string(socketPath) + ": " + process->output());
+    const auto listens = [&] { return process->output().find(socketPath) != std::string::npos; };
+    if (!waitFor([&] { return listens() || !process->running(); }) || !process->running()) {
+        throw std::runtime_error("nothing listens at " + socketPath + ": " + process->output());
     }
     return process;
 }
 
 std::unique_ptr<Process> startDbusDaemon(const std::string& configuration) {
-    return startListener({"dbus-daemon", "--nofork", "--nopidfile", "--config-file=" + configuration},
-                         "/var/run/dbus/system_bus_socket");
+    return startListener("/var/run/dbus/system_bus_socket", {"dbus-daemon", "--nofork", "--nopidfile",
+                                                             "--print-address", "--config-file=" + configuration});
 }
 
 std::unique_ptr<Process> startPcbBus(const std::string& definition) {
-    return startListener({binary("pcb-bus"), "--socket", "/var/run/pcb_sys", "--definition", definition},
-                         "/var/run/pcb_sys");
+    return startListener("/var/run/pcb_sys",
+                         {binary("pcb-bus"), "--socket", "/var/run/pcb_sys", "--definition", definition});
 }
 
 }  // namespace world

@@ -18,8 +18,7 @@ class Process {
     /// Starts `arguments[0]` (a path, or a name looked up in PATH).
     explicit Process(std::vector<std::string> arguments);
     ~Process();
-    Process(const Process&) = delete;
-    Process& operator=(const Process&) = delete;
+    Process(Process&&) = delete;
 
     pid_t pid() const { return pid_; }
     bool running();
