@@ -8,23 +8,33 @@
 
 using namespace world;
 
-TEST(CommandLine, AcceptsTwoFormsAndExplainsThemOtherwise) {
+TEST(CommandLine, OrConfigurationThatCannotBeUsedIsExplained) {
     const std::string usage =
         "Usage:\n-c configuration-file-path - run with configuration from given path\n-v - prints version\n";
+    std::string missing, all = "Configuration file broken or no required parameters given\n";
+    const std::string broken = all, unreadable = "Error loading configuration file from path ";
+    for (const char* key : {"demonize-process", "orvoservicesinfo", "serverrequests.voltaroserver",
+                            "serverrequests.applicationserver", "serverrequests.pathtocabundlefile"}) {
+        missing = std::string("Missing ") + key + " key in config file\n";
+        all.insert(0, missing);
+    }
+    writeFile("/var/run/empty", "");
+    writeFile("/var/run/other", "Orvoservicesinfo=x\n");
+    writeFile("/var/run/four",
+              "demonize-process=no\nserverrequests.voltaroserver=\norvoservicesinfo=\n"
+              "serverrequests.applicationserver=u\n");
+    writeFile("/var/run/line", "no equals sign\n");
+    // clang-format off
     const std::pair<std::vector<std::string>, std::string> cases[] = {
-        {{"-v"},           "Version: 0.4.0\n"                                  },
-        {{},               usage                                               },
-        {{"-v", "x"},      usage                                               },
-        {{"-c"},           usage                                               },
-        {{"-vx"},          usage                                               },
-        {{"-cfoo"},        usage                                               },
-        {{"-c", "a", "b"}, usage                                               },
-        {{"-c", "/none"},  "Error loading configuration file from path /none\n"},
-        {{"-c", "/var"},   "Error loading configuration file from path /var\n" },
+        {{"-v"}, "Version: 0.4.0\n"}, {{}, usage}, {{"-v", "x"}, usage}, {{"-c"}, usage}, {{"-vx"}, usage},
+        {{"-cfoo"}, usage}, {{"-c", "a", "b"}, usage},
+        {{"-c", "/none"}, unreadable + "/none\n"}, {{"-c", "/var"}, unreadable + "/var\n"},
+        {{"-c", "/var/run/empty"}, all}, {{"-c", "/var/run/other"}, all}, {{"-c", "/var/run/four"}, missing + broken},
+        {{"-c", "/var/run/line"}, unreadable + "/var/run/line\n"},
     };
-    for (const auto& [arguments, expected] : cases) {
-        std::vector<std::string> command = {binary("orvoservicemanager")};
-        command.insert(command.end(), arguments.begin(), arguments.end());
+    // clang-format on
+    for (auto [command, expected] : cases) {
+        command.insert(command.begin(), binary("orvoservicemanager"));
         std::string output;
         EXPECT_EQ(run(command, &output), 1);
         EXPECT_EQ(output, expected);
@@ -32,49 +42,23 @@ TEST(CommandLine, AcceptsTwoFormsAndExplainsThemOtherwise) {
     EXPECT_FALSE(exists(KPidFile));
 }
 
-TEST(Configuration, EveryMissingKeyIsNamedInOrder) {
-    const std::string broken = "Configuration file broken or no required parameters given\n";
-    std::string all;
-    for (const char* key : {"serverrequests.pathtocabundlefile", "serverrequests.applicationserver",
-                            "serverrequests.voltaroserver", "orvoservicesinfo", "demonize-process"}) {
-        all += std::string("Missing ") + key + " key in config file\n";
-    }
-    const std::string oneIsMissing =
-        "demonize-process=false\nserverrequests.voltaroserver=\norvoservicesinfo=\n"
-        "serverrequests.applicationserver=u\n";
-    const std::pair<std::string, std::string> cases[] = {
-        {"",                     all + broken                                                             },
-        {"Orvoservicesinfo=x\n", all + broken                                                             },
-        {oneIsMissing,           "Missing serverrequests.pathtocabundlefile key in config file\n" + broken},
-        {"no equals sign\n",     "Error loading configuration file from path /var/run/orsm.conf\n"        },
-    };
-    for (const auto& [text, output] : cases) {
-        auto daemon = startDaemon(text);
-        EXPECT_EQ(daemon->wait(), 1);
-        EXPECT_EQ(daemon->output(), output);
-    }
-    EXPECT_FALSE(exists(KPidFile));
-}
-
 TEST(StartUp, WithoutItsBusesItsNameOrItsPidFileItEndsWithOne) {
     LogReader log(KDaemonLog);
     const std::string configuration = daemonConfiguration("https://127.0.0.1:1", "/none");
-    const auto fails = [&](std::initializer_list<const char*> lines) {
+    const auto fails = [&](const char* first, const char* second) {
         EXPECT_EQ(startDaemon(configuration)->wait(), 1);
-        for (const char* line : lines) {
-            log.next(line);
-        }
+        log.next(first);
+        log.next(second);
         log.next("ERROR Cannot enable dbus");
         EXPECT_FALSE(exists(KPidFile));
     };
-    fails({"ERROR Failed to connect to pcb://ipc:{/var/run/pcb_sys} (0x0001"});
+    fails("OrvoServiceManager version 0.4.0", "ERROR Failed to connect to pcb://ipc:{/var/run/pcb_sys} (0x0001");
     const auto bus = startPcbBus();
-    fails({" WARN Failed to open connection to activating message bus: ", "ERROR Cannot create"});
+    fails(" WARN Failed to open connection to activating message bus: ", "ERROR Cannot create");
     std::string policy = readFile(ORSM_SOURCE_FOLDER "/tests/world/bus.conf");
-    policy.replace(policy.find("<allow own=\"*\"/>"), 16, "<deny own=\"com.corvane.orsm\"/>");
-    writeFile("/var/run/deny.conf", policy);
+    writeFile("/var/run/deny.conf", policy.erase(policy.find("<allow own=\"*\"/>"), 16));
     const auto dbus = startDbusDaemon("/var/run/deny.conf");
-    fails({" WARN failed to request message bus name: com.corvane.orsm. Error:", "ERROR Error setting listeners"});
+    fails(" WARN failed to request message bus name: com.corvane.orsm. Error:", "ERROR Error setting listeners");
 
     std::filesystem::create_directory(KPidFile);
     EXPECT_EQ(startDaemon(configuration)->wait(), 1);
@@ -85,21 +69,18 @@ TEST(StartUp, WithoutItsBusesItsNameOrItsPidFileItEndsWithOne) {
 TEST(StartUp, DetachesWhenTheConfigurationAsksForIt) {
     Gateway gateway;
     writeFile(KPidFile, std::to_string(getpid()) + std::string(100'000, '\xFF'));  // a stale one is taken over
-    auto daemon = startDaemon(daemonConfiguration(gateway.cloud->url(), gateway.cloud->caPath(), "") +
-                              "demonize-process=false\n" /* the earlier line wins */);
+    const std::string configuration = daemonConfiguration(gateway.cloud->url(), gateway.cloud->caPath());
+    gateway.daemon = startDaemon(configuration + "demonize-process=yes\n" /* the earlier line wins */);
     gateway.log.next("Entered pcb data model event loop");
-    EXPECT_EQ(readFile(KPidFile), std::to_string(daemon->pid()) + "\n");
-    daemon->send(SIGINT);
-    EXPECT_EQ(daemon->wait(), 0);
+    EXPECT_EQ(readFile(KPidFile), std::to_string(gateway.daemon->pid()) + "\n");
+    EXPECT_EQ(gateway.end(SIGINT), 0);
 
-    std::string text = daemonConfiguration(gateway.cloud->url(), gateway.cloud->caPath());
-    text.replace(text.find("process=false"), 13, "process=yes");
-    daemon = startDaemon(text);
-    EXPECT_EQ(daemon->wait(), 0);
+    gateway.daemon = startDaemon("demonize-process=yes\n" + configuration);
+    EXPECT_EQ(gateway.daemon->wait(), 0);
     gateway.log.next("Process demonized properly");
     gateway.log.next("Entered pcb data model event loop");
-    const pid_t pid = static_cast<pid_t>(std::stol(readFile(KPidFile)));
-    EXPECT_NE(pid, daemon->pid());
+    const pid_t pid = std::stoi(readFile(KPidFile));
+    EXPECT_NE(pid, gateway.daemon->pid());
     EXPECT_NE(getsid(pid), getsid(0));
     EXPECT_NE(getsid(pid), pid);
     const std::string proc = "/proc/" + std::to_string(pid);
@@ -109,18 +90,15 @@ TEST(StartUp, DetachesWhenTheConfigurationAsksForIt) {
     }
     kill(pid, SIGTERM);
     EXPECT_TRUE(waitFor([] { return !exists(KPidFile); }));
-    gateway.log.next("Leaving pcb data model event loop");
 }
 
 TEST(StartUp, IsHeldUpByABusThatHangsButItsEndIsNot) {
     Gateway gateway;
     for (Process* hung : {gateway.dbus.get(), gateway.bus.get()}) {
-        writeFile(KDaemonLog, "");
         hung->send(SIGSTOP);
-        auto daemon = startDaemon(daemonConfiguration(gateway.cloud->url(), gateway.cloud->caPath()));
+        gateway.launch();
         ASSERT_TRUE(waitFor([] { return exists(KPidFile); }));
-        daemon->send(SIGINT);
-        EXPECT_EQ(daemon->wait(), 0);
+        EXPECT_EQ(gateway.end(SIGINT), 0);
         EXPECT_EQ(gateway.log.count("WARN") + gateway.log.count("ERROR"), 0U) << "it waited for the bus";
         EXPECT_FALSE(exists(KPidFile));
         hung->send(SIGCONT);
