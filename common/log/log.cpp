@@ -196,16 +196,28 @@ static bool takesNow(int file, size_t length) {
     return unread == 0 ? static_cast<int>(length) <= capacity : 2 * unread + 3 * PIPE_BUF <= capacity;
 }
 
-// Waits two seconds for a reader that has stopped reading, the first time; its lines are dropped then until it reads
-// again. Without an end to the wait, the log's lock would hold both threads, and the end of the process.
+// How much of a pipe waits for its reader; -1 for what is no pipe.
+static int unreadIn(int file) {
+    int unread = 0;
+    return fcntl(file, F_GETPIPE_SZ) >= 0 && ioctl(file, FIONREAD, &unread) == 0 ? unread : -1;
+}
+
+// Waits two seconds for a reader that has stopped reading, the first time; its lines are dropped then, unless there is
+// room for them, until it reads again. Without an end to the wait, the log's lock would hold both threads, and the end
+// of the process.
 static bool waitUntilTaken(int file, size_t length) {
     static bool readerStopped = false;
+    static int unreadThen = 0;
+    if (readerStopped && unreadIn(file) < unreadThen) readerStopped = false;
     for (int tries = readerStopped ? 0 : 200; !takesNow(file, length); --tries) {
-        readerStopped = tries <= 0;
-        if (readerStopped) return false;
+        if (tries <= 0) {
+            readerStopped = true;
+            unreadThen = unreadIn(file);
+            return false;
+        }
         poll(nullptr, 0, 10);
     }
-    readerStopped = false;
+    if (readerStopped && unreadThen < 0) readerStopped = false;
     return true;
 }
 
