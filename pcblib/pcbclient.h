@@ -6,13 +6,15 @@
 #pragma once
 
 #include "common/text/text.h"
-#include "platform/pcb/pcb.h"
+#include "pcblib/platform.h"
 
 /// One client context.
 struct PcbContext {
     pcb_t* pcb;
     peer_info_t* peer;
 };
+
+extern PcbContext* iPcbContext;  // the singleton client, or null; main thread
 
 // ----- Contexts and parameters (every exchange blocks for at most 5 s and gives the gate up meanwhile)
 
@@ -103,15 +105,21 @@ void walkThroughNotificationParameters(notification_t* notification);
 void freePcbRequestObject(request_t* request);
 
 /// Queues a request (null is ignored) to be released at the end of the loop's current pass: the way out of a callback,
-/// which uses nothing of the request any more. When memory is too short to queue it, it is released at once.
+/// the request's own included. Needs no memory.
 void freePcbRequestObjectAsync(request_t* request);
 
-/// Runs until the bus connection is lost, SIGTERM or SIGINT arrives or the loop is stopped; 1 then. Without a
-/// connection it returns 0 at once.
+/// Runs until the bus connection is lost or the loop is stopped or ended; 1 then. Without a connection it returns 0 at
+/// once.
 [[nodiscard]] int startPcbDataModelEventLoop();
 
 /// Ends the loop after its current pass; from outside the loop, connection_setEventsAvailable ends the wait too.
 void stopPcbDataModelEventLoop();
+
+/// Ends the loop, or keeps it from beginning, for good: nothing takes that back. Any thread, also in a signal handler.
+void endPcbDataModelEventLoop();
+
+/// Whether the loop has to end. Main thread.
+[[nodiscard]] bool isPcbDataModelEventLoopEnding();
 
 // ----- Functions (main thread, except easyExecutePcbFunction)
 

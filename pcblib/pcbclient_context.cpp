@@ -1,4 +1,6 @@
 // Client contexts: connecting and disconnecting.
+#include <signal.h>
+
 #include "pcblib/pcbclient_internal.h"
 
 static constexpr char KClientName[] = "tarvik_pcb_client";
@@ -8,8 +10,42 @@ PcbContext* iPcbContext;
 
 static int iPcbLibraryUsers;
 
+namespace {
+
+// SIGTERM and SIGINT stay the program's, whatever the library makes of them while it is set up. They wait meanwhile:
+// one that came in between would be the library's.
+struct KeepEndSignals {
+    KeepEndSignals() {
+        sigset_t both;
+        sigemptyset(&both);
+        sigaddset(&both, SIGTERM);
+        sigaddset(&both, SIGINT);
+        pthread_sigmask(SIG_BLOCK, &both, &mask_);
+        sigaction(SIGTERM, nullptr, &terminate_);
+        sigaction(SIGINT, nullptr, &interrupt_);
+    }
+    ~KeepEndSignals() {
+        sigaction(SIGTERM, &terminate_, nullptr);
+        sigaction(SIGINT, &interrupt_, nullptr);
+        pthread_sigmask(SIG_SETMASK, &mask_, nullptr);
+    }
+    KeepEndSignals(const KeepEndSignals&) = delete;
+    KeepEndSignals& operator=(const KeepEndSignals&) = delete;
+
+  private:
+    sigset_t mask_;
+    struct sigaction terminate_, interrupt_;
+};
+
+}  // namespace
+
+static bool initLibrary() {
+    const KeepEndSignals keep;
+    return connection_initLibrary();
+}
+
 static bool useLibrary() {
-    if (iPcbLibraryUsers == 0 && !connection_initLibrary()) {
+    if (iPcbLibraryUsers == 0 && !initLibrary()) {
         LOG(ERROR, "Cannot init pcb library");
         return false;
     }
@@ -49,10 +85,11 @@ PcbContext* easyCreatePcbDataModelClient() {
         LOG(ERROR, "Cannot create pcb client");
         return nullptr;
     }
-    pcb_client_set_attribute(pcb.get(), PCB_CLIENT_OWN_OBJECTS, 0);
+    pcb_client_set_attribute(pcb.get(), KClientAttribute, 0);
     context->peer = pcb_client_connect(pcb.get(), KBusUri);
     if (!context->peer) {
-        LOG(ERROR, "Failed to connect to %s (0x%8.8X - %s), exiting", KBusUri, pcb_error, error_string(pcb_error));
+        const uint32_t error = pcb_error;
+        LOG(ERROR, "Failed to connect to %s (0x%8.8X - %s), exiting", KBusUri, error, error_string(error));
         return nullptr;
     }
     connection_setTerminated(false);
@@ -63,7 +100,7 @@ PcbContext* easyCreatePcbDataModelClient() {
 
 void easyDestroyPcbDataModelClient(PcbContext* context) {
     if (!context) return;
-    pcb_destroy(context->pcb);
+    if (context->pcb) pcb_destroy(context->pcb);
     free(context);
     stopUsingLibrary();
 }

@@ -12,29 +12,24 @@ void setPcbFunctionCallback(PcbFunctionCallback callback) { iFunctionExecuteCall
 
 // ----- Building and sending
 
-static request_t* createRequest(const char* path, const char* function, uint32_t flags) {
-    request_t* request = request_create_executeFunction(path, function, flags);
-    if (!request) LOG(ERROR, "Failed to create request (0x%8.8X - %s)", pcb_error, error_string(pcb_error));
-    return request;
-}
-
 request_t* prepareToExecutePcbFunction(const char* path, const char* function) {
-    return createRequest(path, function, REQUEST_FUNCTION_ASYNCHRONOUS);
+    return keepRequest(request_create_executeFunction(path, function, KCallAsynchronous));
 }
 
-// Adds what `fill` puts into a variant; nothing when there is no request or `fill` fails.
-template <class Fill>
-static int addParameter(request_t* request, const char* name, const Fill& fill) {
+// Adds what `fill` puts into a variant; nothing when there is no request, no name, nothing to put in, or `fill` fails.
+template <class Value, class Fill>
+static int addParameter(request_t* request, const char* name, Value* content, const Fill& fill) {
+    if (!request || !name || !content) return 0;
     ScopedVariant value;
-    return request && value.ready && fill(&value.variant) && request_addParameter(request, name, &value.variant);
+    return value.ready && fill(&value.variant, content) && request_addParameter(request, name, &value.variant);
 }
 
 int addStringParameter(request_t* request, const char* name, const char* value) {
-    return addParameter(request, name, [&](variant_t* variant) { return variant_setChar(variant, value); });
+    return addParameter(request, name, value, [](auto* to, auto* text) { return variant_setChar(to, text); });
 }
 
 int addMapParameter(request_t* request, const char* name, variant_map_t* map) {
-    return addParameter(request, name, [&](variant_t* variant) { return variant_setMapMove(variant, map); });
+    return addParameter(request, name, map, [](auto* to, auto* from) { return variant_setMapMove(to, from); });
 }
 
 variant_map_t* createMapParameter() {
@@ -92,10 +87,14 @@ request_t* executePcbFunction(const char* path, const char* function) {
 // ----- Results
 
 // A new text; null for no value, and for one that cannot be converted.
-static OwnedText textOf(const variant_t* value) { return OwnedText(value ? variant_char(value) : nullptr); }
+template <class Variant>
+static OwnedText textOf(Variant* value) {
+    return OwnedText(value ? variant_char(value) : nullptr);
+}
 
-static bool addArguments(cJSON* result, argument_value_list_t* arguments) {
-    for (argument_value_t* argument = argument_valueFirstArgument(arguments); argument;
+template <class List>
+static bool addArguments(cJSON* result, List* arguments) {
+    for (auto* argument = argument_valueFirstArgument(arguments); argument;
          argument = argument_valueNextArgument(argument)) {
         const char* name = textOrEmpty(argument_valueName(argument));
         const OwnedText value = textOf(argument_value(argument));
@@ -110,21 +109,21 @@ static OwnedText functionReturnToJson(reply_item_t* item) {
     const OwnedJson result(cJSON_CreateObject());
     const OwnedText returned = textOf(reply_item_returnValue(item));
     if (!addJsonStringOrNull(result.get(), "returns", returned.get())) return nullptr;
-    argument_value_list_t* arguments = reply_item_returnArguments(item);
+    auto* arguments = reply_item_returnArguments(item);
     if (arguments && !addArguments(result.get(), arguments)) return nullptr;
     return printJson(result.get());
 }
 
 OwnedText functionExecutionResultToJson(reply_item_t* item) {
-    if (reply_item_type(item) != REPLY_ITEM_FUNCTION_RETURN) return nullptr;
+    if (reply_item_type(item) != KReplyFunctionReturn) return nullptr;
     return functionReturnToJson(item);
 }
 
 int handleAsyncFunctionReturn(request_t* request, reply_item_t* item) {
     LOG(DEBUG, "Pcb function return");
-    const int type = reply_item_type(item);
-    if (type == REPLY_ITEM_ERROR) logErrorItem(item);
-    if (type == REPLY_ITEM_FUNCTION_RETURN && iFunctionExecuteCallback) {
+    const auto type = reply_item_type(item);
+    if (type == KReplyError) logErrorItem(item);
+    if (type == KReplyFunctionReturn && iFunctionExecuteCallback) {
         const OwnedText result = functionReturnToJson(item);
         iFunctionExecuteCallback(request_path(request), request_functionName(request), result.get());
     }
@@ -135,9 +134,9 @@ int handleAsyncFunctionReturn(request_t* request, reply_item_t* item) {
 
 static int handleSyncFunctionReturn(request_t* request, reply_item_t* item) {
     LOG(DEBUG, "Pcb function return");
-    const int type = reply_item_type(item);
-    if (type == REPLY_ITEM_ERROR) logErrorItem(item);
-    if (type == REPLY_ITEM_FUNCTION_RETURN) {
+    const auto type = reply_item_type(item);
+    if (type == KReplyError) logErrorItem(item);
+    if (type == KReplyFunctionReturn) {
         LOG(DEBUG, "Function executed: object = %s, function = %s", request_path(request),
             request_functionName(request));
         free(iLastFunctionResult);
@@ -149,12 +148,12 @@ static int handleSyncFunctionReturn(request_t* request, reply_item_t* item) {
 // One wait, whatever it brings: events that are not the answer use it up.
 static void waitForResult(connection_info_t* connection) {
     ConnectionList connections(connection);
-    if (!connection) pcb_error = PCB_ERROR_NOT_CONNECTED;
+    if (!connection) pcb_error = KErrorNotConnected;
     timeval limit = {5, 0};
     const int events =
         connections.ready ? outsideGate([&] { return connection_waitForEvents(&connections.list, &limit); }) : -1;
     if (events < 0) {
-        LOG(ERROR, "Error %d (%s)", static_cast<int>(pcb_error), error_string(pcb_error));
+        logWaitFailure();
     } else if (events == 0) {
         LOG(WARN, "Easy execute PCB function - timeout");
     } else {
@@ -165,8 +164,11 @@ static void waitForResult(connection_info_t* connection) {
 const char* easyExecutePcbFunction(PcbContext* context, const char* path, const char* function) {
     if (!context) return nullptr;
     LOG(DEBUG, "Easy execute PCB function - start");
-    const OwnedRequest request(createRequest(path, function, REQUEST_FUNCTION_SYNCHRONOUS));
-    if (!request) return nullptr;
+    const OwnedRequest request(request_create_executeFunction(path, function, KCallSynchronous));
+    if (!request) {
+        logCreateFailure();
+        return nullptr;
+    }
     request_setReplyItemHandler(request.get(), handleSyncFunctionReturn);
     if (!sendRequest(context, request.get())) return nullptr;
     free(iLastFunctionResult);

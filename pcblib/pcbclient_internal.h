@@ -9,8 +9,7 @@
 [[maybe_unused]] static constexpr char KLogCategory[] = "orvoservicemanager";
 [[maybe_unused]] static constexpr char KLogModule[] = "pcblib/pcbclient";
 
-extern PcbContext* iPcbContext;  // the singleton, or null
-
+/// A request that nothing was kept for.
 struct DestroyRequest {
     void operator()(request_t* request) const { request_destroy(request); }
 };
@@ -29,13 +28,15 @@ struct ScopedVariant {
     ScopedVariant& operator=(const ScopedVariant&) = delete;
 };
 
-/// A list of one connection to wait on; `ready` is false when there is none, or it stands in another list.
+/// A list of one connection to wait on; `ready` is false when there is none.
 struct ConnectionList {
     llist_t list;
     bool ready;
 
-    explicit ConnectionList(connection_info_t* connection)
-        : ready(llist_initialize(&list) && connection && llist_append(&list, connection_listLink(connection))) {}
+    explicit ConnectionList(connection_info_t* connection) : ready(connection) {
+        (void)llist_initialize(&list);
+        if (connection) (void)llist_append(&list, connection_listLink(connection));
+    }
     ~ConnectionList() { llist_cleanup(&list); }
     ConnectionList(const ConnectionList&) = delete;
     ConnectionList& operator=(const ConnectionList&) = delete;
@@ -52,14 +53,25 @@ void releasePendingWork();
 /// Queues a call for drainPendingWork: false when memory is short.
 [[nodiscard]] bool pushPendingExecution(request_t* request);
 
+/// Logs why a request could not be created.
+void logCreateFailure();
+
+/// Takes in a request as it was created (null when that failed, which is logged), and makes what its release from a
+/// callback will need, so that this never lacks memory. The request, to be released with freePcbRequestObject, or null
+/// with nothing left. Main thread.
+[[nodiscard]] request_t* keepRequest(request_t* created);
+
 /// Sends a request through `context`; a failure is logged.
 [[nodiscard]] bool sendRequest(PcbContext* context, request_t* request);
 
 /// Installs the handler of asynchronous calls and sends through the singleton; a failure is logged.
 [[nodiscard]] bool sendPreparedFunction(request_t* request);
 
+/// Logs why a wait failed.
+void logWaitFailure();
+
 /// Logs an error item.
-void logErrorItem(const reply_item_t* item);
+void logErrorItem(reply_item_t* item);
 
 /// Makes the loop come round to the queues.
 void wakeEventLoop();

@@ -1,6 +1,8 @@
 // Subscriptions, the event loop, and the work that callbacks put off until the loop has handled the present events.
 #include <signal.h>
 
+#include <atomic>
+#include <cerrno>
 #include <memory>
 
 #include "pcblib/pcbclient_internal.h"
@@ -20,12 +22,26 @@ struct Queue {
     };
     Entry* head;
 
-    bool push(Item item) {
-        Entry* entry = static_cast<Entry*>(malloc(sizeof(Entry)));
-        if (!entry) return false;
+    void push(Item item, Entry* entry) {
         *entry = {item, head};
         head = entry;
-        return true;
+    }
+
+    bool push(Item item) {
+        Entry* entry = static_cast<Entry*>(malloc(sizeof(Entry)));
+        if (entry) push(item, entry);
+        return entry;
+    }
+
+    // The entry of an item, taken out; null when there is none.
+    Entry* take(Item item) {
+        Entry** link = &head;
+        while (*link && (*link)->item != item) {
+            link = &(*link)->next;
+        }
+        Entry* entry = *link;
+        if (entry) *link = entry->next;
+        return entry;
     }
 
     bool pop(Item* item) {
@@ -37,13 +53,7 @@ struct Queue {
     }
 
     void remove(Item item) {
-        for (Entry** link = &head; *link;) {
-            Entry* entry = *link;
-            if (entry->item != item) {
-                link = &entry->next;
-                continue;
-            }
-            *link = entry->next;
+        while (Entry* entry = take(item)) {
             free(entry);
         }
     }
@@ -56,8 +66,12 @@ static PcbParamChangedCallback iParamChangedCallback;
 static PcbCustomNotificationCallback iCustomNotificationCallback;
 static PcbRequestLostCallback iRequestLostCallback;
 
+static std::atomic<bool> iEnding = false;
+static_assert(std::atomic<bool>::is_always_lock_free, "set by a signal handler");
+
 static Queue<request_t*> iPendingExecutions;
 static Queue<request_t*> iPendingRequestReleases;
+static Queue<request_t*> iKeptRequests;              // all that live and do not wait for their release
 static Queue<char*> iPendingListens;                 // paths, owned
 static Queue<request_t*> iRequestsOfPendingListens;  // nobody else keeps these; they live as long as the client
 
@@ -74,41 +88,59 @@ void setPcbRequestLostCallback(PcbRequestLostCallback callback) { iRequestLostCa
 
 // ----- Subscriptions
 
+void logCreateFailure() {
+    const uint32_t error = pcb_error;
+    LOG(ERROR, "Failed to create request (0x%8.8X - %s)", error, error_string(error));
+}
+
+request_t* keepRequest(request_t* created) {
+    OwnedRequest request(created);
+    if (!request) {
+        logCreateFailure();
+        return nullptr;
+    }
+    if (!iKeptRequests.push(request.get())) {
+        LOG(ERROR, "No memory to keep request");
+        return nullptr;
+    }
+    return request.release();
+}
+
 bool sendRequest(PcbContext* context, request_t* request) {
     if (pcb_sendRequest(context->pcb, context->peer, request)) return true;
-    LOG(ERROR, "Failed to send request (0x%8.8X - %s)", pcb_error, error_string(pcb_error));
+    const uint32_t error = pcb_error;
+    LOG(ERROR, "Failed to send request (0x%8.8X - %s)", error, error_string(error));
     return false;
 }
 
-static request_t* listenTo(const char* path, uint32_t flags, request_reply_item_handler_t handler) {
-    OwnedRequest request(request_create_getObject(path, -1, flags));
-    if (!request) {
-        LOG(ERROR, "Failed to create request (0x%8.8X - %s)", pcb_error, error_string(pcb_error));
-        return nullptr;
-    }
-    request_setReplyItemHandler(request.get(), handler);
-    return sendRequest(iPcbContext, request.get()) ? request.release() : nullptr;
+static request_t* listenTo(const char* path, uint32_t flags, int (*handler)(request_t*, reply_item_t*)) {
+    request_t* request = keepRequest(request_create_getObject(path, -1, flags));
+    if (!request) return nullptr;
+    request_setReplyItemHandler(request, handler);
+    if (sendRequest(iPcbContext, request)) return request;
+    freePcbRequestObject(request);
+    return nullptr;
 }
 
-request_t* listenToChangesInPcbObject(const char* path) { return listenTo(path, REQUEST_WATCH, clientHandleReplyItem); }
+request_t* listenToChangesInPcbObject(const char* path) { return listenTo(path, KRequestWatch, clientHandleReplyItem); }
 
 request_t* listenToNotificationsFromPcbObject(const char* path) {
-    return listenTo(path, REQUEST_NOTIFICATIONS, clientHandleReplyItem);
+    return listenTo(path, KRequestNotifications, clientHandleReplyItem);
 }
 
 request_t* listenToCustomNotificationsFromPcbObject(const char* path) {
-    return listenTo(path, REQUEST_CUSTOM, handleAsyncCustomNotifications);
+    return listenTo(path, KRequestCustom, handleAsyncCustomNotifications);
 }
 
 // ----- Reply items
 
-void logErrorItem(const reply_item_t* item) {
-    LOG(ERROR, "Request failed, error - %d - %s - %s", reply_item_error(item), reply_item_errorDescription(item),
-        reply_item_errorInfo(item));
+void logErrorItem(reply_item_t* item) {
+    LOG(ERROR, "Request failed, error - %d - %s - %s", static_cast<int>(reply_item_error(item)),
+        reply_item_errorDescription(item), reply_item_errorInfo(item));
 }
 
 static void reportObject(object_t* object) {
-    if (!iObjectChangedCallback) return;
+    if (!object || !iObjectChangedCallback) return;
     const OwnedText path(object_pathChar(object, 0));
     if (!path) {
         LOG(ERROR, "No memory for the path of an object");
@@ -118,11 +150,11 @@ static void reportObject(object_t* object) {
 }
 
 void walkThroughChangedParameters(notification_t* notification) {
-    if (notification_type(notification) != NOTIFICATION_VALUE_CHANGED || !iParamChangedCallback) return;
-    notification_parameter_t* parameter = notification_firstParameter(notification);
+    if (!iParamChangedCallback || notification_type(notification) != KNotificationValueChanged) return;
     const char* texts[3] = {};
-    for (const char*& text : texts) {
-        text = notification_parameter_value(parameter);
+    auto* parameter = notification_firstParameter(notification);
+    for (size_t i = 0; parameter && i < 3; ++i) {
+        texts[i] = notification_parameter_value(parameter);
         parameter = notification_nextParameter(parameter);
     }
     const char* path = notification_objectPath(notification);
@@ -135,16 +167,23 @@ void walkThroughChangedParameters(notification_t* notification) {
 }
 
 void walkThroughNotificationParameters(notification_t* notification) {
-    if (!iCustomNotificationCallback || notification_type(notification) != NOTIFICATION_CUSTOM) return;
-    const char* value = notification_parameter_value(notification_firstParameter(notification));
+    if (!iCustomNotificationCallback || notification_type(notification) != KNotificationCustom) return;
+    auto* parameter = notification_firstParameter(notification);
+    const char* value = parameter ? notification_parameter_value(parameter) : nullptr;
     if (value) iCustomNotificationCallback(textOrEmpty(notification_objectPath(notification)), value);
+}
+
+// Hands on the notification of an item, if it has one.
+static void walkThrough(void (*walk)(notification_t*), reply_item_t* item) {
+    notification_t* notification = reply_item_notification(item);
+    if (notification) walk(notification);
 }
 
 int clientHandleReplyItem(request_t*, reply_item_t* item) {
     switch (reply_item_type(item)) {
-        case REPLY_ITEM_OBJECT: reportObject(reply_item_object(item)); break;
-        case REPLY_ITEM_NOTIFICATION: walkThroughChangedParameters(reply_item_notification(item)); break;
-        case REPLY_ITEM_ERROR: logErrorItem(item); break;
+        case KReplyObject: reportObject(reply_item_object(item)); break;
+        case KReplyNotification: walkThrough(walkThroughChangedParameters, item); break;
+        case KReplyError: logErrorItem(item); break;
         default: break;
     }
     return 1;
@@ -152,8 +191,8 @@ int clientHandleReplyItem(request_t*, reply_item_t* item) {
 
 int handleAsyncCustomNotifications(request_t*, reply_item_t* item) {
     switch (reply_item_type(item)) {
-        case REPLY_ITEM_NOTIFICATION: walkThroughNotificationParameters(reply_item_notification(item)); break;
-        case REPLY_ITEM_ERROR: logErrorItem(item); break;
+        case KReplyNotification: walkThrough(walkThroughNotificationParameters, item); break;
+        case KReplyError: logErrorItem(item); break;
         default: break;
     }
     return 1;
@@ -183,27 +222,23 @@ void freePcbRequestObject(request_t* request) {
     // A request that waits in a queue must not be found there once it is gone.
     iPendingExecutions.remove(request);
     iPendingRequestReleases.remove(request);
+    iKeptRequests.remove(request);
     request_destroy(request);
 }
 
 void freePcbRequestObjectAsync(request_t* request) {
     if (!request) return;
-    if (!iPendingRequestReleases.push(request)) {
-        // Memory is short. The platform library allows this from any handler, the request's own included.
-        freePcbRequestObject(request);
-        return;
-    }
+    auto* entry = iKeptRequests.take(request);
+    if (!entry) return;  // it waits for its release already
+    iPendingRequestReleases.push(request, entry);
     wakeEventLoop();
 }
 
 static void listenNow(const OwnedText path) {
-    OwnedRequest request(listenToChangesInPcbObject(path.get()));
-    if (!request) return;
-    if (!iRequestsOfPendingListens.push(request.get())) {
-        LOG(ERROR, "No memory to listen to %s", path.get());
-        return;
-    }
-    (void)request.release();  // the list's from here on
+    request_t* request = listenToChangesInPcbObject(path.get());
+    if (!request || iRequestsOfPendingListens.push(request)) return;
+    LOG(ERROR, "No memory to listen to %s", path.get());
+    freePcbRequestObject(request);
 }
 
 void drainPendingWork() {
@@ -231,7 +266,7 @@ void releasePendingWork() {
         freePcbRequestObject(request);
     }
     while (iRequestsOfPendingListens.pop(&request)) {
-        request_destroy(request);
+        freePcbRequestObject(request);
     }
     char* path = nullptr;
     while (iPendingListens.pop(&path)) {
@@ -241,16 +276,23 @@ void releasePendingWork() {
 
 // ----- The loop
 
+void logWaitFailure() {
+    const uint32_t error = pcb_error;
+    LOG(ERROR, "Error %d (%s)", static_cast<int>(error), error_string(error));
+}
+
 static void runEventLoop(connection_info_t* connection) {
     ConnectionList connections(connection);
     connection_setTerminated(false);
-    while (!connection_isTerminated()) {
+    while (!isPcbDataModelEventLoopEnding()) {
         fd_set readSet;
         fd_set writeSet;
+        FD_ZERO(&readSet);
+        FD_ZERO(&writeSet);
         const int events = connection_waitForEvents_r(&connections.list, &readSet, &writeSet);
         reloadLogIfAsked();
         if (events < 0) {
-            LOG(ERROR, "Error %d (%s)", static_cast<int>(pcb_error), error_string(pcb_error));
+            logWaitFailure();
             continue;
         }
         if (events > 0) connection_handleEvents_r(&connections.list, &readSet, &writeSet);
@@ -259,14 +301,14 @@ static void runEventLoop(connection_info_t* connection) {
 }
 
 int startPcbDataModelEventLoop() {
-    connection_info_t* connection = pcb_connection(iPcbContext ? iPcbContext->pcb : nullptr);
+    connection_info_t* connection = iPcbContext ? pcb_connection(iPcbContext->pcb) : nullptr;
     LOG(INFO, "Setting signal handlers for eveted pcb client");
-    connection_setSignalEventHandler(connection, SIGPIPE, nullptr);
+    if (connection) connection_setSignalEventHandler(connection, SIGPIPE, nullptr);
     LOG(INFO, "Entered pcb data model event loop");
     if (!connection) {
         // There is nothing to wait for: a loop would only spin.
-        pcb_error = PCB_ERROR_NOT_CONNECTED;
-        LOG(ERROR, "Error %d (%s)", static_cast<int>(pcb_error), error_string(pcb_error));
+        pcb_error = KErrorNotConnected;
+        logWaitFailure();
         return 0;
     }
     runEventLoop(connection);
@@ -276,3 +318,12 @@ int startPcbDataModelEventLoop() {
 }
 
 void stopPcbDataModelEventLoop() { connection_setTerminated(true); }
+
+void endPcbDataModelEventLoop() {
+    const int before = errno;  // a signal handler's caller keeps its own
+    iEnding = true;
+    (void)connection_setEventsAvailable();
+    errno = before;
+}
+
+bool isPcbDataModelEventLoopEnding() { return iEnding || connection_isTerminated(); }

@@ -9,7 +9,7 @@ OwnedText easyGetPcbParamAsString(PcbContext* context, const char* object, const
         return nullptr;
     }
     // The value belongs to the library.
-    const variant_t* value = outsideGate([&] { return pcb_client_get(context->peer, object, parameter); });
+    auto* value = outsideGate([&] { return pcb_client_get(context->peer, object, parameter); });
     if (!value) {
         const uint32_t error = pcb_client_error(context->pcb);
         LOG(ERROR, "Get: Failed to get object %s param %s (0x%8.8X - %s)", object, parameter, error,
@@ -85,7 +85,7 @@ OwnedText easyGetPcbParamByName(object_t* object, const char* name) {
         LOG(ERROR, "Get: pcb object is not provided");
         return nullptr;
     }
-    const parameter_t* parameter = object_getParameter(object, name);
+    auto* parameter = object_getParameter(object, name);
     if (!parameter) {
         LOG(ERROR, "Get: param %s not found", name);
         return nullptr;
@@ -95,7 +95,7 @@ OwnedText easyGetPcbParamByName(object_t* object, const char* name) {
 
 // The file is written with the gate held: an orderly end of the process waits for a save that is under way.
 static bool saveObject(object_t* object, const char* path, const char* file, const char* objectPath) {
-    if (!datamodel_save(object, -1, path, DATAMODEL_TEXT)) {
+    if (!datamodel_save(object, -1, path, KDatamodelText)) {
         LOG(WARN, "Failed to store datamodel for object %s in file %s", objectPath, file);
         return false;
     }
@@ -104,7 +104,7 @@ static bool saveObject(object_t* object, const char* path, const char* file, con
 }
 
 static bool loadObject(datamodel_t* datamodel, const char* path, const char* objectPath) {
-    if (!outsideGate([&] { return datamodel_load(datamodel, path, DATAMODEL_TEXT); })) {
+    if (!outsideGate([&] { return datamodel_load(datamodel, path, KDatamodelText); })) {
         LOG(WARN, "Failed to load datamodel from file %s", path);
         return false;
     }

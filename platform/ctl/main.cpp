@@ -112,6 +112,8 @@ static void reportError(request_t* request, reply_item_t* item) {
     while (ready > 0 && !answered && !failed && !connection_isTerminated()) {
         fd_set readSet;
         fd_set writeSet;
+        FD_ZERO(&readSet);
+        FD_ZERO(&writeSet);
         ready = rest ? connection_waitForEvents(&connections, rest)
                      : connection_waitForEvents_r(&connections, &readSet, &writeSet);
         if (ready > 0) connection_handleEvents(&connections);
@@ -127,8 +129,8 @@ static int printChange(request_t* request, reply_item_t* item) {
     if (reply_item_type(item) != REPLY_ITEM_NOTIFICATION) return 1;
     notification_t* notification = reply_item_notification(item);
     notification_parameter_t* name = notification_firstParameter(notification);
-    notification_parameter_t* before = notification_nextParameter(name);
-    notification_parameter_t* after = notification_nextParameter(before);
+    notification_parameter_t* before = name ? notification_nextParameter(name) : nullptr;
+    notification_parameter_t* after = before ? notification_nextParameter(before) : nullptr;
     if (!after) return 1;
     const bool printed =
         printf("%s %s %s -> %s\n", notification_objectPath(notification), notification_parameter_value(name),
@@ -145,11 +147,7 @@ static bool watch(const Session& session, char** words, int) {
     }
     (void)handleEvents(session, nullptr);
     if (failed) return false;
-    // A signal ended it, or the bus went; sending, which does not wait, tells which.
-    const OwnedRequest probe(request_create_getObject(words[0], 0, REQUEST_OBJECT));
-    const bool lost =
-        !pcb_sendRequest(session.client, session.peer, probe.get()) && pcb_error == PCB_ERROR_CONNECTION_LOST;
-    return !lost || complain(words[0], nullptr, error_string(pcb_error));
+    return complain(words[0], nullptr, error_string(PCB_ERROR_CONNECTION_LOST));
 }
 
 static bool addMember(cJSON* object, const char* name, const variant_t* value) {
@@ -160,7 +158,8 @@ static bool addMember(cJSON* object, const char* name, const variant_t* value) {
 static bool printResult(reply_item_t* item) {
     const OwnedJson result(cJSON_CreateObject());
     bool complete = result && addMember(result.get(), "returns", reply_item_returnValue(item));
-    argument_value_t* argument = argument_valueFirstArgument(reply_item_returnArguments(item));
+    argument_value_list_t* arguments = reply_item_returnArguments(item);
+    argument_value_t* argument = arguments ? argument_valueFirstArgument(arguments) : nullptr;
     for (; argument && complete; argument = argument_valueNextArgument(argument)) {
         complete = addMember(result.get(), argument_valueName(argument), argument_value(argument));
     }

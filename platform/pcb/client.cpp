@@ -6,7 +6,8 @@
 static constexpr std::string_view KUriBegin = "pcb://ipc:{";
 
 pcb_t* pcb_create(const char* name, uint32_t flags, const char* configuration) {
-    if (!name || flags || configuration) {
+    OWED(name);
+    if (flags || configuration) {
         fail(PCB_ERROR_INVALID_ARGUMENT);
         return nullptr;
     }
@@ -23,14 +24,15 @@ pcb_t* pcb_create(const char* name, uint32_t flags, const char* configuration) {
 }
 
 void pcb_destroy(pcb_t* pcb) {
-    if (!pcb) return;
+    OWED(pcb);
     detachRequests(pcb);
     closeConnection(&pcb->connection);
     const Owned<pcb_t> released(pcb);
 }
 
 bool pcb_client_set_attribute(pcb_t* pcb, uint32_t attribute, uint32_t value) {
-    if (!pcb || pcb_connection(pcb)) return fail(PCB_ERROR_INVALID_ARGUMENT);
+    OWED(pcb);
+    if (pcb_connection(pcb)) return fail(PCB_ERROR_INVALID_ARGUMENT);
     if (attribute == PCB_CLIENT_OWN_OBJECTS && value == 0) return true;
     if (attribute != PCB_CLIENT_PLATFORM) return fail(PCB_ERROR_INVALID_ARGUMENT);
     pcb->platform = value;
@@ -58,7 +60,9 @@ static bool introduce(pcb_t* client, int64_t deadline) {
 }
 
 peer_info_t* pcb_client_connect(pcb_t* pcb, const char* uri) {
-    if (!pcb || !uri || pcb_connection(pcb)) {
+    OWED(pcb);
+    OWED(uri);
+    if (pcb_connection(pcb)) {
         fail(PCB_ERROR_INVALID_ARGUMENT);
         return nullptr;
     }
@@ -73,12 +77,13 @@ peer_info_t* pcb_client_connect(pcb_t* pcb, const char* uri) {
 }
 
 connection_info_t* pcb_connection(pcb_t* pcb) {
-    const bool connected = pcb && (pcb->connection.socket >= 0 || pcb->connection.lost);
+    OWED(pcb);
+    const bool connected = pcb->connection.socket >= 0 || pcb->connection.lost;
     return connected ? &pcb->connection : nullptr;
 }
 
 uint32_t pcb_client_error(const pcb_t* pcb) {
-    if (!pcb) return PCB_ERROR_INVALID_ARGUMENT;
+    OWED(pcb);
     return pcb->error;
 }
 
@@ -101,13 +106,10 @@ static const variant_t* get(pcb_t* client, const char* path, const char* paramet
 }
 
 const variant_t* pcb_client_get(peer_info_t* peer, const char* objectPath, const char* parameterName) {
-    if (!peer) {
-        fail(PCB_ERROR_NOT_CONNECTED);
-        return nullptr;
-    }
-    if (objectPath && parameterName) return remember(peer->client, get(peer->client, objectPath, parameterName));
-    fail(PCB_ERROR_INVALID_ARGUMENT);
-    return remember<const variant_t*>(peer->client, nullptr);
+    OWED(peer);
+    OWED(objectPath);
+    OWED(parameterName);
+    return remember(peer->client, get(peer->client, objectPath, parameterName));
 }
 
 bool setOnBus(pcb_t* client, const char* path, const char* parameter, const char* text) {
@@ -120,8 +122,9 @@ bool setOnBus(pcb_t* client, const char* path, const char* parameter, const char
 }
 
 bool pcb_client_set(peer_info_t* peer, const char* objectPath, const char* parameterName, const variant_t* value) {
-    if (!peer) return fail(PCB_ERROR_NOT_CONNECTED);
-    if (!objectPath || !parameterName) return remember(peer->client, fail(PCB_ERROR_INVALID_ARGUMENT));
+    OWED(peer);
+    OWED(objectPath);
+    OWED(parameterName);
     const OwnedText text(variant_char(value));
     return remember(peer->client, text && setOnBus(peer->client, objectPath, parameterName, text.get()));
 }
@@ -140,11 +143,9 @@ static object_t* fetch(pcb_t* client, const char* path) {
 }
 
 object_t* pcb_client_get_object(peer_info_t* peer, const char* objectPath, uint32_t flags) {
-    if (!peer) {
-        fail(PCB_ERROR_NOT_CONNECTED);
-        return nullptr;
-    }
-    if (objectPath && !flags) return remember(peer->client, fetch(peer->client, objectPath));
+    OWED(peer);
+    OWED(objectPath);
+    if (!flags) return remember(peer->client, fetch(peer->client, objectPath));
     fail(PCB_ERROR_INVALID_ARGUMENT);
     return remember<object_t*>(peer->client, nullptr);
 }

@@ -75,19 +75,23 @@ void closeConnection(connection_info_t* connection) {
     connection->failedToReadOnce = false;
 }
 
-void sendQueued(connection_info_t* connection) {
+bool sendQueued(connection_info_t* connection) {
     while (!connection->lost && connection->out.length) {
         const std::string_view content = connection->out.content();
         const ssize_t count = send(connection->socket, content.data(), content.size(), MSG_NOSIGNAL);
         if (count >= 0) {
             bufferTake(&connection->out, static_cast<size_t>(count));
         } else if (errno == EAGAIN) {
-            return;
-        } else if (errno != EINTR) {
+            return true;
+        } else if (errno == EPIPE || errno == ECONNRESET) {
             // What the bus wrote before it went may still be read; reading finds the end.
             bufferTake(&connection->out, connection->out.length);
+            return fail(PCB_ERROR_CONNECTION_LOST);
+        } else if (errno != EINTR) {
+            return fail(PCB_ERROR_SYSTEM);
         }
     }
+    return true;
 }
 
 bool queueFrame(connection_info_t* connection, const cJSON* frame) {
@@ -100,8 +104,11 @@ bool queueFrame(connection_info_t* connection, const cJSON* frame) {
     if (connection->out.length + length > KMaxBacklog) return fail(PCB_ERROR_BACKLOG);
     text.get()[length] = '\n';  // in the place of its zero: a frame goes as a whole or not at all
     if (!bufferAppend(&connection->out, {text.get(), length + 1})) return fail(PCB_ERROR_NO_MEMORY);
-    sendQueued(connection);
-    return true;
+    if (sendQueued(connection)) return true;
+    // A frame whose beginning went has to go whole, later.
+    if (connection->out.length > 0 && connection->out.length <= length) return true;
+    connection->out.length -= std::min(connection->out.length, length + 1);
+    return false;
 }
 
 bool receive(connection_info_t* connection) {
@@ -210,11 +217,12 @@ static bool moveBytes(connection_info_t* connection, int64_t deadline) {
     pollfd waited = {connection->socket, POLLIN, 0};
     if (connection->out.length) waited.events |= POLLOUT;
     if (poll(&waited, 1, remaining) < 0 && errno != EINTR) return fail(PCB_ERROR_SYSTEM);
-    sendQueued(connection);
+    (void)sendQueued(connection);
     return receive(connection);
 }
 
 OwnedJson exchange(pcb_t* client, OwnedJson frame, int64_t deadline) {
+    OWED(!isSignalHandler());
     connection_info_t* connection = &client->connection;
     const uint64_t id = numberFrame(client, frame.get());
     if (!id || !queueFrame(connection, frame.get())) return nullptr;

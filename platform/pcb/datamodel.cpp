@@ -11,26 +11,44 @@
 #include "platform/pcb/internal.h"
 #include "platform/pcb/odl.h"
 
-bool object_hasParameters(const object_t* object) { return object && object->firstParameter; }
+bool object_hasParameters(const object_t* object) {
+    OWED(object);
+    return object->firstParameter;
+}
 
-parameter_t* object_firstParameter(object_t* object) { return object ? object->firstParameter : nullptr; }
+parameter_t* object_firstParameter(object_t* object) {
+    OWED(object);
+    return object->firstParameter;
+}
 
-parameter_t* object_nextParameter(parameter_t* parameter) { return parameter ? parameter->next : nullptr; }
+parameter_t* object_nextParameter(parameter_t* parameter) {
+    OWED(parameter);
+    return parameter->next;
+}
 
 parameter_t* object_getParameter(object_t* object, const char* name) {
-    parameter_t* parameter = name ? object_firstParameter(object) : nullptr;
+    OWED(object);
+    OWED(name);
+    parameter_t* parameter = object->firstParameter;
     while (parameter && strcmp(parameter->name.get(), name) != 0) {
         parameter = parameter->next;
     }
     return parameter;
 }
 
-object_t* object_firstChild(object_t* object) { return object ? object->firstChild : nullptr; }
+object_t* object_firstChild(object_t* object) {
+    OWED(object);
+    return object->firstChild;
+}
 
-object_t* object_nextSibling(object_t* object) { return object ? object->next : nullptr; }
+object_t* object_nextSibling(object_t* object) {
+    OWED(object);
+    return object->next;
+}
 
 char* object_pathChar(const object_t* object, uint32_t flags) {
-    if (!object || flags) {
+    OWED(object);
+    if (flags) {
         fail(PCB_ERROR_INVALID_ARGUMENT);
         return nullptr;
     }
@@ -40,15 +58,22 @@ char* object_pathChar(const object_t* object, uint32_t flags) {
 }
 
 datamodel_t* object_datamodel(object_t* object) {
-    while (object && object->parent) {
+    OWED(object);
+    while (object->parent) {
         object = object->parent;
     }
     return reinterpret_cast<datamodel_t*>(object);
 }
 
-const char* parameter_name(const parameter_t* parameter) { return parameter ? parameter->name.get() : nullptr; }
+const char* parameter_name(const parameter_t* parameter) {
+    OWED(parameter);
+    return parameter->name.get();
+}
 
-const variant_t* parameter_getValue(const parameter_t* parameter) { return parameter ? &parameter->value : nullptr; }
+const variant_t* parameter_getValue(const parameter_t* parameter) {
+    OWED(parameter);
+    return &parameter->value;
+}
 
 // ---- Saving ----
 
@@ -61,8 +86,11 @@ static bool writeAll(int file, std::string_view bytes) {
     return true;
 }
 
+// Whatever stands in the place of the new file is taken away, never written through: a link leads elsewhere, and a pipe
+// has nobody who reads.
 static bool writeAndSync(const char* path, std::string_view bytes) {
-    const int file = open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    if (unlink(path) != 0 && errno != ENOENT) return false;
+    const int file = open(path, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
     if (file < 0) return false;
     const bool written = writeAll(file, bytes) && fsync(file) == 0;
     return close(file) == 0 && written;
@@ -78,7 +106,9 @@ static bool syncFolder(char* path) {
 }
 
 bool datamodel_save(object_t* object, int32_t depth, const char* filePath, uint32_t flags) {
-    if (!object || !filePath || flags != DATAMODEL_TEXT) return fail(PCB_ERROR_INVALID_ARGUMENT);
+    OWED(object);
+    OWED(filePath);
+    if (flags != DATAMODEL_TEXT) return fail(PCB_ERROR_INVALID_ARGUMENT);
     Buffer text;
     const OwnedText newPath = formatText("%s.new", filePath);
     const OwnedText folderPath = copyText(filePath);
@@ -127,7 +157,9 @@ static bool loadObject(const Load& load, object_t* saved) {
 }
 
 bool datamodel_load(datamodel_t* datamodel, const char* filePath, uint32_t flags) {
-    if (!datamodel || !filePath || flags != DATAMODEL_TEXT) return fail(PCB_ERROR_INVALID_ARGUMENT);
+    OWED(datamodel);
+    OWED(filePath);
+    if (flags != DATAMODEL_TEXT) return fail(PCB_ERROR_INVALID_ARGUMENT);
     uint32_t reason = 0;
     const Owned<object_t> saved = readOdlFile(filePath, &reason);
     if (!saved) return fail(reason);

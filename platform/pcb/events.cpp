@@ -1,6 +1,5 @@
 // The event loop's side of connections: waiting, waking, and what ends the loop.
 #include <poll.h>
-#include <pthread.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
@@ -9,17 +8,16 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdint>
+#include <cstring>
 
 #include "platform/pcb/internal.h"
 
 static constexpr size_t KMaxConnectionsInList = 32;
 
 static std::atomic<bool> terminated = false;
-static std::atomic<bool> signalled = false;
 static std::atomic<int> lostConnections = 0;
 // Opened by the first initialisation and open for good: a signal may come at any time.
 static std::atomic<int> wakeDescriptor = -1;
-static pthread_mutex_t initializing = PTHREAD_MUTEX_INITIALIZER;
 
 int connection_setEventsAvailable() {
     const uint64_t one = 1;
@@ -31,39 +29,40 @@ int connection_setEventsAvailable() {
     return woken;
 }
 
-static void endLoop(int) {
-    signalled = true;
-    connection_setEventsAvailable();
-}
-
-static bool handleSignal(int signalNumber, void (*handler)(int)) {
+static bool ignoreSignal(int signalNumber) {
     struct sigaction action {};
-    action.sa_handler = handler;
-    action.sa_flags = SA_RESTART;
-    return sigaction(signalNumber, &action, nullptr) == 0;
+    action.sa_handler = SIG_IGN;
+    return sigaction(signalNumber, &action, nullptr) == 0 || fail(PCB_ERROR_SYSTEM);
 }
 
 static bool initialize() {
-    if (wakeDescriptor >= 0) return true;
-    const int descriptor = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    if (descriptor < 0) return fail(PCB_ERROR_SYSTEM);
-    wakeDescriptor = descriptor;
-    return (handleSignal(SIGPIPE, SIG_IGN) && handleSignal(SIGTERM, endLoop) && handleSignal(SIGINT, endLoop)) ||
-           fail(PCB_ERROR_SYSTEM);
+    if (wakeDescriptor < 0) wakeDescriptor = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    return wakeDescriptor < 0 ? fail(PCB_ERROR_SYSTEM) : ignoreSignal(SIGPIPE);
 }
 
+[[maybe_unused]] static std::atomic<bool> isSetUp = false;
+
 bool connection_initLibrary() {
-    pthread_mutex_lock(&initializing);
+    OWED(!isSetUp);
     const bool initialized = initialize();
-    pthread_mutex_unlock(&initializing);
+    isSetUp = initialized;
     return initialized;
 }
 
-void connection_exitLibrary() {}
+void connection_exitLibrary() {
+    OWED(isSetUp);
+    isSetUp = false;
+}
 
-void connection_setTerminated(bool flag) { terminated = flag; }
+void connection_setTerminated(bool flag) {
+    OWED(!isSignalHandler());
+    terminated = flag;
+}
 
-bool connection_isTerminated() { return terminated || signalled || lostConnections > 0; }
+bool connection_isTerminated() {
+    OWED(!isSignalHandler());
+    return terminated || lostConnections > 0;
+}
 
 void countLostConnection() {
     ++lostConnections;
@@ -72,13 +71,15 @@ void countLostConnection() {
 
 void forgetLostConnection() { --lostConnections; }
 
-bool connection_setSignalEventHandler(connection_info_t* connection, int signalNumber, void (*handler)(int)) {
-    if (!connection || handler) return fail(PCB_ERROR_INVALID_ARGUMENT);
-    return handleSignal(signalNumber, SIG_IGN) || fail(PCB_ERROR_INVALID_ARGUMENT);
+bool connection_setSignalEventHandler([[maybe_unused]] connection_info_t* connection, int signalNumber,
+                                      void (*handler)(int)) {
+    OWED(connection);
+    return handler ? fail(PCB_ERROR_INVALID_ARGUMENT) : ignoreSignal(signalNumber);
 }
 
 llist_iterator_t* connection_listLink(connection_info_t* connection) {
-    return connection ? &connection->link : nullptr;
+    OWED(connection);
+    return &connection->link;
 }
 
 // The link is the first member of its connection.
@@ -130,14 +131,16 @@ static Round waitOnce(llist_t* list, int wake, int milliseconds, fd_set* readSet
     return round;
 }
 
-static void clearSet(fd_set* set) {
-    if (set) FD_ZERO(set);
+[[maybe_unused]] static bool isClear(const fd_set* set) {
+    fd_set clear;
+    FD_ZERO(&clear);
+    return set && memcmp(set, &clear, sizeof clear) == 0;
 }
 
 int connection_waitForEvents_r(llist_t* list, fd_set* readSet, fd_set* writeSet) {
-    if (!list) return failedRound(PCB_ERROR_INVALID_ARGUMENT).ready;
-    clearSet(readSet);
-    clearSet(writeSet);
+    OWED(list);
+    OWED(isClear(readSet));
+    OWED(isClear(writeSet));
     while (!connection_isTerminated()) {
         const Round round = waitOnce(list, wakeDescriptor, -1, readSet, writeSet);
         if (round.woken && !connection_isTerminated()) {
@@ -151,7 +154,7 @@ int connection_waitForEvents_r(llist_t* list, fd_set* readSet, fd_set* writeSet)
 }
 
 int connection_waitForEvents(llist_t* list, timeval* timeout) {
-    if (!list) return failedRound(PCB_ERROR_INVALID_ARGUMENT).ready;
+    OWED(list);
     static constexpr int64_t KLongest = int64_t{1000} * 1000 * 1000;
     const int64_t wanted =
         timeout ? std::clamp<int64_t>(timeout->tv_sec, 0, KLongest) * 1000 + timeout->tv_usec / 1000 : 0;
@@ -164,7 +167,7 @@ int connection_waitForEvents(llist_t* list, timeval* timeout) {
 }
 
 static bool handleConnection(connection_info_t* connection) {
-    sendQueued(connection);
+    (void)sendQueued(connection);
     const bool received = receive(connection);
     // What comes while handlers run waits for the next pass, so that a pass ends.
     const bool parsed = parseReceived(connection, 0, nullptr);
@@ -177,7 +180,7 @@ static bool handleConnection(connection_info_t* connection) {
 
 // All connections, whatever the sets say: a connection can hold frames that its socket knows nothing of.
 bool connection_handleEvents(llist_t* list) {
-    if (!list) return fail(PCB_ERROR_INVALID_ARGUMENT);
+    OWED(list);
     bool handled = true;
     for (llist_iterator_t *link = list->first, *next = nullptr; link; link = next) {
         next = link->next;

@@ -4,6 +4,7 @@
 #include <cstdint>
 
 #include "common/json/json.h"
+#include "platform/pcb/owed.h"
 #include "platform/pcb/owned.h"
 #include "platform/pcb/pcb.h"
 #include "platform/pcb/tree.h"
@@ -59,9 +60,10 @@ int64_t deadlineIn(int64_t milliseconds);
 int millisecondsUntil(int64_t deadline);
 bool openConnection(connection_info_t* connection, const char* path, int64_t deadline);
 void closeConnection(connection_info_t* connection);
-/// Puts a frame behind what has to go, and sends what the socket takes.
+/// Puts a frame behind what has to go, and sends what the socket takes. False when nothing of it goes.
 bool queueFrame(connection_info_t* connection, const cJSON* frame);
-void sendQueued(connection_info_t* connection);
+/// Sends what the socket takes. False when the system refuses, with the rest still there, or the bus has gone.
+bool sendQueued(connection_info_t* connection);
 /// Reads what has come, up to a few MiB; false when memory is short, the rest waits in the socket.
 bool receive(connection_info_t* connection);
 /// Whether the bus has gone and nothing is left to be read, after a wait that gave these poll events.
@@ -101,5 +103,7 @@ bool setOnBus(pcb_t* client, const char* path, const char* parameter, const char
 
 /// Null when memory is short.
 OwnedJson variantToJson(const variant_t* variant);
+/// Releases the entries; the map is empty afterwards.
+void releaseEntries(variant_map_t* map);
 /// The value of a JSON item, its text inside the item: never to be cleaned up. Empty for null and what is no value.
 variant_t variantInsideJson(const cJSON* item);

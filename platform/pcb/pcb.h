@@ -8,7 +8,10 @@
 // connection stays usable, and an answer that comes after its time is dropped. Destroying waits for nobody.
 //
 // Ownership: what an operation hands out belongs to the library and stays valid until the same thread's next operation
-// on that client, unless it says "new". Texts may hold any byte but zero. Every lookup takes null and gives null.
+// on that client, unless it says "new". Texts may hold any byte but zero.
+//
+// No argument may be null, unless it says so. The sanitizer builds end the process, with one line that names the call,
+// where a caller gives null or breaks another rule below.
 //
 // Failure: null, false or a negative number, with the reason in pcb_error. Short memory is such a reason.
 #ifndef PLATFORM_PCB_PCB_H
@@ -82,7 +85,7 @@ typedef struct llist_t {
 } llist_t;
 
 bool llist_initialize(llist_t* list);
-/// Puts a link at the end; false for null and for a link that stands in a list already.
+/// Puts a link at the end; false for a link that stands in a list already.
 bool llist_append(llist_t* list, llist_iterator_t* link);
 /// Takes all links out.
 void llist_cleanup(llist_t* list);
@@ -121,35 +124,34 @@ bool variant_map_initialize(variant_map_t* map);
 bool variant_map_addChar(variant_map_t* map, const char* key, const char* text);
 bool variant_map_addInt32(variant_map_t* map, const char* key, int32_t number);
 bool variant_map_addBool(variant_map_t* map, const char* key, bool flag);
-/// Releases the entries; the map is empty afterwards.
-void variant_map_cleanup(variant_map_t* map);
 
 // ---- Connections and the event loop ----
 
-/// Sets up the connection layer. The first call of a process ignores SIGPIPE from then on and takes over SIGTERM and
-/// SIGINT, each of which ends the event loop: a latch that nothing clears.
+/// Sets up the connection layer, once until connection_exitLibrary. From the first time on the process ignores SIGPIPE;
+/// all other signals are the program's.
 bool connection_initLibrary(void);
-/// The counterpart of connection_initLibrary. Signals stay as they are.
+/// The counterpart of connection_initLibrary.
 void connection_exitLibrary(void);
-/// Ends the event loop (true), or takes that back (false). It takes back neither a signal nor a lost connection.
+/// Ends the event loop (true), or takes that back (false). It does not take back a lost connection.
 void connection_setTerminated(bool terminated);
-/// Whether the event loop must end: connection_setTerminated said so, SIGTERM or SIGINT came, or any client of this
-/// process has found its bus lost, in a wait or an operation, and was not destroyed yet.
+/// Whether the event loop must end: connection_setTerminated said so, or any client of this process has found its bus
+/// lost, in a wait or an operation, and was not destroyed yet.
 bool connection_isTerminated(void);
-/// Makes the present or the next connection_waitForEvents_r return at once. 1, or 0 on failure. Also for signal
-/// handlers.
+/// Makes the present or the next connection_waitForEvents_r return at once. 1, or 0 on failure. The one function that
+/// may be called in a signal handler.
 int connection_setEventsAvailable(void);
-/// Null ignores the signal for the process. Other handlers are not supported: false.
+/// A null handler ignores the signal for the process. Other handlers are not supported: false.
 bool connection_setSignalEventHandler(connection_info_t* connection, int signalNumber, void (*handler)(int));
-/// The link by which a connection is put into a list; null for null.
+/// The link by which a connection is put into a list.
 llist_iterator_t* connection_listLink(connection_info_t* connection);
 
 /// Waits without limit until one of the listed connections has events (positive), connection_setEventsAvailable was
 /// called or the loop must end (0: nothing to handle). Negative on failure, once also when a connection is found lost.
-/// A signal is no failure. The sets are written.
+/// A signal is no failure. The caller has cleared the sets.
 int connection_waitForEvents_r(llist_t* list, fd_set* readSet, fd_set* writeSet);
 /// Reads what has come and calls the handlers, in the order of arrival. A handler may create, send and destroy
-/// requests, its own included, and do all that waits for an answer; what comes meanwhile is kept for the next pass.
+/// requests, but not destroy its own, and do all that waits for an answer; what comes meanwhile is kept for the next
+/// pass.
 bool connection_handleEvents_r(llist_t* list, fd_set* readSet, fd_set* writeSet);
 /// Waits for events at most this long (null: without limit): positive, 0 when the time is over, negative on failure.
 /// Takes no notice of connection_setEventsAvailable.
@@ -166,7 +168,7 @@ enum {
 
 /// A new client under a name that the bus shows in its messages; flags must be 0, configuration null.
 pcb_t* pcb_create(const char* name, uint32_t flags, const char* configuration);
-/// Closes and frees; null is ignored. Its requests end, but stay their owners' to destroy.
+/// Closes and frees. Its requests end, but stay their owners' to destroy.
 void pcb_destroy(pcb_t* pcb);
 /// Only before connecting.
 bool pcb_client_set_attribute(pcb_t* pcb, uint32_t attribute, uint32_t value);
@@ -188,8 +190,6 @@ bool object_hasParameters(const object_t* object);
 parameter_t* object_firstParameter(object_t* object);
 parameter_t* object_nextParameter(parameter_t* parameter);
 parameter_t* object_getParameter(object_t* object, const char* name);
-object_t* object_firstChild(object_t* object);
-object_t* object_nextSibling(object_t* object);
 /// The path from the root, such as "OrvoService.DynDNS", as a new text, which the caller frees; flags must be 0.
 char* object_pathChar(const object_t* object, uint32_t flags);
 /// What holds the object.
@@ -241,7 +241,7 @@ bool request_addParameter(request_t* request, const char* name, variant_t* value
 bool request_setReplyItemHandler(request_t* request, request_reply_item_handler_t handler);
 /// Sends a request, once in its life. Does not wait: what the socket does not take now goes out later.
 bool pcb_sendRequest(pcb_t* pcb, peer_info_t* peer, request_t* request);
-/// Ends a request and frees it; null is ignored. Nothing arrives for it any more.
+/// Ends a request and frees it: nothing arrives for it any more. Not in its own handler.
 void request_destroy(request_t* request);
 const char* request_path(const request_t* request);
 /// Null for a get-object request.
@@ -278,6 +278,11 @@ const char* notification_objectPath(const notification_t* notification);
 notification_parameter_t* notification_firstParameter(notification_t* notification);
 notification_parameter_t* notification_nextParameter(notification_parameter_t* parameter);
 const char* notification_parameter_value(const notification_parameter_t* parameter);
+
+// ---- What only the stand-in has, for its own programs ----
+
+object_t* object_firstChild(object_t* object);
+object_t* object_nextSibling(object_t* object);
 
 #ifdef __cplusplus
 }

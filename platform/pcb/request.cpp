@@ -22,6 +22,7 @@ struct request_t {
     uint64_t id = 0;          // 0 before sending
     pcb_t* client = nullptr;  // since sending, while both live
     bool open = false;        // the bus may still send something for it
+    bool handling = false;    // its handler runs
     request_t* next = nullptr;
 
     ~request_t() {
@@ -92,19 +93,21 @@ static request_t* createRequest(const char* path, const char* function, int32_t 
 }
 
 request_t* request_create_getObject(const char* objectPath, int32_t depth, uint32_t flags) {
-    if (objectPath) return createRequest(objectPath, nullptr, depth, flags);
-    fail(PCB_ERROR_INVALID_ARGUMENT);
-    return nullptr;
+    OWED(objectPath);
+    return createRequest(objectPath, nullptr, depth, flags);
 }
 
 request_t* request_create_executeFunction(const char* objectPath, const char* functionName, uint32_t flags) {
-    if (objectPath && functionName) return createRequest(objectPath, functionName, 0, flags);
-    fail(PCB_ERROR_INVALID_ARGUMENT);
-    return nullptr;
+    OWED(objectPath);
+    OWED(functionName);
+    return createRequest(objectPath, functionName, 0, flags);
 }
 
 bool request_addParameter(request_t* request, const char* name, variant_t* value) {
-    if (!request || !name || !value || !request->function || request->id) return fail(PCB_ERROR_INVALID_ARGUMENT);
+    OWED(request);
+    OWED(name);
+    OWED(value);
+    if (!request->function || request->id) return fail(PCB_ERROR_INVALID_ARGUMENT);
     auto argument = makeOwned<request_argument_t>();
     if (argument) argument->name = copyText(name);
     if (!argument || !argument->name) return fail(PCB_ERROR_NO_MEMORY);
@@ -119,7 +122,7 @@ bool request_addParameter(request_t* request, const char* name, variant_t* value
 }
 
 bool request_setReplyItemHandler(request_t* request, request_reply_item_handler_t handler) {
-    if (!request) return fail(PCB_ERROR_INVALID_ARGUMENT);
+    OWED(request);
     request->handler = handler;
     return true;
 }
@@ -143,8 +146,12 @@ static OwnedJson callFrame(const request_t* request) {
 }
 
 bool pcb_sendRequest(pcb_t* pcb, peer_info_t* peer, request_t* request) {
-    if (!pcb || !request || request->id) return fail(PCB_ERROR_INVALID_ARGUMENT);
-    if (!peer || peer->client != pcb) return fail(PCB_ERROR_NOT_CONNECTED);
+    OWED(pcb);
+    OWED(peer);
+    OWED(request);
+    OWED(!isSignalHandler());
+    if (request->id) return fail(PCB_ERROR_INVALID_ARGUMENT);
+    if (peer->client != pcb) return fail(PCB_ERROR_NOT_CONNECTED);
     const OwnedJson frame = request->function ? callFrame(request) : subscriptionFrame(request);
     const uint64_t id = numberFrame(pcb, frame.get());
     if (!id || !queueFrame(&pcb->connection, frame.get())) return false;
@@ -168,8 +175,10 @@ static void cancel(const request_t* request) {
 }
 
 void request_destroy(request_t* request) {
+    OWED(request);
+    OWED(!request->handling);
     const Owned<request_t> released(request);
-    if (!request || !request->client) return;
+    if (!request->client) return;
     request_t** link = &request->client->firstRequest;
     while (*link != request) {
         link = &(*link)->next;
@@ -193,9 +202,15 @@ request_t* findRequest(pcb_t* client, uint64_t id) {
     return request;
 }
 
-const char* request_path(const request_t* request) { return request ? request->path.get() : nullptr; }
+const char* request_path(const request_t* request) {
+    OWED(request);
+    return request->path.get();
+}
 
-const char* request_functionName(const request_t* request) { return request ? request->function.get() : nullptr; }
+const char* request_functionName(const request_t* request) {
+    OWED(request);
+    return request->function.get();
+}
 
 // ---- Reading what arrives ----
 
@@ -273,56 +288,93 @@ void dispatchFrame(pcb_t* client, const cJSON* frame) {
         item.description = error_string(item.error);
     }
     if (endsRequest(&item, request)) request->open = false;
-    // The handler may destroy the request: it is not looked at any more.
-    if (item.type && request->handler) (void)request->handler(request, &item);
+    if (!item.type || !request->handler) return;
+    request->handling = true;
+    (void)request->handler(request, &item);
+    request->handling = false;
 }
 
-int reply_item_type(const reply_item_t* item) { return item ? item->type : 0; }
+int reply_item_type(const reply_item_t* item) {
+    OWED(item);
+    return item->type;
+}
 
 object_t* reply_item_object(reply_item_t* item) {
-    return item && item->type == REPLY_ITEM_OBJECT ? item->object : nullptr;
+    OWED(item);
+    return item->object;
 }
 
 notification_t* reply_item_notification(reply_item_t* item) {
-    return item && item->type == REPLY_ITEM_NOTIFICATION ? &item->notification : nullptr;
+    OWED(item);
+    return item->type == REPLY_ITEM_NOTIFICATION ? &item->notification : nullptr;
 }
 
-int reply_item_error(const reply_item_t* item) { return item ? static_cast<int>(item->error) : 0; }
+int reply_item_error(const reply_item_t* item) {
+    OWED(item);
+    return static_cast<int>(item->error);
+}
 
-const char* reply_item_errorDescription(const reply_item_t* item) { return item ? item->description : nullptr; }
+const char* reply_item_errorDescription(const reply_item_t* item) {
+    OWED(item);
+    return item->description;
+}
 
-const char* reply_item_errorInfo(const reply_item_t* item) { return item ? item->info : nullptr; }
+const char* reply_item_errorInfo(const reply_item_t* item) {
+    OWED(item);
+    return item->info;
+}
 
 const variant_t* reply_item_returnValue(const reply_item_t* item) {
-    return item && item->returned.type != VARIANT_EMPTY ? &item->returned : nullptr;
+    OWED(item);
+    return item->returned.type != VARIANT_EMPTY ? &item->returned : nullptr;
 }
 
 argument_value_list_t* reply_item_returnArguments(reply_item_t* item) {
-    return item && item->arguments.first ? &item->arguments : nullptr;
+    OWED(item);
+    return item->arguments.first ? &item->arguments : nullptr;
 }
 
-argument_value_t* argument_valueFirstArgument(argument_value_list_t* list) { return list ? list->first : nullptr; }
+argument_value_t* argument_valueFirstArgument(argument_value_list_t* list) {
+    OWED(list);
+    return list->first;
+}
 
-argument_value_t* argument_valueNextArgument(argument_value_t* argument) { return argument ? argument->next : nullptr; }
+argument_value_t* argument_valueNextArgument(argument_value_t* argument) {
+    OWED(argument);
+    return argument->next;
+}
 
-const char* argument_valueName(const argument_value_t* argument) { return argument ? argument->name : nullptr; }
+const char* argument_valueName(const argument_value_t* argument) {
+    OWED(argument);
+    return argument->name;
+}
 
-const variant_t* argument_value(const argument_value_t* argument) { return argument ? &argument->value : nullptr; }
+const variant_t* argument_value(const argument_value_t* argument) {
+    OWED(argument);
+    return &argument->value;
+}
 
-int notification_type(const notification_t* notification) { return notification ? notification->type : 0; }
+int notification_type(const notification_t* notification) {
+    OWED(notification);
+    return notification->type;
+}
 
 const char* notification_objectPath(const notification_t* notification) {
-    return notification ? notification->path : nullptr;
+    OWED(notification);
+    return notification->path;
 }
 
 notification_parameter_t* notification_firstParameter(notification_t* notification) {
-    return notification && notification->count ? &notification->parameters[0] : nullptr;
+    OWED(notification);
+    return notification->count ? &notification->parameters[0] : nullptr;
 }
 
 notification_parameter_t* notification_nextParameter(notification_parameter_t* parameter) {
-    return parameter ? parameter->next : nullptr;
+    OWED(parameter);
+    return parameter->next;
 }
 
 const char* notification_parameter_value(const notification_parameter_t* parameter) {
-    return parameter ? parameter->value : nullptr;
+    OWED(parameter);
+    return parameter->value;
 }

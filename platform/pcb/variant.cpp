@@ -52,13 +52,15 @@ const char* error_string(uint32_t code) {
 }
 
 bool llist_initialize(llist_t* list) {
-    if (!list) return fail(PCB_ERROR_INVALID_ARGUMENT);
+    OWED(list);
     list->first = nullptr;
     return true;
 }
 
 bool llist_append(llist_t* list, llist_iterator_t* link) {
-    if (!list || !link || link->list) return fail(PCB_ERROR_INVALID_ARGUMENT);
+    OWED(list);
+    OWED(link);
+    if (link->list) return fail(PCB_ERROR_INVALID_ARGUMENT);
     llist_iterator_t** end = &list->first;
     while (*end) {
         end = &(*end)->next;
@@ -69,7 +71,7 @@ bool llist_append(llist_t* list, llist_iterator_t* link) {
 }
 
 void llist_cleanup(llist_t* list) {
-    if (!list) return;
+    OWED(list);
     while (llist_iterator_t* link = list->first) {
         list->first = link->next;
         *link = {};
@@ -77,20 +79,21 @@ void llist_cleanup(llist_t* list) {
 }
 
 bool variant_initialize(variant_t* variant) {
-    if (!variant) return fail(PCB_ERROR_INVALID_ARGUMENT);
+    OWED(variant);
     *variant = {};
     return true;
 }
 
 void variant_cleanup(variant_t* variant) {
-    if (!variant) return;
+    OWED(variant);
     if (variant->type == VARIANT_TEXT) free(variant->value.text);
-    if (variant->type == VARIANT_MAP) variant_map_cleanup(&variant->value.map);
+    if (variant->type == VARIANT_MAP) releaseEntries(&variant->value.map);
     *variant = {};
 }
 
 bool variant_setChar(variant_t* variant, const char* text) {
-    if (!variant || !text) return fail(PCB_ERROR_INVALID_ARGUMENT);
+    OWED(variant);
+    OWED(text);
     char* copy = strdup(text);
     if (!copy) return fail(PCB_ERROR_NO_MEMORY);
     variant_cleanup(variant);
@@ -100,7 +103,8 @@ bool variant_setChar(variant_t* variant, const char* text) {
 }
 
 bool variant_setMapMove(variant_t* variant, variant_map_t* map) {
-    if (!variant || !map) return fail(PCB_ERROR_INVALID_ARGUMENT);
+    OWED(variant);
+    OWED(map);
     variant_cleanup(variant);
     variant->type = VARIANT_MAP;
     variant->value.map = *map;
@@ -109,8 +113,9 @@ bool variant_setMapMove(variant_t* variant, variant_map_t* map) {
 }
 
 char* variant_char(const variant_t* variant) {
+    OWED(variant);
     OwnedText text;
-    switch (variant ? variant->type : VARIANT_EMPTY) {
+    switch (variant->type) {
         case VARIANT_TEXT: text = copyText(variant->value.text); break;
         case VARIANT_INT32: text = formatText("%d", variant->value.number); break;
         case VARIANT_BOOL: text = copyText(variant->value.flag ? "true" : "false"); break;
@@ -122,7 +127,7 @@ char* variant_char(const variant_t* variant) {
 }
 
 bool variant_map_initialize(variant_map_t* map) {
-    if (!map) return fail(PCB_ERROR_INVALID_ARGUMENT);
+    OWED(map);
     *map = {};
     return true;
 }
@@ -146,13 +151,15 @@ static bool addToMap(variant_map_t* map, const char* key, variant_t value) {
 }
 
 bool variant_map_addChar(variant_map_t* map, const char* key, const char* text) {
-    if (!map || !key) return fail(PCB_ERROR_INVALID_ARGUMENT);
+    OWED(map);
+    OWED(key);
     variant_t value{};
     return variant_setChar(&value, text) && addToMap(map, key, value);
 }
 
 bool variant_map_addInt32(variant_map_t* map, const char* key, int32_t number) {
-    if (!map || !key) return fail(PCB_ERROR_INVALID_ARGUMENT);
+    OWED(map);
+    OWED(key);
     variant_t value{};
     value.type = VARIANT_INT32;
     value.value.number = number;
@@ -160,15 +167,15 @@ bool variant_map_addInt32(variant_map_t* map, const char* key, int32_t number) {
 }
 
 bool variant_map_addBool(variant_map_t* map, const char* key, bool flag) {
-    if (!map || !key) return fail(PCB_ERROR_INVALID_ARGUMENT);
+    OWED(map);
+    OWED(key);
     variant_t value{};
     value.type = VARIANT_BOOL;
     value.value.flag = flag;
     return addToMap(map, key, value);
 }
 
-void variant_map_cleanup(variant_map_t* map) {
-    if (!map) return;
+void releaseEntries(variant_map_t* map) {
     while (variant_map_entry_t* entry = map->first) {
         map->first = entry->next;
         const Owned<variant_map_entry_t> released(entry);

@@ -22,11 +22,13 @@ struct Client {
     peer_info_t* peer;
 
     explicit Client(const std::string& path = "/var/run/pcb_sys", bool platform = false)
-        : pcb((connection_initLibrary(), pcb_create("test", 0, nullptr))) {
+        : pcb((setUp(), pcb_create("test", 0, nullptr))) {
         if (platform) pcb_client_set_attribute(pcb, PCB_CLIENT_PLATFORM, 1);
         peer = pcb_client_connect(pcb, ("pcb://ipc:{" + path + "}").c_str());
     }
     ~Client() { pcb_destroy(pcb); }
+
+    static void setUp() { [[maybe_unused]] static const bool done = connection_initLibrary(); }
 
     /// What the last failed operation says.
     std::string error() const { return error_string(pcb_client_error(pcb)); }
@@ -50,6 +52,8 @@ struct Client {
         llist_append(&list, connection_listLink(pcb_connection(pcb)));
         fd_set readSet, writeSet;
         while (!done() && !connection_isTerminated()) {
+            FD_ZERO(&readSet);
+            FD_ZERO(&writeSet);
             const int ready = connection_waitForEvents_r(&list, &readSet, &writeSet);
             if (ready > 0) connection_handleEvents_r(&list, &readSet, &writeSet);
         }
