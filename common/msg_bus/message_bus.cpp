@@ -11,7 +11,13 @@ static constexpr char KLogModule[] = "common/msg_bus/message_bus";
 OwnedConnection openSharedConnection(DBusBusType type) {
     BusError error;
     OwnedConnection connection(dbus_bus_get(type, &error.raw));
-    if (!connection) LOG(WARN, "Failed to open connection to activating message bus: %s", error.raw.message);
+    if (!connection) {
+        LOG(WARN, "Failed to open connection to activating message bus: %s", error.raw.message);
+        return nullptr;
+    }
+    // No method takes file descriptors. While one message holds some, no other is read: clients could fill the
+    // process's table with them, and libdbus gives a connection up when it finds no place.
+    dbus_connection_set_max_received_unix_fds(connection.get(), 1);
     return connection;
 }
 

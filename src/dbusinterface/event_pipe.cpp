@@ -1,6 +1,7 @@
 #include "src/dbusinterface/event_pipe.h"
 
 #include <fcntl.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -57,4 +58,12 @@ void handleEventPipeRecord(evutil_socket_t readEnd, short, void*) {
     if (count != sizeof record) return;
     record.value[KEventValueMaxLength] = 0;
     reactToEvent(record);
+}
+
+void handleWaitingEventPipeRecords() {
+    int bytes = 0;
+    if (ioctl(iPipeEnds[0], FIONREAD, &bytes) != 0) return;  // the loop finds them
+    for (int records = bytes / static_cast<int>(sizeof(EventRecord)); records > 0; --records) {
+        handleEventPipeRecord(iPipeEnds[0], 0, nullptr);
+    }
 }

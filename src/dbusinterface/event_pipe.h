@@ -10,3 +10,6 @@
 
 /// Reads one record and reacts to it; the read end's callback. Holds the gate. Bus thread.
 void handleEventPipeRecord(evutil_socket_t readEnd, short, void*);
+
+/// Handles the records that the pipe holds now, ahead of whatever else waits for the loop. Bus thread.
+void handleWaitingEventPipeRecords();

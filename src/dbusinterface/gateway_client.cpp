@@ -20,6 +20,8 @@ static constexpr double KLongestWaitSeconds = 10.0;
 static constexpr time_t KWaitCeilingSeconds = 12;
 static constexpr long KPollNanoseconds = 200'000'000;
 
+static bool iModeIsSwitched = false;  // from before the mode is switched to "on" until it was put back
+
 bool ensureGatewayClientIsConnected() {
     const OwnedText status = easyGetPcbParamAsString(iBusPcbClient, KGatewayClientObject, KConnectionStatus);
     if (!status || isDataModelTrue(status.get())) return false;
@@ -29,7 +31,9 @@ bool ensureGatewayClientIsConnected() {
 // True when the mode had to be switched and was.
 static bool switchModeOn(const char* mode) {
     if (strcmp(mode, "on") == 0) return false;
+    iModeIsSwitched = true;
     if (!easySetPcbParam(iBusPcbClient, KGatewayClientObject, KConnectionMode, "on")) {
+        iModeIsSwitched = false;
         LOG(ERROR, "Cannot set GatewayClient connection mode value = on in PCB");
         return false;
     }
@@ -84,11 +88,19 @@ bool waitForGatewayClientConnection() {
     }
 }
 
-void setGatewayClienModeOnDemand() {
-    if (!easySetPcbParam(iBusPcbClient, KGatewayClientObject, KConnectionMode, "ondemand")) {
+static void setModeOnDemandThrough(PcbContext* client) {
+    const bool set = easySetPcbParam(client, KGatewayClientObject, KConnectionMode, "ondemand");
+    iModeIsSwitched = false;
+    if (!set) {
         LOG(ERROR, "Cannot set GatewayClient connection mode value = ondemand in PCB");
         return;
     }
     LOG(DEBUG, "GatewayClient connection mode = ondemand saved in PCB");
-    saveOrvoServiceData();
+    saveOrvoServiceDataThrough(client);
+}
+
+void setGatewayClienModeOnDemand() { setModeOnDemandThrough(iBusPcbClient); }
+
+void putConnectionModeBack(PcbContext* client) {
+    if (iModeIsSwitched && client) setModeOnDemandThrough(client);
 }

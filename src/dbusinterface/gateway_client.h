@@ -1,6 +1,8 @@
 // The GatewayClient guard: a server request is made while the gateway's connection to the application server is up.
 #pragma once
 
+#include "pcblib/pcbclient.h"
+
 /// Makes sure that the GatewayClient is connected, waiting for it if need be (see below). True when it switched the
 /// connection mode to "on": the caller then calls setGatewayClienModeOnDemand after its request. Bus thread; blocks.
 [[nodiscard]] bool ensureGatewayClientIsConnected();
@@ -13,6 +15,11 @@
 
 /// Sets the connection mode back to "ondemand" and saves the tree; a failure is logged. Bus thread; blocks.
 void setGatewayClienModeOnDemand();
+
+/// Sets the mode back if a guarded request has switched it and not put it back yet, through `client` (null: not at
+/// all), because the bus thread may be using its own. Only for the end of the process, with the gate closed. Main
+/// thread; blocks as setGatewayClienModeOnDemand does.
+void putConnectionModeBack(PcbContext* client);
 
 /// Runs `request` through the guard and gives its result; the request is made whatever the wait's outcome, and the mode
 /// is put back, if it was switched, before the result is looked at. Bus thread; blocks for the wait and the request.

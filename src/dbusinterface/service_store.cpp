@@ -19,13 +19,15 @@ void loadOrvoServiceData() {
     }
 }
 
-void saveOrvoServiceData() {
+void saveOrvoServiceDataThrough(PcbContext* client) {
     // Fetched one by one so that the client holds the current values of all four; what fails is logged there.
     for (const char* object :
          {"OrvoService.DynDNS", "OrvoService.Voltaro", "OrvoService.GatewayClient", "OrvoService.HomeAutomation"}) {
-        (void)easyGetPcbObject(iBusPcbClient, object);
+        (void)easyGetPcbObject(client, object);
     }
-    if (!easyPcbDatamodelSave_v2(iBusPcbClient, KStoreFolder, KStoreFile, KStoreObject)) {
+    if (!easyPcbDatamodelSave_v2(client, KStoreFolder, KStoreFile, KStoreObject)) {
         LOG(ERROR, "Cannot save OrvoService object");
     }
 }
+
+void saveOrvoServiceData() { saveOrvoServiceDataThrough(iBusPcbClient); }

@@ -15,3 +15,6 @@ void loadOrvoServiceData();
 /// Saves the whole tree "OrvoService" to its file; a failure is logged, and the next save writes everything again.
 /// Bus thread; blocks for the exchanges and the write.
 void saveOrvoServiceData();
+
+/// As saveOrvoServiceData, through another client. The client's thread.
+void saveOrvoServiceDataThrough(PcbContext* client);

@@ -35,9 +35,10 @@ extern "C" int daemon(int keepDirectory, int keepStreams) {
 }
 
 int write_pidfile(const char* path) {
-    FILE* file = fopen(path, "wb");
-    if (!file) return 0;
-    fprintf(file, "%ld\n", static_cast<long>(getpid()));
-    fclose(file);
+    // Not fopen: with an umask of 0 it makes a file that everybody may write, and a supervisor believes its number.
+    const int file = open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    if (file < 0) return 0;
+    dprintf(file, "%ld\n", static_cast<long>(getpid()));
+    close(file);
     return 1;
 }

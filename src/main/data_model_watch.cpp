@@ -84,7 +84,7 @@ static bool waitForRoomInPipe() {
     pollfd writeEnd = {iPipeForPcbChanges[1], POLLOUT, 0};
     bool ready = false, mayWait = true;
     while (!ready && mayWait) {
-        mayWait = !connection_isTerminated();
+        mayWait = !isPcbDataModelEventLoopEnding();
         const timespec atOnce = {};
         const int result = ppoll(&writeEnd, 1, mayWait ? nullptr : &atOnce, &before);
         // Another failure than an interruption is left to the write, which reports it.
@@ -167,6 +167,14 @@ void pcbObjectChanged(const char* path, object_t* object) {
     for (const WatchedParameter& watched : KWatched) {
         if (!*watched.initValueRead && strcmp(path, watched.object) == 0) handleInitialValue(watched, object);
     }
+}
+
+bool areInitialValuesSent() {
+    bool sent = true;
+    for (const WatchedParameter& watched : KWatched) {
+        sent = sent && *watched.initValueRead;
+    }
+    return sent;
 }
 
 // The code of a watched parameter's change, or EVENT_COUNT for a parameter that is not watched.

@@ -18,6 +18,9 @@ void pcbObjectChanged(const char* path, object_t* object);
 void pcbParamChanged(const char* path, const char* parameter, const char* oldValue, const char* newValue);
 void pcbFunctionCallback(const char* path, const char* function, const char* result);
 
+/// Whether every watched parameter's first value was sent, or could not be read. Main thread.
+[[nodiscard]] bool areInitialValuesSent();
+
 /// Forgets a CG-NAT check whose request the client releases because it could not be sent. Main thread, in the loop.
 void pcbRequestLost(request_t* request);
 

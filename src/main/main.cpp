@@ -1,11 +1,16 @@
 // The OrvoServiceManager daemon: command line, start-up order, the bus thread, and the one end of the process.
 #include <event2/event.h>
 #include <fcntl.h>
+#include <malloc.h>
+#include <poll.h>
 #include <pthread.h>
 #include <semaphore.h>
 #include <signal.h>
+#include <sys/eventfd.h>
+#include <sys/time.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -16,6 +21,7 @@
 #include "common/log/log.h"
 #include "pcblib/pcbclient.h"
 #include "src/dbusinterface/event_pipe.h"
+#include "src/dbusinterface/gateway_client.h"
 #include "src/dbusinterface/public_interface.h"
 #include "src/dbusinterface/service_store.h"
 #include "src/dyndnsrequest.h"
@@ -30,29 +36,49 @@ static constexpr char KLogModule[] = "src/main";
 static constexpr const char* KOrsmVersion = "0.4.0";
 static constexpr const char* KOrsmPidFileName = "/var/run/orvoservicemanager.pid";
 
+// How long the bus thread waits for the first values of the watched parameters.
+static constexpr int KFirstValuesMilliseconds = 5000;
+// How long the orderly end may take once the bus thread is stopped.
+static constexpr suseconds_t KEndMicroseconds = 800'000;
+
 static struct event_base* iEventBase;
 static pthread_t iDbusThread;
-static sem_t iStoreLoaded;  // posted once: from then on the bus thread serves the bus
+static sem_t iStoreLoaded;         // posted once
+static int iFirstValuesSent = -1;  // readable from then on
+static std::atomic<int> iEndStatus = 0;
 
 extern "C" void __lsan_do_leak_check() __attribute__((weak));
 
-// The end of the process once the bus thread lives, which may be anywhere, a server request included. Returning from
-// main would run the libraries' exit handlers beside that request; so what is released is released here, behind the
-// gate that the bus thread never passes again, and the process ends at once.
-[[noreturn]] static void endProcess(int status, std::span<request_t* const> requests) {
-    closeGateForever();
-    for (request_t* request : requests) {
-        freePcbRequestObject(request);
-    }
-    freePcbRequestObject(iRequestWanChangeNotify);
-    releasePendingCgNatChecks();
-    destroyPcbDataModelClient();
-    cleanRequestsEngine();
-    cleanOrvoServicesInfo();
+// Ends the process on the spot, also from a signal handler. Nothing that it has made outlives it but the pid file.
+[[noreturn]] static void endAtOnce(int status) {
     unlink(KOrsmPidFileName);
-    fflush(nullptr);
-    if (__lsan_do_leak_check) __lsan_do_leak_check();
     _exit(status);
+}
+
+// ----- Signals
+
+static void handleSignal(int signalNumber, void (*handler)(int)) {
+    struct sigaction action = {};
+    action.sa_handler = handler;
+    action.sa_flags = SA_RESTART;
+    sigaction(signalNumber, &action, nullptr);
+}
+
+static void handleEndSignals(void (*handler)(int)) {
+    handleSignal(SIGTERM, handler);
+    handleSignal(SIGINT, handler);
+}
+
+// Until the data-model loop is there to be ended in order: start-up may be waiting for a bus that never answers.
+static void endDuringStartUp(int) { endAtOnce(0); }
+
+static void endLoop(int) { endPcbDataModelEventLoop(); }
+
+// What a parent has left blocked would never arrive.
+static void unblockSignals() {
+    sigset_t none;
+    sigemptyset(&none);
+    pthread_sigmask(SIG_SETMASK, &none, nullptr);
 }
 
 // Signals are the main thread's: nothing that the bus thread waits for is ever cut short. Faults of its own code stay
@@ -66,51 +92,75 @@ static void blockSignals() {
     pthread_sigmask(SIG_SETMASK, &all, nullptr);
 }
 
-static void* dbusThreadLoop(void*) {
-    blockSignals();
-    // A call served before the store is loaded could save the defaults over the stored file.
+// ----- The end of the process
+
+// From now on the process ends on the spot when its orderly end takes too long, such as with a hung data model.
+static void limitTheEnd(int status) {
+    iEndStatus = status;
+    handleSignal(SIGALRM, [](int) { endAtOnce(iEndStatus); });
+    const itimerval limit = {
+        {                },
+        { 0, KEndMicroseconds}
+    };
+    setitimer(ITIMER_REAL, &limit, nullptr);
+}
+
+// The end of the process once the bus thread lives, which may be anywhere, a server request included. Returning from
+// main would run the libraries' exit handlers beside that request; so what is released is released here, behind the
+// gate that the bus thread never passes again, and the process ends at once.
+[[noreturn]] static void endProcess(int status, std::span<request_t* const> requests) {
+    closeGateForever();
+    limitTheEnd(status);
+    putConnectionModeBack(iPcbContext);
+    for (request_t* request : requests) {
+        freePcbRequestObject(request);
+    }
+    freePcbRequestObject(iRequestWanChangeNotify);
+    releasePendingCgNatChecks();
+    destroyPcbDataModelClient();
+    cleanRequestsEngine();
+    cleanOrvoServicesInfo();
+    fflush(nullptr);
+    if (__lsan_do_leak_check) {
+        handleSignal(SIGALRM, SIG_IGN);
+        __lsan_do_leak_check();
+    }
+    endAtOnce(status);
+}
+
+// ----- The bus thread
+
+// A call that is served before the store is loaded could save the defaults over the stored file. One that is served
+// before the first values are known would not find the HA-ID, and its own change would be taken for a first value.
+static void awaitStart() {
     while (sem_wait(&iStoreLoaded) != 0 && errno == EINTR) {
     }
+    pollfd sent = {iFirstValuesSent, POLLIN, 0};
+    (void)poll(&sent, 1, KFirstValuesMilliseconds);
+    handleWaitingEventPipeRecords();
+}
+
+static void* dbusThreadLoop(void*) {
+    blockSignals();
+    awaitStart();
     while (event_base_dispatch(iEventBase) > 0) {
     }
-    return nullptr;
+    // A process that nobody can reach must not go on: whoever supervises it starts it again.
+    LOG(ERROR, "Event loop of the bus thread has ended");
+    endAtOnce(1);
 }
 
-// Until the data-model loop is there to be ended in order, SIGTERM and SIGINT end the process on the spot: start-up may
-// be waiting for a bus that never answers, and nothing it has made outlives the process but the pid file.
-static void endDuringStartUp(int) {
-    unlink(KOrsmPidFileName);
-    _exit(0);
-}
-
-namespace {
-
-struct SignalActions {
-    struct sigaction onTerminate, onInterrupt;
-};
-
-}  // namespace
-
-// The result is what the data-model library does on the two signals, for giveEndSignalsBack.
-static SignalActions takeEndSignals() {
-    // The library takes the signals over when it is first set up; only then may others be put in their place.
-    (void)connection_initLibrary();
-    struct sigaction atOnce = {};
-    atOnce.sa_handler = endDuringStartUp;
-    SignalActions before;
-    sigaction(SIGTERM, &atOnce, &before.onTerminate);
-    sigaction(SIGINT, &atOnce, &before.onInterrupt);
-    return before;
-}
-
-static void giveEndSignalsBack(const SignalActions& before) {
-    sigaction(SIGTERM, &before.onTerminate, nullptr);
-    sigaction(SIGINT, &before.onInterrupt, nullptr);
+static void onObjectChanged(const char* path, object_t* object) {
+    pcbObjectChanged(path, object);
+    static bool told = false;
+    if (told || !areInitialValuesSent()) return;
+    told = true;
+    (void)eventfd_write(iFirstValuesSent, 1);
 }
 
 // Subscribes to everything that is watched, and runs the data-model loop if all of it succeeded; ends the process.
 [[noreturn]] static void watchDataModel() {
-    setPcbChangesCallbacks(pcbObjectChanged, pcbParamChanged);
+    setPcbChangesCallbacks(onObjectChanged, pcbParamChanged);
     setPcbFunctionCallback(pcbFunctionCallback);
     setPcbRequestLostCallback(pcbRequestLost);
 
@@ -131,7 +181,7 @@ static void giveEndSignalsBack(const SignalActions& before) {
 }
 
 // Everything behind the pid file; comes back, with the exit status, only while there is no bus thread.
-static int serve(const SignalActions& loopActions) {
+static int serve() {
     iEventBase = event_base_new();
     if (!iEventBase) {
         LOG(ERROR, "Cannot start event loop");
@@ -147,6 +197,7 @@ static int serve(const SignalActions& loopActions) {
         return 1;
     }
     sem_init(&iStoreLoaded, 0, 0);
+    iFirstValuesSent = eventfd(0, EFD_CLOEXEC);  // without it the bus thread serves when its time is over
     if (pthread_create(&iDbusThread, nullptr, dbusThreadLoop, nullptr) != 0) {
         LOG(ERROR, "Could not create thread for dbus handling");
         return 1;
@@ -155,7 +206,7 @@ static int serve(const SignalActions& loopActions) {
     sem_post(&iStoreLoaded);
     if (!createPcbDataModelClient()) endProcess(1, {});
 
-    giveEndSignalsBack(loopActions);
+    handleEndSignals(endLoop);
     wakeOnHangup([] { (void)connection_setEventsAvailable(); });
     watchDataModel();
 }
@@ -182,9 +233,9 @@ static int runDaemon(const char* configurationPath) {
         LOG(INFO, "Process demonized properly");
     }
 
-    const SignalActions loopActions = takeEndSignals();
+    handleEndSignals(endDuringStartUp);
     if (!write_pidfile(KOrsmPidFileName)) return 1;
-    const int status = serve(loopActions);
+    const int status = serve();
     unlink(KOrsmPidFileName);
     return status;
 }
@@ -196,7 +247,18 @@ static void occupyStandardStreams() {
     }
 }
 
+// The memory of a long message or answer goes back to the system. By itself glibc keeps blocks as large as the largest
+// that was freed; and small ones, such as the nodes of a parsed answer, which it does not join when they are freed.
+static void giveMemoryBack() {
+#if defined(M_MMAP_THRESHOLD) && defined(M_MXFAST)
+    mallopt(M_MMAP_THRESHOLD, 128 * 1024);
+    mallopt(M_MXFAST, 0);
+#endif
+}
+
 int main(int argc, char** argv) {
+    giveMemoryBack();
+    unblockSignals();
     occupyStandardStreams();
     signal(SIGXFSZ, SIG_IGN);  // a file that may not grow is a failed write like any other
     if (argc == 2 && strcmp(argv[1], "-v") == 0) {
