@@ -21,7 +21,7 @@ struct PendingCall {
 
 struct Result {
     uint32_t error = 0;
-    OwnedText returns;  // none: the function returns nothing
+    OwnedJson returns;  // by its own type; none: the function returns nothing
     OwnedJson outArguments = nullptr;
 };
 
@@ -31,9 +31,10 @@ static PendingCall* firstCall = nullptr;
 static event* callTimer = nullptr;
 
 static Result runOpenQuery(object_t* data, const cJSON* arguments) {
-    OwnedText number = openQuery(data, arguments);
-    if (!number) return {PCB_ERROR_NO_MEMORY, nullptr};
-    return {0, std::move(number)};
+    const OwnedText number = openQuery(data, arguments);
+    OwnedJson returns(number ? cJSON_CreateNumber(atoi(number.get())) : nullptr);
+    if (!returns) return {PCB_ERROR_NO_MEMORY, nullptr};
+    return {0, std::move(returns)};
 }
 
 static Result runCloseQuery(object_t* data, const cJSON* arguments) {
@@ -44,7 +45,7 @@ static Result runCloseQuery(object_t* data, const cJSON* arguments) {
 static Result runHasFlag(object_t* data, const cJSON* arguments) {
     const parameter_t* flags = object_getParameter(data, "Flags");
     const char* flag = textOrEmpty(jsonText(arguments, "flag"));
-    OwnedText returns = copyText(flags && holdsWord(flags->text(), flag) ? "true" : "false");
+    OwnedJson returns(cJSON_CreateBool(flags && holdsWord(flags->text(), flag)));
     if (!returns) return {PCB_ERROR_NO_MEMORY, nullptr};
     return {0, std::move(returns)};
 }
@@ -56,20 +57,28 @@ static Result runNotify(object_t*, const cJSON* arguments) {
     return {};
 }
 
-// Gives its arguments back as out-arguments, in their order.
-static Result runEcho(object_t*, const cJSON* arguments) {
-    Result result = {0, nullptr, OwnedJson(cJSON_CreateArray())};
+// Adds each argument, and each member of a map, as an out-argument of its own type; false when memory is short.
+static bool addEchoes(cJSON* outArguments, const cJSON* arguments) {
     const cJSON* argument = nullptr;
     cJSON_ArrayForEach(argument, arguments) {
-        OwnedJson item(cJSON_CreateObject());
-        const bool complete = addJsonText(item.get(), KWireName, argument->string) &&
-                              addJsonText(item.get(), KWireValue, textOrEmpty(cJSON_GetStringValue(argument)));
-        if (!complete || !cJSON_AddItemToArray(result.outArguments.get(), item.get())) {
-            return {PCB_ERROR_NO_MEMORY, nullptr};
+        if (cJSON_IsObject(argument)) {
+            if (!addEchoes(outArguments, argument)) return false;
+            continue;
         }
+        OwnedJson item(cJSON_CreateObject());
+        const bool complete = item && addJsonText(item.get(), KWireName, argument->string) &&
+                              addJson(item.get(), KWireValue, OwnedJson(cJSON_Duplicate(argument, false)));
+        if (!complete || !cJSON_AddItemToArray(outArguments, item.get())) return false;
         (void)item.release();  // the array's from here on
     }
-    return result;
+    return true;
+}
+
+// Gives its arguments back, in their order.
+static Result runEcho(object_t*, const cJSON* arguments) {
+    Result result = {0, nullptr, OwnedJson(cJSON_CreateArray())};
+    if (addEchoes(result.outArguments.get(), arguments)) return result;
+    return {PCB_ERROR_NO_MEMORY, nullptr};
 }
 
 static constexpr struct {
@@ -103,9 +112,10 @@ static void serve(const PendingCall* call) {
         printf("pcb-bus: %.40s failed: %s\n", function, error_string(result.error));
         return sendError(call->client, call->id, result.error, call->path.get(), function);
     }
-    printf("pcb-bus: %.40s returned %s\n", function, result.returns ? result.returns.get() : "nothing");
+    const OwnedText returned = result.returns ? printJson(result.returns.get()) : nullptr;
+    printf("pcb-bus: %.40s returned %s\n", function, returned ? returned.get() : "nothing");
     OwnedJson answer = newAnswer(call->id);
-    const bool complete = answer && (!result.returns || addJsonText(answer.get(), KWireReturns, result.returns.get()));
+    const bool complete = answer && (!result.returns || addJson(answer.get(), KWireReturns, std::move(result.returns)));
     if (complete && result.outArguments) {
         cJSON_AddItemToObjectCS(answer.get(), KWireArguments, result.outArguments.release());
     }

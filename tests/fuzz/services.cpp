@@ -44,6 +44,7 @@ void dbus_connection_flush(DBusConnection*) {}
 PcbContext* iBusPcbClient;
 PcbContext* helperPcbDataModelClient() { return iBusPcbClient; }
 void saveOrvoServiceData() {}
+void saveOrvoServiceDataThrough(PcbContext*) {}
 
 // clang-format off
 static constexpr struct { const char* interface; message_bus_method_callback handler; } KServices[] = {

@@ -1,4 +1,7 @@
 // Saving objects to files and loading them again.
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include "tests/platform/client.h"
 
 static constexpr char KFile[] = "/media/orvoservice.odl";
@@ -26,6 +29,12 @@ TEST_F(Platform, ASavedTreeComesBackOverARestartAndIntoARunningBus) {
     EXPECT_EQ(load(client), "done");
     EXPECT_EQ(client.get(KDynDns, "HostName"), everyByte());
     EXPECT_EQ(client.get("OrvoService.GatewayClient", "ConnectionStatus"), "true") << "a live value is kept";
+    // What stands in the new file's place is neither followed nor waited for.
+    const std::string inItsPlace = std::string(KFile) + ".new";
+    world::writeFile("/media/target", "untouched");
+    ASSERT_TRUE(symlink("target", inItsPlace.c_str()) == 0 && save(client, "OrvoService").find("object") == 0);
+    EXPECT_EQ(world::readFile("/media/target"), "untouched");
+    ASSERT_TRUE(mkfifo(inItsPlace.c_str(), 0600) == 0 && save(client, "OrvoService").find("object") == 0);
     bus.reset();
     bus = world::startPcbBus(KFile);
     EXPECT_EQ(Client().get(KDynDns, "HostName"), everyByte());
