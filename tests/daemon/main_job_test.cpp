@@ -62,6 +62,37 @@ TEST(MainJob, EndsAtOnceWhileARequestIsHeldAndMoreChangesWaitThanThePipeHolds) {
     EXPECT_EQ(gateway.log.count("Request error"), 0U) << "it waited for the request";
     EXPECT_FALSE(exists(KPidFile));
     EXPECT_EQ(gateway.daemon->output(), "");
+    EXPECT_EQ(gateway.get("OrvoService.GatewayClient", "ConnectionMode"), "ondemand");
+    EXPECT_NE(readFile(KStore).find("ConnectionMode = \"ondemand\""), std::string::npos);
+}
+
+// RUNS=NUMBER sets how many starts are looked at.
+TEST(MainJob, ServesTheCallsOfTheFirstMomentWithAllThatItHasToKnow) {
+    Gateway gateway;
+    gateway.set("NMC.HomeAutomation", "HA-ID", "HA-1");
+    gateway.set("OrvoService.GatewayClient", "ConnectionMode", "on");
+    gateway.set("OrvoService.DynDNS", "HostName", "box");
+    gateway.set("OrvoService.DynDNS", "SyncNotFinished", "false");
+    const char* const wish = getenv("RUNS");
+    const int runs = wish ? std::stoi(wish) : 6;
+    for (int run = 0; run < runs && !HasFailure(); ++run) {
+        const bool configures = run % 2;
+        gateway.set("OrvoService.DynDNS", "Enable", "true");
+        unlink(KStore);
+        gateway.launch();
+        BusClient client;
+        ASSERT_TRUE(
+            waitFor([&] { return dbus_bus_name_has_owner(client.connection(), "com.corvane.orsm", nullptr) != 0; }));
+        const std::string reply = configures ? client.call("/dyndns", "", "Configure", {false, "box"})
+                                             : client.call("/dyndns", "", "SetEnabled", {false});
+        EXPECT_EQ(reply, configures ? R"({"status":"OK","result":true})" : "true");
+        // The server hears of both.
+        EXPECT_TRUE(waitFor([&] { return gateway.cloud->journal().size() > static_cast<size_t>(run); }));
+        EXPECT_EQ(gateway.cloud->journal().back().body, R"({"name":"box","haId":"HA-1","enabled":false})");
+        EXPECT_EQ(gateway.end(), 0);
+        EXPECT_EQ(gateway.cloud->journal().size(), static_cast<size_t>(run + 1));
+    }
+    printf("figure: first calls: %d of %d starts served them right\n", HasFailure() ? 0 : runs, runs);
 }
 
 TEST(MainJob, ChangesDuringASlowRequestAllArriveInOrder) {

@@ -1,5 +1,6 @@
 // Command line, configuration, start-up and its failures, with the real program.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -70,7 +71,13 @@ TEST(StartUp, DetachesWhenTheConfigurationAsksForIt) {
     Gateway gateway;
     writeFile(KPidFile, std::to_string(getpid()) + std::string(100'000, '\xFF'));  // a stale one is taken over
     const std::string configuration = daemonConfiguration(gateway.cloud->url(), gateway.cloud->caPath());
+    // What a careless parent hands on.
+    sigset_t all;
+    sigfillset(&all);
+    sigprocmask(SIG_BLOCK, &all, nullptr);
+    umask(0);
     gateway.daemon = startDaemon(configuration + "demonize-process=yes\n" /* the earlier line wins */);
+    sigprocmask(SIG_UNBLOCK, &all, nullptr);
     gateway.log.next("Entered pcb data model event loop");
     EXPECT_EQ(readFile(KPidFile), std::to_string(gateway.daemon->pid()) + "\n");
     EXPECT_EQ(gateway.end(SIGINT), 0);
@@ -80,6 +87,9 @@ TEST(StartUp, DetachesWhenTheConfigurationAsksForIt) {
     gateway.log.next("Process demonized properly");
     gateway.log.next("Entered pcb data model event loop");
     const pid_t pid = std::stoi(readFile(KPidFile));
+    for (const char* file : {KPidFile, KDaemonLog}) {
+        EXPECT_EQ(std::filesystem::status(file).permissions(), std::filesystem::perms(0644)) << file;
+    }
     EXPECT_NE(pid, gateway.daemon->pid());
     EXPECT_NE(getsid(pid), getsid(0));
     EXPECT_NE(getsid(pid), pid);

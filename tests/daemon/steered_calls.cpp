@@ -3,6 +3,8 @@
 #include <curl/curl.h>
 #include <event2/event.h>
 #include <pthread.h>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
 #include <sys/syscall.h>
 #include <sys/time.h>
 
@@ -74,6 +76,8 @@ WRAP(pid_t, setsid) { return isRefused("setsid") ? -1 : __real_setsid(); }
 
 WRAP(int, pipe2, int* ends, int flags) { return isRefused("pipe2") ? -1 : __real_pipe2(ends, flags); }
 
+WRAP(int, eventfd, unsigned value, int flags) { return isRefused("eventfd") ? -1 : __real_eventfd(value, flags); }
+
 WRAP(int, pthread_create, pthread_t* thread, const pthread_attr_t* attributes, void* (*entry)(void*), void* argument) {
     return isRefused("pthread_create") ? EAGAIN : __real_pthread_create(thread, attributes, entry, argument);
 }
@@ -110,6 +114,11 @@ int clock_gettime(clockid_t clock, timespec* now) noexcept {
     if (syscall(SYS_clock_gettime, clock, now) != 0) return -1;
     if (clock == CLOCK_REALTIME || clock == CLOCK_REALTIME_COARSE) now->tv_sec += steering().wallClockAhead;
     return 0;
+}
+
+int epoll_wait(int set, epoll_event* events, int count, int milliseconds) {
+    if (isRefused("epoll_wait")) return -1;
+    return static_cast<int>(syscall(SYS_epoll_wait, set, events, count, milliseconds));
 }
 
 int gettimeofday(timeval* now, void*) noexcept {

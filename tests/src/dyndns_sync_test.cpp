@@ -93,6 +93,7 @@ class Sync : public testing::Test {
         EXPECT_TRUE(initRequestsEngine(cloud_->caPath().c_str(), cloud_->url().c_str(), cloud_->url().c_str()));
         iBusPcbClient = easyCreatePcbDataModelClient();
         iBusEventBase = event_base_new();
+        EXPECT_TRUE(easySetPcbParamBoolValue(iBusPcbClient, getPcbObjectPathForDynDns(), "SyncNotFinished", 0));
         react(EVENT_APP_SERVER_URL_INIT, "");
         react(EVENT_HA_ENABLE_INIT, "true");
         react(EVENT_DNS_SERVER_STATUS_INIT, "1");
