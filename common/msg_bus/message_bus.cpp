@@ -11,13 +11,7 @@ static constexpr char KLogModule[] = "common/msg_bus/message_bus";
 OwnedConnection openSharedConnection(DBusBusType type) {
     BusError error;
     OwnedConnection connection(dbus_bus_get(type, &error.raw));
-    if (!connection) {
-        LOG(WARN, "Failed to open connection to activating message bus: %s", error.raw.message);
-        return nullptr;
-    }
-    // No method takes file descriptors. While one message holds some, no other is read: clients could fill the
-    // process's table with them, and libdbus gives a connection up when it finds no place.
-    dbus_connection_set_max_received_unix_fds(connection.get(), 1);
+    if (!connection) LOG(WARN, "Failed to open connection to activating message bus: %s", error.raw.message);
     return connection;
 }
 
@@ -123,6 +117,10 @@ int message_bus_request_name(message_bus* bus, const char* name) {
         LOG(WARN, "failed to request message bus name: %s. Error:\n %s", name, error.raw.message);
     }
     return answer != -1;
+}
+
+void message_bus_limit_descriptors(message_bus* bus) {
+    dbus_connection_set_max_received_unix_fds(bus->connection.get(), 1);
 }
 
 static bool add_match_rule(message_bus* bus, const char* name) {

@@ -47,6 +47,11 @@ void message_bus_free(message_bus** bus);
 [[nodiscard]] int message_bus_add_method_listener(message_bus* bus, const char* name);
 [[nodiscard]] int message_bus_add_signal_listener(message_bus* bus, const char* name);
 
+/// From now on no message is read while another one that holds file descriptors waits to be handled. No method takes
+/// any: clients could fill the process's table with them, and libdbus gives a connection up when it finds no place.
+/// Once nothing blocks for an answer of the bus any more, which would wait as well.
+void message_bus_limit_descriptors(message_bus* bus);
+
 /// Sets the one callback of its kind; a message for which there is a listener but no callback counts as not handled.
 void message_bus_set_method_callback(message_bus* bus, message_bus_method_callback callback);
 void message_bus_set_signal_callback(message_bus* bus, message_bus_signal_callback callback);

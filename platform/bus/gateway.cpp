@@ -15,7 +15,8 @@ static constexpr long KLongestMilliseconds = 3600L * 1000;
 static event* connectTimer = nullptr;
 
 static parameter_t* find(const char* path, const char* parameter) {
-    return object_getParameter(findObject(iBus.tree, path), parameter);
+    object_t* object = findObject(iBus.tree, path);
+    return object ? object_getParameter(object, parameter) : nullptr;
 }
 
 const char* valueOf(const char* path, const char* parameter) {

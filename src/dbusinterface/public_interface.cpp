@@ -24,6 +24,8 @@ bool enableDbusPublicInterface(struct event_base* base) {
     return up;
 }
 
+void prepareToServeDbus() { message_bus_limit_descriptors(iDynDnsMessageBus); }
+
 void disableDbusPublicInterface() {
     message_bus_free(&iDynDnsMessageBus);
     disableDbusForVoltaro();

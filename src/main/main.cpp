@@ -137,6 +137,7 @@ static void awaitStart() {
     }
     pollfd sent = {iFirstValuesSent, POLLIN, 0};
     (void)poll(&sent, 1, KFirstValuesMilliseconds);
+    prepareToServeDbus();
     handleWaitingEventPipeRecords();
 }
 

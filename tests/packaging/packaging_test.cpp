@@ -113,6 +113,8 @@ TEST(Installed, ManualsNameTheProgramsOptionsKeysAndCommandsAndNoOthers) {
     EXPECT_EQ(found(readFile(ctl), "\\.It Fl (\\S+)"), found(usage, "\\[-(\\S+) "));
 }
 
+static constexpr int KStandardInput = STDIN_FILENO;
+
 TEST(Policy, OnlyRootAndTheGroupChangeSomethingOrReachAServerAndOnlyRootOwnsTheName) {
     writeFile("/var/run/group", "root:x:0:\norvoservice:x:5001:\nothers:x:5002:\n");
     writeFile("/var/run/passwd", "root:x:0:0::/:\nmember:x:1001:5001::/:\nother:x:1002:5002::/:\n");
@@ -148,6 +150,11 @@ TEST(Policy, OnlyRootAndTheGroupChangeSomethingOrReachAServerAndOnlyRootOwnsTheN
                   user ? -1 : DBUS_REQUEST_NAME_REPLY_IN_QUEUE);
         EXPECT_EQ(client.call("/", DBUS_INTERFACE_PEER, "Ping"), "");
         EXPECT_TRUE(client.call("/dyndns", DBUS_INTERFACE_INTROSPECTABLE, "Introspect").starts_with("<!"));
+        DBusMessage* const withDescriptor = BusClient::message("/", DBUS_INTERFACE_PEER, "Ping", {});
+        dbus_message_append_args(withDescriptor, DBUS_TYPE_UNIX_FD, &KStandardInput, DBUS_TYPE_INVALID);
+        EXPECT_TRUE(client.callMany(
+            1, 1, [=](int) { return withDescriptor; },
+            [&](DBusMessage* reply) { EXPECT_EQ(BusClient::textOf(reply), denied); }));
         client.destination = DBUS_SERVICE_DBUS;
         const std::string owner = client.call("/", DBUS_INTERFACE_DBUS, "GetNameOwner", {name});
         for (const std::string& method : methods) {
