@@ -17,10 +17,10 @@ static std::pair<ptrdiff_t, ptrdiff_t> held(const std::string& proc) {
     return {std::distance(descriptors, end), std::distance(threads, end)};
 }
 
-// KiB that belong to the process alone.
-static double privateMemory(const std::string& proc) {
-    const std::string rows = readFile(proc + "/smaps_rollup");
-    return std::stod(rows.substr(rows.find("Private_Dirty:") + 14));
+// A figure of the process in KiB, from a file with a row for each.
+static double kibibytes(const std::string& path, const std::string& row) {
+    const std::string rows = readFile(path);
+    return std::stod(rows.substr(rows.find(row) + row.size()));
 }
 
 // By how much a straight line through the figures rises from the first to the last.
@@ -47,6 +47,12 @@ TEST(Soak, NeitherMemoryNorDescriptorsNorThreadsGrow) {
     ASSERT_TRUE(waitFor([&] { return gateway.get("OrvoService.GatewayClient", "ConnectionStatus") == "true"; }));
     BusClient client;
     ASSERT_TRUE(waitFor([&] { return client.call("/orvoservicesinfo", "", "Get") == R"({"status":"OK"})"; }));
+    // The longest message that the bus carries, and an answer that takes fifty times its size when it is parsed.
+    const std::string longName(31'000'000, 'a');
+    std::string numbers = "[0";
+    while (numbers.size() < 1'000'000) {
+        numbers += ",0";
+    }
     int failed = 0;
     std::pair<ptrdiff_t, ptrdiff_t> before;
     std::vector<double> memory;
@@ -69,14 +75,22 @@ TEST(Soak, NeitherMemoryNorDescriptorsNorThreadsGrow) {
             setOften("OrvoService.HomeAutomation", "CommunicationServer", first, last, prefix);
             LogReader(KDaemonLog).next("Communication server URL changed: " + prefix + std::to_string(last));
         }
-        memory.push_back(privateMemory(proc));
+        if (step == 0 || step == KSteps / 2) {
+            failed += client.call("/dyndns", "", "IsNameTaken", {longName}).find("INVALID") == std::string::npos;
+            gateway.cloud->answer("verify", 200, numbers + "]");
+            failed += client.call("/dyndns", "", "IsNameTaken", {"office"}).find("INTERNAL") == std::string::npos;
+        }
+        memory.push_back(kibibytes(proc + "/smaps_rollup", "Private_Dirty:"));
         if (step == KSteps / 10) before = held(proc);
     }
     memory.erase(memory.begin(), memory.begin() + KSteps / 10);
     const double grown = rise(memory);
     printf("figure: soak: %d requests, %d calls, %d notifications: %+.1f KiB after the first tenth (%.0f to %.0f)\n",
            requests * KSteps, calls * KSteps, changes * KSteps, grown, memory.front(), memory.back());
+    printf("figure: soak: at most %.0f MiB resident, with a message of 31 MB and an answer of 1 MB of small numbers\n",
+           kibibytes(proc + "/status", "VmHWM:") / 1024);
     EXPECT_EQ(failed, 0);
+    EXPECT_LE(memory.back(), 4096) << "KiB: long messages and answers leave their memory";
     EXPECT_LE(grown, 64) << "KiB: " << testing::PrintToString(memory);
     EXPECT_EQ(held(proc), before) << "descriptors and threads";
     EXPECT_EQ(gateway.end(), 0);
