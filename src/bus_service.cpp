@@ -18,6 +18,31 @@ static bool setListeners(message_bus* bus, std::span<const Method> methods) {
     return true;
 }
 
+// Answers ahead of the objects, to whose paths libdbus itself would answer without the interface.
+static DBusHandlerResult answerIntrospection(DBusConnection* connection, DBusMessage* call, void* data) {
+    const auto* service = static_cast<const BusService*>(data);
+    if (!dbus_message_is_method_call(call, DBUS_INTERFACE_INTROSPECTABLE, "Introspect") ||
+        !dbus_message_has_path(call, service->path)) {
+        return DBUS_HANDLER_RESULT_NOT_YET_HANDLED;
+    }
+    if (dbus_message_get_no_reply(call)) return DBUS_HANDLER_RESULT_HANDLED;
+    const std::unique_ptr<DBusMessage, ReleaseUnanswered> reply(dbus_message_new_method_return(call));
+    const bool sent =
+        reply && dbus_message_append_args(reply.get(), DBUS_TYPE_STRING, &service->description, DBUS_TYPE_INVALID) &&
+        dbus_connection_send(connection, reply.get(), nullptr);
+    return sent ? DBUS_HANDLER_RESULT_HANDLED : DBUS_HANDLER_RESULT_NEED_MEMORY;
+}
+
+static bool describe(const BusService& service) {
+    DBusConnection* connection = dbus_bus_get(DBUS_BUS_SESSION, nullptr);  // the one that the object is on
+    if (!connection) return false;
+    // libdbus hands the service back as it was given, and reads nothing of it.
+    const bool added =
+        dbus_connection_add_filter(connection, answerIntrospection, const_cast<BusService*>(&service), nullptr);
+    dbus_connection_unref(connection);
+    return added;
+}
+
 message_bus* offerService(const BusService& service, struct event_base* base) {
     LOG(INFO, "%s", service.enablingLine);
     message_bus* bus = message_bus_new(base, service.interface, service.path);
@@ -26,7 +51,7 @@ message_bus* offerService(const BusService& service, struct event_base* base) {
         return nullptr;
     }
     message_bus_set_method_callback(bus, service.handler);
-    if (!setListeners(bus, service.methods)) {
+    if (!setListeners(bus, service.methods) || !describe(service)) {
         message_bus_free(&bus);
         LOG(ERROR, "Error setting listeners");
         return nullptr;

@@ -1,4 +1,4 @@
-// What the daemon's D-Bus services share: the method table, the dispatch of calls to it, and the registration.
+// Method table, dispatch of calls to it, description and registration: what the daemon's D-Bus services share.
 #pragma once
 
 #include <dbus/dbus.h>
@@ -26,11 +26,12 @@ struct Method {
     void (*answer)(MethodCall& call);
 };
 
-/// All that makes one service: who it is on the bus, its methods in the order of their registration, and the log lines
-/// of its registration that are its own.
+/// All that makes one service: who it is on the bus, how it describes itself to clients that introspect it, its methods
+/// in the order of their registration, and the log lines of its registration that are its own.
 struct BusService {
     const char* interface;
     const char* path;
+    const char* description;
     std::span<const Method> methods;
     message_bus_method_callback handler;
     const char* enablingLine;
@@ -38,9 +39,9 @@ struct BusService {
     const char* createdLine;
 };
 
-/// Makes the service's bus object, asks for the daemon's bus name and listens for the methods. The object, to be freed
-/// with message_bus_free, or null when any of it failed (logged, nothing left behind). Blocks for the bus's answers.
-/// Main thread, before the bus thread runs.
+/// Makes the service's bus object, asks for the daemon's bus name, listens for the methods and answers introspection.
+/// `service` lives as long as the process. The object, to be freed with message_bus_free, or null when any of it failed
+/// (logged, nothing left behind). Blocks for the bus's answers. Main thread, before the bus thread runs.
 [[nodiscard]] message_bus* offerService(const BusService& service, struct event_base* base);
 
 /// The body of every service's method callback: logs the call and has the method of that name answer it, holding the

@@ -3,6 +3,7 @@
 #include "common/log/log.h"
 #include "common/text/text.h"
 #include "src/bus_service.h"
+#include "src/descriptions.h"
 
 static constexpr char KLogCategory[] = "orvoservicemanager";
 static constexpr char KLogModule[] = "src/orvoservicesinfo";
@@ -41,6 +42,7 @@ void handleOrvoServicesInfoMethodCall(message_bus* bus, const char* method, cons
 static constexpr BusService KService = {
     .interface = "com.corvane.orsm.orvoservicesinfo",
     .path = "/orvoservicesinfo",
+    .description = KOrvoServicesInfoDescription,
     .methods = KMethods,
     .handler = handleOrvoServicesInfoMethodCall,
     .enablingLine = "Enabling orvoServicesInfo dbus",

@@ -9,6 +9,7 @@
 #include "src/dbusinterface/dyndns_state.h"
 #include "src/dbusinterface/gateway_client.h"
 #include "src/dbusinterface/service_store.h"
+#include "src/descriptions.h"
 #include "src/dyndnsrequest.h"
 
 static constexpr char KLogCategory[] = "orvoservicemanager";
@@ -213,6 +214,7 @@ void handleDynDnsMethodCall(message_bus* bus, const char* method, const char* fi
 static constexpr BusService KService = {
     .interface = "com.corvane.orsm.dyndns",
     .path = "/dyndns",
+    .description = KDynDnsDescription,
     .methods = KMethods,
     .handler = handleDynDnsMethodCall,
     .enablingLine = "Enabling dyndns dbus",

@@ -8,6 +8,7 @@
 #include "src/bus_service.h"
 #include "src/dbusinterface/dyndns_state.h"
 #include "src/dbusinterface/service_store.h"
+#include "src/descriptions.h"
 #include "src/dyndnsrequest.h"
 #include "src/voltarodbus/voltaro_cloud.h"
 
@@ -230,6 +231,7 @@ void handleVoltaroMethodCall(message_bus* bus, const char* method, const char* f
 static constexpr BusService KService = {
     .interface = "com.corvane.orsm.voltaro",
     .path = "/voltaro",
+    .description = KVoltaroDescription,
     .methods = KMethods,
     .handler = handleVoltaroMethodCall,
     .enablingLine = "Enabling Voltaro dbus",
