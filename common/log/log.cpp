@@ -159,6 +159,7 @@ static const char* dateAndTime(time_t second) {
     static char text[40] = "";
     if (*text && made == second) return text;
     tm local = {};
+    tzset();  // localtime_r looks at the time zone only once
     localtime_r(&second, &local);
     if (strftime(text, sizeof text, "%F %T", &local) == 0) *text = '\0';
     made = second;

@@ -18,13 +18,14 @@
 static constexpr char KLogCategory[] = "orvoservicemanager";
 static constexpr char KLogModule[] = "tests/log";
 
-static int iWrites;  // of the code under test
+static int iWrites;           // of the code under test
+static time_t iSecondsLater;  // than the first test's date
 
 WRAP(ssize_t, write, int file, const void* bytes, size_t length) {
     ++iWrites;
     return __real_write(file, bytes, length);
 }
-WRAP(int, gettimeofday, timeval* now, void*) { return *now = {1234567890, 7999}, 0; }
+WRAP(int, gettimeofday, timeval* now, void*) { return *now = {1234567890 + iSecondsLater, 7999}, 0; }
 
 using namespace std::string_literals;
 using namespace world;
@@ -50,7 +51,6 @@ static void configure(const std::string& words) {
 }
 
 TEST(Log, WritesTheSameLineToEveryOutputWithOneWriteEach) {
-    setenv("TZ", "XYZ-3:30", 1);
     // A /dev of its own, for this process alone, with a system log; where that is refused nobody reads one.
     const bool mounted = unshare(CLONE_NEWNS) == 0 && mount("dev", "/dev", "tmpfs", 0, nullptr) == 0;
     const int systemLog = socket(AF_UNIX, SOCK_DGRAM, 0);
@@ -65,11 +65,14 @@ TEST(Log, WritesTheSameLineToEveryOutputWithOneWriteEach) {
     // clang-format on
     std::string all, rotated;
     for (const std::string identity : {"unknown", "orsm", "another"}) {
+        const std::string hour = std::to_string(3 + ++iSecondsLater);
+        setenv("TZ", ("XYZ-" + hour + ":30").c_str(), 1);
         configure((identity == "unknown" ? "" : "syslog.ident=" + identity) + (mounted ? " syslog=true" : "") +
                   " stdout=yes lineandfile=true level=TRACE" TO_FILE);
         for (int level = LEVEL_TRACE; level <= LEVEL_SYSLOG; ++level) {
             const auto& [name, priority, length] = levels[level];
-            std::string line = "2009-02-14 03:01:30.007 "s + name + " file: src/x, line: -7 - ";
+            std::string line = "2009-02-14 0" + hour + ":01:3" + std::to_string(iSecondsLater) + ".007 " + name +
+                               " file: src/x, line: -7 - ";
             const std::string message(length - line.size(), '%');
             line.append(message).resize(std::min<size_t>(length, 7999));
             line += "\n";
