@@ -229,7 +229,7 @@ static void writeToStandardOutput(const Line& line) {
 
 static void appendToFile(const char* path, const Line& line) {
     // Without waiting: the name may be a pipe's that nobody reads.
-    const int file = open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NONBLOCK, 0666);
+    const int file = open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NONBLOCK, 0644);
     if (file < 0) return;
     if (line.length <= PIPE_BUF || takesNow(file, line.length)) writeOnce(file, line);
     close(file);

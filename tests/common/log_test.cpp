@@ -97,6 +97,7 @@ TEST(Log, WritesTheSameLineToEveryOutputWithOneWriteEach) {
 }
 
 TEST(Log, RotatesAsManyFilesAsAreWanted) {
+    umask(0);
     for (const int64_t count : {1LL, 2LL, -99999999999LL, 99999999999LL}) {
         const std::string folder = "/var/log/rotated." + std::to_string(count);
         // A line takes 33 bytes: a file that holds exactly the limit takes one more.
@@ -105,6 +106,7 @@ TEST(Log, RotatesAsManyFilesAsAreWanted) {
             LOG(SYSLOG, "%d", message);
         }
         EXPECT_EQ(std::filesystem::status(folder).permissions(), std::filesystem::perms(0744));
+        EXPECT_EQ(std::filesystem::status(folder + "/kelm.0.log").permissions(), std::filesystem::perms(0644));
         for (int index = 0; index < 5; ++index) {
             const auto line = [index](int message) { return "SYSLOG " + std::to_string(message - 2 * index) + "\n"; };
             EXPECT_EQ(takeLog(folder + "/kelm." + std::to_string(index) + ".log"),
