@@ -166,6 +166,44 @@ static const char* dateAndTime(time_t second) {
     return text;
 }
 
+// What a message quotes must not pass for another line of the log, or steer a terminal that shows it.
+static void clean(char* text, size_t length) {
+    for (size_t i = 0; i < length; ++i) {
+        const auto byte = static_cast<unsigned char>(text[i]);
+        if (byte == '\n' || byte == '\r' || byte == '\t') {
+            text[i] = ' ';
+        } else if (byte < 0x20 || byte == 0x7F) {
+            text[i] = '?';
+        } else if (byte == 0xC2 && (text[i + 1] & 0xE0) == 0x80) {  // U+0080 to U+009F; a zero byte ends the text
+            text[i] = text[i + 1] = '?';
+        }
+    }
+}
+
+// The format's first `length` bytes, which the compiler then takes for the format that it has checked.
+__attribute__((format_arg(1))) static const char* beginningOf(const char* format, size_t length, char* room) {
+    memcpy(room, format, length);
+    room[length] = '\0';
+    return room;
+}
+
+// Puts a format's own line breaks back: each stands where the message ends when its format ends there. One behind the
+// format's first 255 bytes stays a blank.
+__attribute__((format(printf, 3, 0))) static void restoreBreaks(char* message, size_t length, const char* format,
+                                                                va_list arguments) {
+    char beginning[256];
+    for (const char* at = strchr(format, '\n'); at; at = strchr(at + 1, '\n')) {
+        const auto formatLength = static_cast<size_t>(at - format);
+        if (formatLength >= sizeof beginning) return;
+        va_list again;
+        va_copy(again, arguments);
+        const int position = vsnprintf(nullptr, 0, beginningOf(format, formatLength, beginning), again);
+        va_end(again);
+        if (position < 0 || static_cast<size_t>(position) >= length) return;
+        message[position] = '\n';
+    }
+}
+
 static void beginLine(Line& line, int level, const char* file, ssize_t lineNumber) {
     timeval now = {};
     gettimeofday(&now, nullptr);
@@ -298,13 +336,21 @@ __attribute__((format(printf, 5, 6))) void _log(const char* category, int level,
 
     Line built;
     beginLine(built, level, file, line);
+    char* const message = end(built);
     va_list arguments;
     va_start(arguments, format);
-    const bool complete = extend(built, vsnprintf(end(built), room(built), format, arguments));
+    const bool complete = extend(built, vsnprintf(message, room(built), format, arguments));
     va_end(arguments);
     if (!complete) {
         fprintf(stderr, "vsnprintf failed due to error %d\n", errno);
         return;
+    }
+    const auto length = static_cast<size_t>(end(built) - message);
+    clean(message, length);
+    if (strchr(format, '\n')) {
+        va_start(arguments, format);
+        restoreBreaks(message, length, format, arguments);
+        va_end(arguments);
     }
     writeToOutputs(level, built);
 }

@@ -96,6 +96,12 @@ TEST(Log, WritesTheSameLineToEveryOutputWithOneWriteEach) {
     EXPECT_EQ(recv(systemLog, received, sizeof received, MSG_DONTWAIT), -1);
 }
 
+TEST(Log, AMessageCannotForgeALineOrSteerATerminal) {
+    configure(TO_FILE);
+    LOG(ERROR, "%s: \n %s\n", "a\r\n2009\t\x1b[2J", "\x01\x1f\x7f\xc2\x80\xc2\x9f|\xc2\xa0\xc3\xa4\n");
+    EXPECT_EQ(readFile(KFile).substr(24), "ERROR a  2009 ?[2J: \n ???????|\xc2\xa0\xc3\xa4 \n\n");
+}
+
 TEST(Log, RotatesAsManyFilesAsAreWanted) {
     umask(0);
     for (const int64_t count : {1LL, 2LL, -99999999999LL, 99999999999LL}) {
