@@ -2,14 +2,17 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <sched.h>
 #include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/time.h>
 #include <sys/un.h>
 
 #include <filesystem>
+#include <thread>
 #include <tuple>
 
 #include "tests/world/test_log.h"
@@ -180,6 +183,79 @@ TEST(Log, APipeAsSmallAsALineTakesItAndFailingOutputsAreSilent) {
         EXPECT_EQ(errno, 4321);
         dup2(console, STDOUT_FILENO);
         EXPECT_EQ(takeLog(path), "SYSLOG x\n");
+    }
+}
+
+// Reads what comes within this time, at most 4000 bytes; false when nothing does.
+static bool readMore(int file, std::string& text, int milliseconds) {
+    char piece[4000];
+    pollfd readable = {file, POLLIN, 0};
+    if (poll(&readable, 1, milliseconds) <= 0) return false;
+    text.append(piece, static_cast<size_t>(std::max<ssize_t>(read(file, piece, sizeof piece), 0)));
+    return true;
+}
+
+TEST(Log, AReaderGetsEveryLineWholeAndIsWaitedForOnceWhenItStops) {
+    rlimit before;
+    getrlimit(RLIMIT_NOFILE, &before);
+    const rlimit none = {3, before.rlim_max};
+    const int console = dup(STDOUT_FILENO);
+    const auto message = [](int number) { return std::to_string(number) + std::string(7900, 'x'); };
+    for (const std::string kind : {"terminal file", "terminal", "terminal, no descriptor", "socket", "pipe file"}) {
+        SCOPED_TRACE(kind);
+        std::string path = "/var/log/pipe";
+        int ends[2];
+        if (kind == "socket") {
+            ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
+        } else {
+            if (kind == "pipe file") mkfifo(path.c_str(), 0600);
+            ends[0] = kind == "pipe file" ? open(path.c_str(), O_RDWR) : posix_openpt(O_RDWR | O_NOCTTY);
+            if (kind != "pipe file") path = grantpt(ends[0]) == 0 && unlockpt(ends[0]) == 0 ? ptsname(ends[0]) : "";
+            ASSERT_GE(ends[1] = open(path.c_str(), O_RDWR | O_NOCTTY), 0);
+        }
+        const bool file = kind.ends_with("file");
+        configure("enabled=true file="s + (file ? "true" : "no") + " stdout=" + (file ? "no" : "true") +
+                  " filename=" + path);
+        if (!file) dup2(ends[1], STDOUT_FILENO);
+        if (kind.ends_with("descriptor")) setrlimit(RLIMIT_NOFILE, &none);
+
+        // A reader slower than the log; then none, and far more lines than would be waited for within the test's time.
+        std::string got;
+        std::thread reader([&] {
+            while (std::count(got.begin(), got.end(), '\n') < 30 && readMore(ends[0], got, 30'000)) {
+                usleep(1000);
+            }
+        });
+        for (int number = 0; number < 30; ++number) {
+            LOG(ERROR, "%s", message(number).c_str());
+        }
+        reader.join();
+        for (int number = 30; number < 120; ++number) {
+            LOG(ERROR, "%s", message(number).c_str());
+        }
+        EXPECT_TRUE(waitFor([&] {
+            while (readMore(ends[0], got, 0)) {
+            }
+            iWrites = 0;
+            LOG(ERROR, "read again");
+            return got.ends_with("read again\n") || got.ends_with("read again\r\n");
+        }));
+        setrlimit(RLIMIT_NOFILE, &before);
+        dup2(console, STDOUT_FILENO);
+        EXPECT_EQ(iWrites > 2, kind.ends_with("descriptor"));  // more than a line break and the line
+
+        std::erase(got, '\r');
+        std::istringstream all(got);
+        int whole = 0, torn = 0;
+        for (std::string line; std::getline(all, line) && line.erase(0, 30) != "read again";) {
+            line == message(whole) ? ++whole : ++torn;
+            EXPECT_TRUE(message(torn ? whole : whole - 1).starts_with(line));
+        }
+        EXPECT_GT(whole, 30);
+        EXPECT_LT(whole, 60);
+        EXPECT_LE(torn, kind == "pipe file" ? 0 : 1);
+        close(ends[0]);
+        close(ends[1]);
     }
 }
 
