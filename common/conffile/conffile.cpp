@@ -92,11 +92,14 @@ static OwnedConfig parse(OwnedConfig config, bool hasContent) {
 }
 
 static bool readContent(ConfigFile* config, int file) {
-    ssize_t length = 0;
-    do {
-        length = read(file, config->content, KFileContentSize);
-    } while (length < 0 && errno == EINTR);
-    if (length < 0) return false;
+    size_t length = 0;
+    while (length < KFileContentSize) {
+        const ssize_t piece = read(file, config->content + length, KFileContentSize - length);
+        if (piece < 0 && errno == EINTR) continue;
+        if (piece < 0) return false;
+        if (piece == 0) break;
+        length += static_cast<size_t>(piece);
+    }
     config->contentLength = static_cast<uint32_t>(length);
     return true;
 }

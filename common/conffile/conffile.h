@@ -28,9 +28,9 @@ struct FreeConfig {
 };
 using OwnedConfig = std::unique_ptr<ConfigFile, FreeConfig>;
 
-/// Reads the file at `path` with one read; what stands behind its first 4095 bytes is ignored. Null, and a line in the
-/// log, when the path is null, the file cannot be opened or read, a line holds no "=", or memory is short. An empty
-/// file is a configuration without pairs.
+/// Reads the file at `path`, a pipe until its writers have closed it; what stands behind its first 4095 bytes is
+/// ignored. Null, and a line in the log, when the path is null, the file cannot be opened or read, a line holds no "=",
+/// or memory is short. An empty file is a configuration without pairs.
 [[nodiscard]] OwnedConfig configFileLoad(const char* path);
 
 /// Parses a copy of `length` bytes; fails as configFileLoad does (null bytes are no content). A length of exactly 4096

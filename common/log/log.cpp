@@ -6,6 +6,7 @@
 #include <signal.h>
 #include <strings.h>
 #include <sys/ioctl.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/time.h>
 #include <syslog.h>
@@ -159,10 +160,49 @@ static const char* dateAndTime(time_t second) {
     static char text[40] = "";
     if (*text && made == second) return text;
     tm local = {};
+    tzset();  // localtime_r looks at the time zone only once
     localtime_r(&second, &local);
     if (strftime(text, sizeof text, "%F %T", &local) == 0) *text = '\0';
     made = second;
     return text;
+}
+
+// What a message quotes must not pass for another line of the log, or steer a terminal that shows it.
+static void clean(char* text, size_t length) {
+    for (size_t i = 0; i < length; ++i) {
+        const auto byte = static_cast<unsigned char>(text[i]);
+        if (byte == '\n' || byte == '\r' || byte == '\t') {
+            text[i] = ' ';
+        } else if (byte < 0x20 || byte == 0x7F) {
+            text[i] = '?';
+        } else if (byte == 0xC2 && (text[i + 1] & 0xE0) == 0x80) {  // U+0080 to U+009F; a zero byte ends the text
+            text[i] = text[i + 1] = '?';
+        }
+    }
+}
+
+// The format's first `length` bytes, which the compiler then takes for the format that it has checked.
+__attribute__((format_arg(1))) static const char* beginningOf(const char* format, size_t length, char* room) {
+    memcpy(room, format, length);
+    room[length] = '\0';
+    return room;
+}
+
+// Puts a format's own line breaks back: each stands where the message ends when its format ends there. One behind the
+// format's first 255 bytes stays a blank.
+__attribute__((format(printf, 3, 0))) static void restoreBreaks(char* message, size_t length, const char* format,
+                                                                va_list arguments) {
+    char beginning[256];
+    for (const char* at = strchr(format, '\n'); at; at = strchr(at + 1, '\n')) {
+        const auto formatLength = static_cast<size_t>(at - format);
+        if (formatLength >= sizeof beginning) return;
+        va_list again;
+        va_copy(again, arguments);
+        const int position = vsnprintf(nullptr, 0, beginningOf(format, formatLength, beginning), again);
+        va_end(again);
+        if (position < 0 || static_cast<size_t>(position) >= length) return;
+        message[position] = '\n';
+    }
 }
 
 static void beginLine(Line& line, int level, const char* file, ssize_t lineNumber) {
@@ -184,53 +224,132 @@ static void writeOnce(int file, const Line& line) {
     }
 }
 
-// Whether a write of this length to a pipe, terminal or socket would not wait for its reader.
-static bool takesNow(int file, size_t length) {
+static constexpr int KPatience = 2000;  // ms
+static constexpr int KLookEvery = 10;   // ms
+
+namespace {
+
+// What an output knows of the reader of its pipe, terminal or socket. One that takes nothing for KPatience has stopped:
+// until it reads again, what finds no room is dropped at once. Without an end to the wait, the log's lock would hold
+// both threads, and the end of the process.
+struct Reader {
+    bool stopped = false;
+    int unread = 0;           // in a pipe, when a line last began to wait, or was dropped
+    bool insideLine = false;  // a terminal or socket: it stopped in the middle of a line
+};
+
+}  // namespace
+
+// Need the log's lock.
+static Reader iStandardOutputReader;
+static Reader iFileReader;
+static Reader iRotatedFileReader;
+
+static int unreadIn(int pipe) {
+    int unread = 0;
+    return ioctl(pipe, FIONREAD, &unread) == 0 ? unread : 0;
+}
+
+static bool hasSomeRoom(int file) {
     pollfd writable = {file, POLLOUT, 0};
-    if (poll(&writable, 1, 0) <= 0) return false;
+    return poll(&writable, 1, 0) > 0;
+}
+
+// Whether one write of this length would not wait for the pipe's reader.
+static bool hasRoom(int pipe, size_t length) {
+    if (!hasSomeRoom(pipe)) return false;
     // One free page is promised; a longer line needs more, and the pages in use may be no more than half full. A pipe
     // may be as small as one line.
-    const int capacity = length > PIPE_BUF ? fcntl(file, F_GETPIPE_SZ) : -1;
-    int unread = 0;
-    if (capacity < 0 || ioctl(file, FIONREAD, &unread) != 0) return true;
+    if (length <= PIPE_BUF) return true;
+    const int capacity = fcntl(pipe, F_GETPIPE_SZ);
+    const int unread = unreadIn(pipe);
     return unread == 0 ? static_cast<int>(length) <= capacity : 2 * unread + 3 * PIPE_BUF <= capacity;
 }
 
-// How much of a pipe waits for its reader; -1 for what is no pipe.
-static int unreadIn(int file) {
-    int unread = 0;
-    return fcntl(file, F_GETPIPE_SZ) >= 0 && ioctl(file, FIONREAD, &unread) == 0 ? unread : -1;
-}
-
-// Waits two seconds for a reader that has stopped reading, the first time; its lines are dropped then, unless there is
-// room for them, until it reads again. Without an end to the wait, the log's lock would hold both threads, and the end
-// of the process.
-static bool waitUntilTaken(int file, size_t length) {
-    static bool readerStopped = false;
-    static int unreadThen = 0;
-    if (readerStopped && unreadIn(file) < unreadThen) readerStopped = false;
-    for (int tries = readerStopped ? 0 : 200; !takesNow(file, length); --tries) {
-        if (tries <= 0) {
-            readerStopped = true;
-            unreadThen = unreadIn(file);
-            return false;
-        }
-        poll(nullptr, 0, 10);
+// Waits until the pipe takes the line with one write; false when its reader has stopped.
+static bool waitForRoom(int pipe, Reader& reader, size_t length) {
+    // Room is no sign of life: a short line still finds it where a long one does not.
+    if (reader.stopped && unreadIn(pipe) < reader.unread) reader.stopped = false;
+    for (int waited = reader.stopped ? KPatience : 0; !hasRoom(pipe, length); waited += KLookEvery) {
+        const int unread = unreadIn(pipe);
+        // A reader that took byte after byte would hold the log for hours: only a page counts.
+        if (reader.unread - unread >= PIPE_BUF) waited = 0;
+        reader.stopped = waited >= KPatience;
+        if (reader.stopped || waited == 0) reader.unread = unread;
+        if (reader.stopped) return false;
+        poll(nullptr, 0, KLookEvery);
     }
-    if (readerStopped && unreadThen < 0) readerStopped = false;
     return true;
 }
 
-static void writeToStandardOutput(const Line& line) {
-    fflush(stdout);  // what the program printed before stands before
-    if (waitUntilTaken(STDOUT_FILENO, line.length)) writeOnce(STDOUT_FILENO, line);
+// Writes what a terminal or socket takes at once; 0, or -1 and EAGAIN, when that is nothing.
+static ssize_t writeSome(int file, const char* text, size_t length) {
+    if ((fcntl(file, F_GETFL) & O_NONBLOCK) != 0) return write(file, text, length);
+    const ssize_t sent = send(file, text, length, MSG_DONTWAIT);
+    if (sent >= 0 || errno != ENOTSOCK) return sent;
+    // A terminal that could not be opened a second time: room for one byte is all that poll promises.
+    return hasSomeRoom(file) ? write(file, text, 1) : 0;
 }
 
-static void appendToFile(const char* path, const Line& line) {
-    // Without waiting: the name may be a pipe's that nobody reads.
-    const int file = open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NONBLOCK, 0666);
+// Goes on for as long as the reader makes progress; gives how much it has taken.
+static size_t writeWhileRead(int file, Reader& reader, const char* text, size_t length) {
+    size_t written = 0;
+    int waited = reader.stopped ? KPatience : 0;
+    while (written < length) {
+        const ssize_t now = writeSome(file, text + written, length - written);
+        if (now > 0) {
+            written += static_cast<size_t>(now);
+            reader.stopped = false;
+            waited = 0;
+        } else if (now < 0 && errno != EAGAIN && errno != EINTR) {
+            break;
+        } else if (waited >= KPatience) {
+            reader.stopped = true;
+            break;
+        } else {
+            // Not poll for room: a serial device reports that only once most of its buffer is sent.
+            poll(nullptr, 0, KLookEvery);
+            waited += KLookEvery;
+        }
+    }
+    return written;
+}
+
+static void writeInPieces(int file, Reader& reader, const Line& line) {
+    // The rest of a torn line is lost. The next one begins on a line of its own, where its date is looked for.
+    if (reader.insideLine && writeWhileRead(file, reader, "\n", 1) == 0) return;
+    const size_t written = writeWhileRead(file, reader, line.text, line.length);
+    reader.insideLine = written > 0 && written < line.length;
+}
+
+static void writeTo(int file, Reader& reader, const Line& line) {
+    struct stat status = {};
+    if (fstat(file, &status) != 0) return;
+    if (S_ISFIFO(status.st_mode)) {
+        if (waitForRoom(file, reader, line.length)) writeOnce(file, line);
+    } else if (S_ISSOCK(status.st_mode) || (S_ISCHR(status.st_mode) && isatty(file))) {
+        writeInPieces(file, reader, line);
+    } else {
+        writeOnce(file, line);
+    }
+}
+
+// Opening never waits: the name may be a pipe's that nobody reads. A terminal does not become the process's own.
+static constexpr int KToWrite = O_WRONLY | O_APPEND | O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
+
+static void writeToStandardOutput(const Line& line) {
+    fflush(stdout);  // what the program printed before stands before
+    // Others share its description and find it blocking, as it was; a terminal with room for a part of the line would
+    // hold this thread, so it is opened a second time.
+    const int again = isatty(STDOUT_FILENO) ? open("/proc/self/fd/1", KToWrite) : -1;
+    writeTo(again >= 0 ? again : STDOUT_FILENO, iStandardOutputReader, line);
+    if (again >= 0) close(again);
+}
+
+static void appendToFile(const char* path, Reader& reader, const Line& line) {
+    const int file = open(path, KToWrite | O_CREAT, 0644);
     if (file < 0) return;
-    if (line.length <= PIPE_BUF || takesNow(file, line.length)) writeOnce(file, line);
+    writeTo(file, reader, line);
     close(file);
 }
 
@@ -268,7 +387,7 @@ static void writeToRotatedFiles(const Line& line) {
     } else if (errno != ENOENT) {
         return;
     }
-    appendToFile(path, line);
+    appendToFile(path, iRotatedFileReader, line);
 }
 
 static void writeToSystemLog(int level, const Line& line) {
@@ -281,7 +400,7 @@ static void writeToOutputs(int level, Line& line) {
     if (iLogSettings.standardOutput || iLogSettings.file || level == LEVEL_SYSLOG) {
         const WithoutBrokenPipe guard;
         if (iLogSettings.standardOutput) writeToStandardOutput(line);
-        if (iLogSettings.file) appendToFile(iLogSettings.filename, line);
+        if (iLogSettings.file) appendToFile(iLogSettings.filename, iFileReader, line);
         if (level == LEVEL_SYSLOG) writeToRotatedFiles(line);
     }
     if (iLogSettings.systemLog) writeToSystemLog(level, line);
@@ -297,13 +416,21 @@ __attribute__((format(printf, 5, 6))) void _log(const char* category, int level,
 
     Line built;
     beginLine(built, level, file, line);
+    char* const message = end(built);
     va_list arguments;
     va_start(arguments, format);
-    const bool complete = extend(built, vsnprintf(end(built), room(built), format, arguments));
+    const bool complete = extend(built, vsnprintf(message, room(built), format, arguments));
     va_end(arguments);
     if (!complete) {
         fprintf(stderr, "vsnprintf failed due to error %d\n", errno);
         return;
+    }
+    const auto length = static_cast<size_t>(end(built) - message);
+    clean(message, length);
+    if (strchr(format, '\n')) {
+        va_start(arguments, format);
+        restoreBreaks(message, length, format, arguments);
+        va_end(arguments);
     }
     writeToOutputs(level, built);
 }

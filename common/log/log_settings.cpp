@@ -11,6 +11,9 @@
 #include "common/log/log.h"
 #include "common/text/text.h"
 
+static constexpr char KLogCategory[] = "unassigned";
+static constexpr char KLogModule[] = "common/log/log_settings";
+
 static constexpr char KPrefix[] = "logger.";
 static constexpr char KDefaultFileName[] = "zolclient.log";
 static constexpr char KReloadFileName[] = "zolclient.log";
@@ -42,9 +45,12 @@ static void reset() {
 }
 
 static void reloadFromFile() {
-    // A pipe would have to be waited for, with the log held.
+    // A pipe or terminal would have to be waited for, with the log held.
     struct stat status = {};
-    if (stat(KReloadFileName, &status) == 0 && S_ISFIFO(status.st_mode)) return;
+    if (stat(KReloadFileName, &status) == 0 && !S_ISREG(status.st_mode)) {
+        LOG(WARN, "not an ordinary file: %s", KReloadFileName);
+        return;
+    }
     const OwnedConfig config = configFileLoad(KReloadFileName);
     debug_init(config.get());
 }

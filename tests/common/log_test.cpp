@@ -2,13 +2,17 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <sched.h>
 #include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/time.h>
 #include <sys/un.h>
 
 #include <filesystem>
+#include <thread>
 #include <tuple>
 
 #include "tests/world/test_log.h"
@@ -17,13 +21,14 @@
 static constexpr char KLogCategory[] = "orvoservicemanager";
 static constexpr char KLogModule[] = "tests/log";
 
-static int iWrites;  // of the code under test
+static int iWrites;           // of the code under test
+static time_t iSecondsLater;  // than the first test's date
 
 WRAP(ssize_t, write, int file, const void* bytes, size_t length) {
     ++iWrites;
     return __real_write(file, bytes, length);
 }
-WRAP(int, gettimeofday, timeval* now, void*) { return *now = {1234567890, 7999}, 0; }
+WRAP(int, gettimeofday, timeval* now, void*) { return *now = {1234567890 + iSecondsLater, 7999}, 0; }
 
 using namespace std::string_literals;
 using namespace world;
@@ -49,7 +54,6 @@ static void configure(const std::string& words) {
 }
 
 TEST(Log, WritesTheSameLineToEveryOutputWithOneWriteEach) {
-    setenv("TZ", "XYZ-3:30", 1);
     // A /dev of its own, for this process alone, with a system log; where that is refused nobody reads one.
     const bool mounted = unshare(CLONE_NEWNS) == 0 && mount("dev", "/dev", "tmpfs", 0, nullptr) == 0;
     const int systemLog = socket(AF_UNIX, SOCK_DGRAM, 0);
@@ -64,11 +68,14 @@ TEST(Log, WritesTheSameLineToEveryOutputWithOneWriteEach) {
     // clang-format on
     std::string all, rotated;
     for (const std::string identity : {"unknown", "orsm", "another"}) {
+        const std::string hour = std::to_string(3 + ++iSecondsLater);
+        setenv("TZ", ("XYZ-" + hour + ":30").c_str(), 1);
         configure((identity == "unknown" ? "" : "syslog.ident=" + identity) + (mounted ? " syslog=true" : "") +
                   " stdout=yes lineandfile=true level=TRACE" TO_FILE);
         for (int level = LEVEL_TRACE; level <= LEVEL_SYSLOG; ++level) {
             const auto& [name, priority, length] = levels[level];
-            std::string line = "2009-02-14 03:01:30.007 "s + name + " file: src/x, line: -7 - ";
+            std::string line = "2009-02-14 0" + hour + ":01:3" + std::to_string(iSecondsLater) + ".007 " + name +
+                               " file: src/x, line: -7 - ";
             const std::string message(length - line.size(), '%');
             line.append(message).resize(std::min<size_t>(length, 7999));
             line += "\n";
@@ -92,7 +99,14 @@ TEST(Log, WritesTheSameLineToEveryOutputWithOneWriteEach) {
     EXPECT_EQ(recv(systemLog, received, sizeof received, MSG_DONTWAIT), -1);
 }
 
+TEST(Log, AMessageCannotForgeALineOrSteerATerminal) {
+    configure(TO_FILE);
+    LOG(ERROR, "%s: \n %s\n", "a\r\n2009\t\x1b[2J", "\x01\x1f\x7f\xc2\x80\xc2\x9f|\xc2\xa0\xc3\xa4\n");
+    EXPECT_EQ(readFile(KFile).substr(24), "ERROR a  2009 ?[2J: \n ???????|\xc2\xa0\xc3\xa4 \n\n");
+}
+
 TEST(Log, RotatesAsManyFilesAsAreWanted) {
+    umask(0);
     for (const int64_t count : {1LL, 2LL, -99999999999LL, 99999999999LL}) {
         const std::string folder = "/var/log/rotated." + std::to_string(count);
         // A line takes 33 bytes: a file that holds exactly the limit takes one more.
@@ -101,6 +115,7 @@ TEST(Log, RotatesAsManyFilesAsAreWanted) {
             LOG(SYSLOG, "%d", message);
         }
         EXPECT_EQ(std::filesystem::status(folder).permissions(), std::filesystem::perms(0744));
+        EXPECT_EQ(std::filesystem::status(folder + "/kelm.0.log").permissions(), std::filesystem::perms(0644));
         for (int index = 0; index < 5; ++index) {
             const auto line = [index](int message) { return "SYSLOG " + std::to_string(message - 2 * index) + "\n"; };
             EXPECT_EQ(takeLog(folder + "/kelm." + std::to_string(index) + ".log"),
@@ -171,9 +186,92 @@ TEST(Log, APipeAsSmallAsALineTakesItAndFailingOutputsAreSilent) {
     }
 }
 
+// Reads what comes within this time, at most 4000 bytes; false when nothing does.
+static bool readMore(int file, std::string& text, int milliseconds) {
+    char piece[4000];
+    pollfd readable = {file, POLLIN, 0};
+    if (poll(&readable, 1, milliseconds) <= 0) return false;
+    text.append(piece, static_cast<size_t>(std::max<ssize_t>(read(file, piece, sizeof piece), 0)));
+    return true;
+}
+
+TEST(Log, AReaderGetsEveryLineWholeAndIsWaitedForOnceWhenItStops) {
+    rlimit before;
+    getrlimit(RLIMIT_NOFILE, &before);
+    const rlimit none = {3, before.rlim_max};
+    const int console = dup(STDOUT_FILENO);
+    const auto message = [](int number) { return std::to_string(number) + std::string(7900, 'x'); };
+    for (const std::string kind : {"terminal file", "terminal", "terminal, no descriptor", "socket", "pipe file"}) {
+        SCOPED_TRACE(kind);
+        std::string path = "/var/log/pipe";
+        int ends[2];
+        if (kind == "socket") {
+            ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
+        } else {
+            if (kind == "pipe file") mkfifo(path.c_str(), 0600);
+            ends[0] = kind == "pipe file" ? open(path.c_str(), O_RDWR) : posix_openpt(O_RDWR | O_NOCTTY);
+            if (kind != "pipe file") path = grantpt(ends[0]) == 0 && unlockpt(ends[0]) == 0 ? ptsname(ends[0]) : "";
+            ASSERT_GE(ends[1] = open(path.c_str(), O_RDWR | O_NOCTTY), 0);
+        }
+        const bool file = kind.ends_with("file");
+        configure("enabled=true file="s + (file ? "true" : "no") + " stdout=" + (file ? "no" : "true") +
+                  " filename=" + path);
+        if (!file) dup2(ends[1], STDOUT_FILENO);
+        if (kind.ends_with("descriptor")) setrlimit(RLIMIT_NOFILE, &none);
+
+        // A reader slower than the log; then none, and far more lines than would be waited for within the test's time.
+        std::string got;
+        std::thread reader([&] {
+            while (std::count(got.begin(), got.end(), '\n') < 30 && readMore(ends[0], got, 30'000)) {
+                usleep(1000);
+            }
+        });
+        for (int number = 0; number < 30; ++number) {
+            LOG(ERROR, "%s", message(number).c_str());
+        }
+        reader.join();
+        for (int number = 30; number < 120; ++number) {
+            LOG(ERROR, "%s", message(number).c_str());
+        }
+        EXPECT_TRUE(waitFor([&] {
+            while (readMore(ends[0], got, 0)) {
+            }
+            iWrites = 0;
+            LOG(ERROR, "read again");
+            return got.ends_with("read again\n") || got.ends_with("read again\r\n");
+        }));
+        setrlimit(RLIMIT_NOFILE, &before);
+        dup2(console, STDOUT_FILENO);
+        EXPECT_EQ(iWrites > 2, kind.ends_with("descriptor"));  // more than a line break and the line
+
+        std::erase(got, '\r');
+        std::istringstream all(got);
+        int whole = 0, torn = 0;
+        for (std::string line; std::getline(all, line) && line.erase(0, 30) != "read again";) {
+            line == message(whole) ? ++whole : ++torn;
+            EXPECT_TRUE(message(torn ? whole : whole - 1).starts_with(line));
+        }
+        EXPECT_GT(whole, 30);
+        EXPECT_LT(whole, 60);
+        EXPECT_LE(torn, kind == "pipe file" ? 0 : 1);
+        close(ends[0]);
+        close(ends[1]);
+    }
+}
+
 TEST(LogReload, IsTakenByTheNextCallEvenIfDroppedOrSwitchedOff) {
     ASSERT_EQ(chdir("/media"), 0);
     configure("category.unassigned=INFO" TO_FILE);
+    std::string skipped;
+    for (int (*const make)() :
+         {+[] { return mkfifo("zolclient.log", 0600); }, +[] { return mkdir("zolclient.log", 0700); },
+          +[] { return symlink("/dev/zero", "zolclient.log"); }}) {
+        ASSERT_EQ(make(), 0);
+        raise(SIGHUP);
+        LOG(ERROR, "as before");
+        skipped += " WARN not an ordinary file: zolclient.log\nERROR as before\n";
+        remove("zolclient.log");
+    }
     writeFile("zolclient.log", "broken");
     raise(SIGHUP);
     LOG(ERROR, "broken, so nothing changes");
@@ -185,6 +283,7 @@ TEST(LogReload, IsTakenByTheNextCallEvenIfDroppedOrSwitchedOff) {
     raise(SIGHUP);
     LOG(INFO, "reloaded before this line");
     const std::string parsing = " INFO parsing configuration file: zolclient.log\n";
-    EXPECT_EQ(takeLog(KFile), parsing + " WARN syntax error in configuration\nERROR broken, so nothing changes\n" +
-                                  parsing + " INFO reloaded before this line\n");
+    EXPECT_EQ(takeLog(KFile), skipped + parsing +
+                                  " WARN syntax error in configuration\nERROR broken, so nothing changes\n" + parsing +
+                                  " INFO reloaded before this line\n");
 }
