@@ -40,8 +40,8 @@ static constexpr LevelRow KLevels[] = {
 constinit LogSettings iLogSettings;
 constinit LogCategory* categories = nullptr;
 
-// Recursive, because a reload logs while it holds the log.
-static pthread_mutex_t iLock = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
+static pthread_mutex_t iLock = PTHREAD_MUTEX_INITIALIZER;
+static thread_local int iLockDepth = 0;  // a reload logs while it holds the log
 static std::atomic<bool> iHangupSeen = false;
 static_assert(std::atomic<bool>::is_always_lock_free, "set by a signal handler");
 static void (*iReload)() = nullptr;
@@ -84,9 +84,13 @@ struct Line {
 
 }  // namespace
 
-LogLock::LogLock() { pthread_mutex_lock(&iLock); }
+LogLock::LogLock() {
+    if (iLockDepth++ == 0) pthread_mutex_lock(&iLock);
+}
 
-LogLock::~LogLock() { pthread_mutex_unlock(&iLock); }
+LogLock::~LogLock() {
+    if (--iLockDepth == 0) pthread_mutex_unlock(&iLock);
+}
 
 int logLevelFromText(const char* text) {
     int level = LEVEL_TRACE;
