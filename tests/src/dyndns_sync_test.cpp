@@ -143,10 +143,20 @@ TEST_F(Sync, NothingRunsUntilSomethingTriggersIt) {
 
 TEST_F(Sync, RetriesGrowToAnHourCountFromTheFailureAndStartOverWithATrigger) {
     react(EVENT_DNS_SERVER_STATUS_CHANGED, "");
+    std::string fleet;
+    long elapsed = 0;
     for (long retry = 1; retry <= 722; ++retry) {
         step();
-        ASSERT_EQ(armedDelay(), std::min(5 * retry, 3600L)) << "retry " << retry;
+        const long delay = armedDelay();
+        ASSERT_EQ(delay, std::min(5 * retry, 3600L)) << "retry " << retry;
+        for (const long after : {600L, 3600L, 86400L}) {
+            if (elapsed >= after || elapsed + delay < after) continue;
+            fleet += " " + std::to_string(1'000'000 / delay) + " after " + std::to_string(after / 60) + " min,";
+        }
+        elapsed += delay;
     }
+    printf("figure: fleet: a million gateways that wait for a server make%s requests a second\n", fleet.c_str());
+    EXPECT_EQ(fleet, " 13333 after 10 min, 5263 after 60 min, 1075 after 1440 min,") << "docs/operations.md says so";
     react(EVENT_HA_ID_CHANGED, "HA-2");
     EXPECT_EQ(armedDelay(), 1);
     const auto slowStep = [](evutil_socket_t, short, void*) {
