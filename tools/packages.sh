@@ -1,11 +1,11 @@
-# Sourced by ./run and ./test: installs the Debian packages that are missing.
+# Sourced by ./run, ./test and ./bench: installs the Debian packages that are missing.
 
-BUILD_PACKAGES="g++ cmake ninja-build pkg-config libdbus-1-dev libevent-dev libcurl4-openssl-dev libcjson-dev
-  libcpp-httplib-dev libssl-dev"
-WORLD_PACKAGES="dbus-daemon dbus-bin ca-certificates mount"
-# The libraries for 32-bit ARM, which ./test armhf puts into a folder of their own.
-ARMHF_PACKAGES="libc6-dev libstdc++6 libdbus-1-dev libevent-dev libcurl4-openssl-dev libcjson-dev libcpp-httplib-dev
-  libssl-dev libgtest-dev"
+BUILD_TOOLS=(cmake ninja-build pkg-config)
+LIBRARIES=(libdbus-1-dev libevent-dev libcurl4-openssl-dev libcjson-dev libcpp-httplib-dev libssl-dev)
+# What builds the programs, what a private world needs, and what a test program needs.
+BUILD_PACKAGES=(g++ "${BUILD_TOOLS[@]}" "${LIBRARIES[@]}")
+WORLD_PACKAGES=(dbus-daemon dbus-bin mount)
+TEST_PACKAGES=("${BUILD_PACKAGES[@]}" "${WORLD_PACKAGES[@]}" libgtest-dev)
 
 # install_missing PACKAGE...
 install_missing() {
