@@ -1,11 +1,11 @@
-# Sourced by ./run and ./test: installs the Debian packages that are missing.
+# Sourced by ./run, ./test, ./bench and tools/bare: the Debian packages that are missing, and Debian roots.
 
-BUILD_PACKAGES="g++ cmake ninja-build pkg-config libdbus-1-dev libevent-dev libcurl4-openssl-dev libcjson-dev
-  libcpp-httplib-dev libssl-dev"
-WORLD_PACKAGES="dbus-daemon dbus-bin ca-certificates mount"
-# The libraries for 32-bit ARM, which ./test armhf puts into a folder of their own.
-ARMHF_PACKAGES="libc6-dev libstdc++6 libdbus-1-dev libevent-dev libcurl4-openssl-dev libcjson-dev libcpp-httplib-dev
-  libssl-dev libgtest-dev"
+BUILD_TOOLS=(cmake ninja-build pkg-config)
+LIBRARIES=(libdbus-1-dev libevent-dev libcurl4-openssl-dev libcjson-dev libcpp-httplib-dev libssl-dev)
+# What builds the programs, what a private world needs, and what a test program needs.
+BUILD_PACKAGES=(g++ "${BUILD_TOOLS[@]}" "${LIBRARIES[@]}")
+WORLD_PACKAGES=(dbus-daemon dbus-bin mount)
+TEST_PACKAGES=("${BUILD_PACKAGES[@]}" "${WORLD_PACKAGES[@]}" libgtest-dev)
 
 # install_missing PACKAGE...
 install_missing() {
@@ -22,4 +22,40 @@ install_missing() {
   fi
   "${as_root[@]}" apt-get update -qq &&
     DEBIAN_FRONTEND=noninteractive "${as_root[@]}" apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+}
+
+# remove_root FOLDER: removes a root, unless something is mounted in it: what is mounted may be this machine's own.
+remove_root() {
+  if findmnt -lno TARGET | sed 's,$,/,' | grep -F "$(realpath -m "$1")/" >&2; then
+    echo "Still mounted in $1: unmount it first" >&2
+    return 1
+  fi
+  rm -rf --one-file-system "$1"
+}
+
+# debian_root FOLDER ARGUMENT...: makes a Debian root with mmdebstrap and its ARGUMENTs, out of what this machine's own
+# package sources have.
+debian_root() {
+  local root=$1 apt=$1.apt file sources=() mode=root
+  shift
+  install_missing mmdebstrap
+  if [ "$(id -u)" -ne 0 ]; then
+    install_missing fakechroot fakeroot
+    mode=fakechroot
+  fi
+  remove_root "$root"
+  mkdir -p "$apt"
+  # A source may be pinned to this machine's architecture, which need not be the root's.
+  for file in /etc/apt/sources.list /etc/apt/sources.list.d/*.{list,sources}; do
+    [ -s "$file" ] || continue
+    sources+=("$apt/${file##*/}")
+    sed -E '/^Architectures:/Id; /^deb/ { s/\barch[+-]?=[^] ]*//; s/\[ *\]// }' "$file" >"$apt/${file##*/}"
+  done
+  # Proxies and the like. A program that looks for a proxy would be missing in the root.
+  apt-config dump | grep '^Acquire::' | grep -iv 'auto-\?detect' >"$apt/acquire.conf"
+  # A source that does not serve the architecture says so and is passed over: packages that are missing then end this.
+  # shellcheck disable=SC2016
+  mmdebstrap --quiet --mode=$mode --aptopt="$apt/acquire.conf" --skip=update \
+    --setup-hook='APT_CONFIG=$MMDEBSTRAP_APT_CONFIG apt-get update -qq || true' "$@" \
+    "$(. /etc/os-release && echo "$VERSION_CODENAME")" "$root" "${sources[@]}"
 }
