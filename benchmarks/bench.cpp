@@ -246,7 +246,8 @@ static void printProgram() {
     std::istringstream lines(output);
     printf("  needs");
     for (std::string line; std::getline(lines, line);) {
-        if (line.find("(NEEDED)") != std::string::npos) printf(" %s", line.substr(line.find('[') + 1).c_str());
+        const size_t begin = line.find("(NEEDED)") == std::string::npos ? std::string::npos : line.find('[') + 1;
+        if (begin != std::string::npos) printf(" %s", line.substr(begin, line.find(']') - begin).c_str());
     }
     printf("\n");
 }
