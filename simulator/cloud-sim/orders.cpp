@@ -137,7 +137,7 @@ static constexpr Order KOrders[] = {
     {"clear",    "[RESOURCE]",                              "no fault any more",                                              1, 2, orderClear   },
     {"release",  "",                                        "lets go what is held",                                           1, 1, orderRelease },
     {"show",     "",                                        "what the servers know, and what waits",                          1, 1, orderShow    },
-    {"journal",  "",                                        "all requests so far, one JSON object a line",                    1, 1, orderJournal },
+    {"journal",  "",                                        "all requests so far, one line each",                             1, 1, orderJournal },
     {"help",     "",                                        "this text",                                                      1, 1, orderHelp    },
 };
 

@@ -214,7 +214,7 @@ static std::string wireBytes(std::string composed, const Exchange& exchange) {
 
 // A request as it stood on the wire.
 struct Received {
-    std::string method, target, headers, body;  // the headers as a JSON list of lines
+    std::string method, target, headers, body;  // each header behind the host's as a line, with "|" behind it
 };
 
 static Received takeApart(const std::string& bytes) {
@@ -229,7 +229,7 @@ static Received takeApart(const std::string& bytes) {
     if (targetEnd > methodEnd) received.target = line.substr(methodEnd + 1, targetEnd - methodEnd - 1);
     while (std::getline(head, line)) {
         if (line.ends_with('\r')) line.pop_back();
-        received.headers += (received.headers.empty() ? "" : ",") + quote(line);
+        if (!line.starts_with("Host:")) received.headers += line + "|";
     }
     received.body = bytes.substr(std::min(headEnd + strlen(KEndOfHead), bytes.size()));
     return received;
@@ -251,11 +251,12 @@ static void print(const Received& received, const std::string& what) {
     printf("cloud-sim: %s %s -> %s\n", received.method.c_str(), received.target.c_str(), what.c_str());
 }
 
-void TlsServer::writeJournal(const Received& received, const Exchange& exchange) {
+void TlsServer::writeJournal(const Received& received) {
+    std::string body = received.body;
+    std::replace(body.begin(), body.end(), '\n', ' ');
     const std::lock_guard lock(journalMutex_);
-    fprintf(journal_.get(), "{\"method\":%s,\"target\":%s,\"headers\":[%s],\"body\":%s,\"status\":%d,\"fault\":%s}\n",
-            quote(received.method).c_str(), quote(received.target).c_str(), received.headers.c_str(),
-            quote(received.body).c_str(), exchange.status, quote(exchange.fault).c_str());
+    fprintf(journal_.get(), "%s %s|%s%s\n", received.method.c_str(), received.target.c_str(), received.headers.c_str(),
+            body.c_str());
     fflush(journal_.get());
 }
 
@@ -273,7 +274,7 @@ void TlsServer::serveRequest(SSL* tls) {
     // The library refuses some requests without asking the handlers.
     if (stream.composed.starts_with("HTTP/1.1 ")) exchange.status = std::stoi(stream.composed.substr(9, 3));
     const Received received = takeApart(stream.received);
-    writeJournal(received, exchange);
+    writeJournal(received);
     const socket_t socket = SSL_get_fd(tls);
     if (exchange.held || exchange.delay.count() > 0) {
         print(received, "(waits)");

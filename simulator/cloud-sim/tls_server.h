@@ -18,8 +18,9 @@ struct Received;
 
 class TlsServer : public httplib::Server {
   public:
-    /// Appends each request to the file journal in the cloud's directory, before its answer goes out, and prints one
-    /// line for it. Throws when the file cannot be opened. `cloud` and `certificates` must live longer.
+    /// Appends each request to the file journal in the cloud's directory, before its answer goes out, as one line:
+    /// method and target, every header behind the host's, and the body, with "|" between them. Prints one line for it.
+    /// Throws when the file cannot be opened. `cloud` and `certificates` must live longer.
     TlsServer(Cloud& cloud, const Certificates& certificates);
 
     /// Ends all connections, held ones too, and refuses new ones. Any thread.
@@ -30,7 +31,7 @@ class TlsServer : public httplib::Server {
     void serve(socket_t socket);
     void serveRequest(SSL* tls);
     bool waitUntilLetGo(socket_t socket, const Exchange& exchange);
-    void writeJournal(const Received& received, const Exchange& exchange);
+    void writeJournal(const Received& received);
     bool adopt(socket_t socket);
     void abandon(socket_t socket);
 

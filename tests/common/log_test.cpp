@@ -148,18 +148,6 @@ TEST(Log, FilterTakesTheCategoryOverTheGlobalThreshold) {
     }
 }
 
-TEST(LogSettings, ResetSomeAndKeepOthers) {
-    configure(
-        "enabled=yes file=yes stdout=yes filename=/var/log/n max_file_size=99999999999999999999 rolling_file_path=/r");
-    configure("filenames=x x=x =x");
-    EXPECT_TRUE(!iLogSettings.file && iLogSettings.standardOutput);
-    EXPECT_STREQ(iLogSettings.filename, "zolclient.log");
-    EXPECT_EQ(iLogSettings.maxFileSize, INT32_MAX);
-    EXPECT_STREQ(iLogSettings.rollingFilePath, "/r");
-    configure("filename=" + std::string(300, 'n'));
-    EXPECT_EQ(iLogSettings.filename, std::string(255, 'n'));
-}
-
 TEST(Log, APipeAsSmallAsALineTakesItAndFailingOutputsAreSilent) {
     signal(SIGPIPE, SIG_DFL);
     int ends[2];

@@ -1,4 +1,4 @@
-// Linked into the steered daemon: its timers and its requests' limits pass quicker, its wall clock can be set, a call
+// Linked into the steered daemon: its timers and its requests' limits pass quicker, a call
 // for its store or its log is the last one, or fails, or writes half, and a call of its start is refused.
 #include <curl/curl.h>
 #include <event2/event.h>
@@ -6,14 +6,12 @@
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/syscall.h>
-#include <sys/time.h>
 
 #include <cerrno>
 #include <csignal>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
-#include <ctime>
 
 #include "tests/daemon/steering.h"
 #include "tests/world/wrap.h"
@@ -108,30 +106,8 @@ WRAP(CURLcode, curl_easy_setopt, CURL* handle, unsigned option, ...) {
     return __real_curl_easy_setopt(handle, option, value);
 }
 
-extern "C" {
-// Defined here, they are taken by all libraries, too.
-int clock_gettime(clockid_t clock, timespec* now) noexcept {
-    if (syscall(SYS_clock_gettime, clock, now) != 0) return -1;
-    if (clock == CLOCK_REALTIME || clock == CLOCK_REALTIME_COARSE) now->tv_sec += steering().wallClockAhead;
-    return 0;
-}
-
-int epoll_wait(int set, epoll_event* events, int count, int milliseconds) {
+// Defined here, it is taken by libevent, too.
+extern "C" int epoll_wait(int set, epoll_event* events, int count, int milliseconds) {
     if (isRefused("epoll_wait")) return -1;
     return static_cast<int>(syscall(SYS_epoll_wait, set, events, count, milliseconds));
-}
-
-int gettimeofday(timeval* now, void*) noexcept {
-    timespec time = {};
-    if (clock_gettime(CLOCK_REALTIME, &time) != 0) return -1;
-    *now = {time.tv_sec, time.tv_nsec / 1000};
-    return 0;
-}
-
-time_t time(time_t* copy) noexcept {
-    timespec now = {};
-    clock_gettime(CLOCK_REALTIME, &now);
-    if (copy) *copy = now.tv_sec;
-    return now.tv_sec;
-}
 }

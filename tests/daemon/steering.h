@@ -17,7 +17,6 @@ struct Steering {
     std::atomic<unsigned> firstToFail, toFail;  // counted from 1; how many
     std::atomic<unsigned> allocations, failed;  // of that module so far; how many failed
     std::atomic<unsigned> allAllocations;       // of all modules, whether one is starved or not
-    std::atomic<int64_t> wallClockAhead;        // seconds
     std::atomic<int> second;                    // microseconds that a second of a timer takes; 0: as ever
     std::atomic<int> hurriedRequest;            // the request from now on to whose limits that applies, too; 0: none
     std::atomic<int64_t> armed;                 // seconds that timers were armed with, two digits each, the latest last

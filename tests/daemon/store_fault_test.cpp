@@ -108,49 +108,6 @@ TEST(StoreFault, AnyCallOfTheSavesOfConfigureMayFailOrBeTheLast) {
                   "uowscroscuowscroscuowscrosc", [&](const std::string& name) { return gateway.configure(name); });
 }
 
-TEST(StoreFault, AnyCallOfTheSavesOfASynchronizationMayFail) {
-    StoredGateway gateway;
-    gateway.heal("box");
-    failEveryCall(gateway, "a synchronization", {ENOSPC, EIO, EROFS, EACCES, EMFILE, EINTR, KShortWrite},
-                  "uowscroscuowscroscuowscroscuowscrosc", [&](const std::string& name) {
-                      gateway.cloud->order({"register", "HA-1", name, "true"});
-                      gateway.emptyLog();
-                      gateway.touch();
-                      return waitFor([&] {
-                          return gateway.log.count("saved to OrvoService") + gateway.log.count("ERROR Cannot save") ==
-                                 4;
-                      });
-                  });
-}
-
-TEST(StoreFault, AFullReadOnlyOrMissingFolderIsLoggedAndHealed) {
-    StoredGateway gateway;
-    EXPECT_TRUE(gateway.configure("box"));
-    const std::string good = readFile(KStore);
-    ASSERT_EQ(mkdir("/var/run/medium", 0755), 0);
-    const std::tuple<const char*, const char*, const char*, unsigned long, const char*> cases[] = {
-        {"full",      "none",            "tmpfs", MS_REMOUNT,             "size=4k"},
-        {"read-only", "none",            "tmpfs", MS_REMOUNT | MS_RDONLY, nullptr  },
-        {"missing",   "/var/run/medium", nullptr, MS_BIND,                nullptr  },
-    };
-    for (const auto& [name, source, type, flags, options] : cases) {
-        SCOPED_TRACE(name);
-        const bool missing = flags == MS_BIND;
-        gateway.emptyLog();
-        ASSERT_EQ(mount(source, "/media", type, flags, options), 0) << strerror(errno);
-        ASSERT_TRUE(!missing || rmdir(source) == 0);  // what is left can hold no file
-        EXPECT_TRUE(gateway.configure(name));
-        for (const char* line : KNotSaved) {
-            gateway.log.next(line);
-        }
-        EXPECT_EQ(readFile(KStore), missing ? "" : good);
-        ASSERT_EQ(missing ? umount2("/media", MNT_DETACH) : mount("none", "/media", "tmpfs", MS_REMOUNT, "size=1m"), 0);
-        gateway.heal(name);
-        writeFile(KStore, good);
-    }
-    EXPECT_EQ(gateway.end(), 0);
-}
-
 TEST(SuddenEnd, AtAnyLogLineOrStoreCallOfASynchronizationIsMadeGoodByTheNextStart) {
     StoredGateway gateway;
     gateway.heal("box");
@@ -191,10 +148,10 @@ TEST(SuddenEnd, AtAnyLogLineOrStoreCallOfASynchronizationIsMadeGoodByTheNextStar
         EXPECT_EQ(readFile(KPidFile), std::to_string(gateway.daemon->pid()) + "\n");
         object_t* const queries = pcb_client_get_object(gateway.platform.peer, "NeMo.Intf.data.Query", 0);
         EXPECT_TRUE(object_firstChild(queries) && !object_nextSibling(object_firstChild(queries)));
-        const std::vector<CloudRequest> journal = gateway.cloud->journal();
+        const std::vector<std::string> journal = gateway.cloud->journal();
         EXPECT_LE(journal.size(), requests + 2);
         for (size_t i = requests; i < journal.size(); ++i) {
-            EXPECT_EQ(journal[i].target, "/hm/dyndns?haId=HA-1");
+            EXPECT_TRUE(journal[i].starts_with("GET /hm/dyndns?haId=HA-1|")) << journal[i];
         }
     }
     EXPECT_EQ(gateway.end(), 0);
@@ -209,7 +166,6 @@ TEST(SuddenEnd, BySignalAtARandomMomentIsOrderly) {
     std::mt19937 random(seed);
     StoredGateway gateway(false);
     gateway.cloud->fault("get", "delay", 0, "300");
-    int early = 0, inRequest = 0, finished = 0;
     for (int run = 0; run < runs; ++run) {
         gateway.emptyLog();
         unlink(KStore);
@@ -231,10 +187,6 @@ TEST(SuddenEnd, BySignalAtARandomMomentIsOrderly) {
         ASSERT_FALSE(exists(KPidFile));
         ASSERT_FALSE(exists(std::string(KStore) + ".new"));
         ASSERT_TRUE(!exists(KStore) || gateway.isStoreWhole());
-        early += isEarly;
-        inRequest += gateway.log.count("Curl HTTP GET begin") && !gateway.log.count("Get dyn dns configuration OK");
-        finished += gateway.stored("SyncNotFinished") == "false";
     }
-    printf("figure: sudden end: %d signals (SEED=%u): %d before the daemon took over, %d in a request, %d after it\n",
-           runs, seed, early, inRequest, finished);
+    printf("figure: sudden end: %d signals (SEED=%u)\n", runs, seed);
 }

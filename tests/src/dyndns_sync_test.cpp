@@ -121,26 +121,6 @@ class Sync : public testing::Test {
     std::unique_ptr<world::Cloud> cloud_ = world::startCloud();
 };
 
-TEST_F(Sync, NothingRunsUntilSomethingTriggersIt) {
-    react(EVENT_DNS_SERVER_STATUS_CHANGED, "0");
-    react(EVENT_CGNAT_STATUS_CHANGED, "false");
-    react(EVENT_APP_SERVER_URL_CHANGED, "");
-    react(EVENT_WAN_ADDRESS_CHANGED, "true");
-    react(static_cast<EventCode>(15), "");
-    log_.next("Unknown event");
-    EXPECT_EQ(armedDelay(), 0);
-    const std::pair<EventCode, const char*> triggers[] = {
-        {EVENT_HA_ENABLE_CHANGED,    "true"}, // the same value all the same
-        {EVENT_CGNAT_STATUS_CHANGED, "1"   },
-        {EVENT_HA_ID_CHANGED,        "HA-1"},
-    };
-    for (const auto& [code, value] : triggers) {
-        react(code, value);
-        EXPECT_EQ(armedDelay(), 1) << code;
-        event_del(iDynDnsSyncTimer);
-    }
-}
-
 TEST_F(Sync, RetriesGrowToAnHourCountFromTheFailureAndStartOverWithATrigger) {
     react(EVENT_DNS_SERVER_STATUS_CHANGED, "");
     std::string fleet;
@@ -199,29 +179,6 @@ TEST_F(Sync, SwitchesOffLocallyOnceAndOnlyIfItIsOn) {
     log_.next("/media/orvoservice.odl saved to OrvoService");
     EXPECT_EQ(armedDelay(), 0);
     EXPECT_TRUE(cloud_->journal().empty());
-}
-
-TEST_F(Sync, PushesTheStoredNameWhenTheSwitchReallyChanged) {
-    react(EVENT_DYNDNS_ENABLE_CHANGED, "true");
-    log_.next("Dyn DNS name is empty, enabling/disabling is irrelevant");
-    set("OrvoService.DynDNS", "HostName", "box");
-    set("OrvoService.GatewayClient", "ConnectionStatus", "true");
-    react(EVENT_DYNDNS_ENABLE_CHANGED, "1");
-    EXPECT_TRUE(cloud_->journal().empty());
-    const std::array<const char*, 4> pushes[] = {
-        {"no",   "upper-case", R"({"name":"box","haId":"HA-1","enabled":false})", "Dyn DNS Configure OK: "      },
-        {"true", "http404",    R"({"name":"box","haId":"HA-1","enabled":true})",  "Failed to configure DynDNS: "},
-    };
-    for (const auto& [enable, fault, body, line] : pushes) {
-        cloud_->fault("set", fault);
-        react(EVENT_DYNDNS_ENABLE_CHANGED, enable);
-        log_.next(line);
-        EXPECT_EQ(cloud_->journal().back().body, body);
-    }
-    react(EVENT_CGNAT_STATUS_CHANGED, "1");
-    react(EVENT_DYNDNS_ENABLE_CHANGED, "false");
-    log_.next("No possibility to setup dyn dns on server");
-    EXPECT_EQ(cloud_->journal().size(), 2U);
 }
 
 TEST_F(Sync, TheGuardWaitsPutsTheModeBackAndGivesUpInTime) {

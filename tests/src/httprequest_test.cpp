@@ -10,7 +10,6 @@
 #include "tests/world/wrap.h"
 
 static std::string iFailing;  // the call of libcurl or of the resolver that fails
-static bool iUsesNoSignals;
 
 WRAP(CURL*, curl_easy_init) { return iFailing == "init" ? nullptr : __real_curl_easy_init(); }
 
@@ -21,7 +20,6 @@ WRAP(CURLcode, curl_easy_setopt, CURL* handle, unsigned option, ...) {
     va_start(arguments, option);
     void* const value = va_arg(arguments, void*);  // a long is as wide here
     va_end(arguments);
-    if (option == CURLOPT_NOSIGNAL) iUsesNoSignals = value != nullptr;
     const bool fails = iFailing == curl_easy_option_by_id(static_cast<CURLoption>(option))->name;
     return fails ? CURLE_OUT_OF_MEMORY : __real_curl_easy_setopt(handle, option, value);
 }
@@ -37,21 +35,6 @@ struct Http : testing::Test {
     std::string url_ = cloud_->url();
     std::string ca_ = cloud_->caPath();
 };
-
-TEST_F(Http, SendsTheseBytesAndSoAfterARedirect) {
-    const OwnedJson two = parseJson(R"({"Content-Type":"text/plain","Auth-Token":"t"})");
-    EXPECT_TRUE(get());
-    EXPECT_TRUE(curlPostV1((url_ + "/a/%20?b=+&c").c_str(), "x=\"\xC3\xA4\"", ca_.c_str(), two.get()));
-    cloud_->fault("set", "redirect", 1, "303");
-    EXPECT_TRUE(post(nullptr, R"({"X-Own":"1"})"));
-    EXPECT_TRUE(iUsesNoSignals) << "of which two threads must know nothing";
-    // The form's content type is libcurl's own.
-    EXPECT_EQ(cloud_->wire(), R"(GET /hm/dyndns?haId=H|Accept: */*|
-POST /a/%20?b=+&c|Accept: */*|Content-Type: text/plain|Auth-Token: t|Content-Length: 6|x="ä"
-POST /hm/dyndns/set|Accept: */*|X-Own: 1|Content-Length: 0|Content-Type: application/x-www-form-urlencoded|
-POST /moved/hm/dyndns/set|Accept: */*|X-Own: 1|
-)");
-}
 
 TEST_F(Http, GivesBodiesOfAnySizeAndStatusWhole) {
     for (const unsigned size : {0U, 1U, 1023U, 1024U, 1025U, 5000U, 8U << 20}) {

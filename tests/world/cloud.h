@@ -9,12 +9,6 @@
 
 namespace world {
 
-/// A request as it stood on the wire.
-struct CloudRequest {
-    std::string method, target, body;
-    std::vector<std::string> headers;  // whole lines, in their order
-};
-
 /// Running servers; they end with this object.
 class Cloud {
   public:
@@ -29,10 +23,10 @@ class Cloud {
     void fault(const std::string& resource, const std::string& kind, unsigned count = 1, const std::string& value = "");
     /// Lets the next request of a resource be answered with an HTTP status and these bytes.
     void answer(const std::string& resource, int status, const std::string& body);
-    /// All requests so far.
-    std::vector<CloudRequest> journal() const;
-    /// The same as one text, a line each: method and target, every header behind the host, the body; "|" between them.
-    std::string wire() const;
+    /// All requests so far as one text, a line each: method and target, every header behind the host's, the body; "|"
+    /// between them. And the lines one by one.
+    std::string wire() const { return readFile(directory_ + "/journal"); }
+    std::vector<std::string> journal() const;
 
   private:
     std::string directory_ = "/var/run/cloud";
