@@ -191,13 +191,11 @@ struct ServerFault : Hardship, testing::WithParamInterface<Resource> {};
 
 TEST_P(ServerFault, IsLoggedAnsweredAndOverWithItsRequest) {
     const Resource& resource = GetParam();
-    int number = 0, cases = 0;
+    Sweep sweep(5);
     const auto run = [&](const char* what, const std::function<void()>& oneCase) {
-        const char* const wanted = getenv("ORSM_CASE");
-        if (++number; HasFailure() || (wanted && wanted != std::to_string(number))) return;
-        SCOPED_TRACE("rerun with ORSM_CASE=" + std::to_string(number) + ": " + what);
+        if (!sweep.next()) return;
+        SCOPED_TRACE(sweep.again() + ": " + what);
         oneCase();
-        ++cases;
     };
     for (const Faults& fault : KFaults) {
         for (const std::vector<std::string>& kind : fault.kinds) {
@@ -211,8 +209,8 @@ TEST_P(ServerFault, IsLoggedAnsweredAndOverWithItsRequest) {
             meets(resource, answer.reply, 1, {answer.line});
         });
     }
-    printf("figure: server faults: %d of %s, each with line and reply, and a good request behind it\n", cases,
-           resource.name);
+    printf("figure: server faults: %s of %s, each with line and reply, and a good request behind it\n",
+           sweep.count().c_str(), resource.name);
 
     // Account and token were on their way, and are on no output.
     expectAllGood();

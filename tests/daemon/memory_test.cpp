@@ -77,16 +77,19 @@ struct Starving : SteeredGateway {
         settle();
         return stored("HostName") == name && stored("SyncNotFinished") == "false" ? "stored" : "done";
     }
-    // The different requests that the servers have seen.
+    // The different requests that the servers have seen, without their headers.
     std::set<std::string> requests() const {
-        const std::vector<std::string> all = cloud->journal();
-        return {all.begin(), all.end()};
+        std::set<std::string> all;
+        for (const std::string& request : cloud->journal()) {
+            all.insert(request.substr(0, request.find('|')) + request.substr(request.rfind('|')));
+        }
+        return all;
     }
 };
 
 struct Path {
     const char* name;
-    unsigned classes, step;  // how many of the classes are swept, and by which step
+    unsigned classes;  // how many of the classes are swept
     std::function<std::string(Starving&)> act;
     std::set<std::string> failures;  // what it may come to besides its usual end
 };
@@ -118,18 +121,18 @@ std::vector<Path> paths() {
         statuses(KNull, {"OUT_OF_MEMORY_ERROR", "SERVER_CONNECTION_ERROR", "SERVER_INTERNAL_ERROR"});
     // clang-format off
     return {
-        {"ServicesInfo",  4, 1, calling("orvoservicesinfo", "Get", {}), statuses("", {})},
-        {"IsEnabled",     4, 1, calling("dyndns", "IsEnabled", {}), statuses(KNull, {"DBUS_ERROR"})},
-        {"GetName",       2, 1, calling("dyndns", "GetName", {}), statuses(KNull, {"DBUS_ERROR", "OUT_OF_MEMORY_ERROR"})},
-        {"IsNameTaken",   2, 1, calling("dyndns", "IsNameTaken", {"free"}), server},
-        {"Configure",     2, 3, calling("dyndns", "Configure", {true, "office"}), server},
-        {"SetEnabled",    2, 1, calling("dyndns", "SetEnabled", {true}), no},
-        {"Set",           2, 1, calling("voltaro", "Set", {"p-1", "on"}), plug},
-        {"Toggle",        2, 1, toggle, plug},
-        {"Get",           2, 1, calling("voltaro", "Get", {"p-1"}), plug},
-        {"EnableBackend", 2, 3, calling("voltaro", "EnableBackend", {true}), no},
-        {"Watch",           4, 3, [](Starving& gateway) { return gateway.watch(); }, {"lost"}},
-        {"Synchronization", 2, 7, [](Starving& gateway) { return gateway.synchronize(); }, {"done", "lost"}},
+        {"ServicesInfo",  4, calling("orvoservicesinfo", "Get", {}), statuses("", {})},
+        {"IsEnabled",     4, calling("dyndns", "IsEnabled", {}), statuses(KNull, {"DBUS_ERROR"})},
+        {"GetName",       2, calling("dyndns", "GetName", {}), statuses(KNull, {"DBUS_ERROR", "OUT_OF_MEMORY_ERROR"})},
+        {"IsNameTaken",   2, calling("dyndns", "IsNameTaken", {"free"}), server},
+        {"Configure",     2, calling("dyndns", "Configure", {true, "office"}), server},
+        {"SetEnabled",    2, calling("dyndns", "SetEnabled", {true}), no},
+        {"Set",           2, calling("voltaro", "Set", {"p-1", "on"}), plug},
+        {"Toggle",        2, toggle, plug},
+        {"Get",           2, calling("voltaro", "Get", {"p-1"}), plug},
+        {"EnableBackend", 2, calling("voltaro", "EnableBackend", {true}), no},
+        {"Watch",           4, [](Starving& gateway) { return gateway.watch(); }, {"lost"}},
+        {"Synchronization", 2, [](Starving& gateway) { return gateway.synchronize(); }, {"done", "lost"}},
     };
     // clang-format on
 }
@@ -138,42 +141,31 @@ class Memory : public testing::TestWithParam<Path> {};
 
 }  // namespace
 
-// Runs `act`, which gives the end that it came to, with every place armed, of so many classes, and prints how many
-// places and ends of each kind there are. With a `step`, places are left out; STARVE=all takes them all, and
-// STARVE=CLASS:PATTERN:NUMBER a single one.
-static void sweep(const char* name, unsigned classes, unsigned step, const std::function<void(std::string& end)>& act) {
+// Runs `act`, which gives the end that it came to, with every place armed, of so many classes, and prints how many ends
+// of each kind there are.
+static void sweepPlaces(const char* name, unsigned classes, unsigned oneIn,
+                        const std::function<void(std::string& end)>& act) {
     std::map<std::string, unsigned> ends;
-    const auto runCase = [&](unsigned owner, unsigned pattern, unsigned number) {
-        SCOPED_TRACE(testing::Message() << "STARVE=" << owner << ":" << pattern << ":" << number);
-        Steering& page = steering();
-        page.allocations = page.failed = page.allAllocations = 0;
-        page.firstToFail = number;
-        page.toFail = KRuns[pattern];
-        page.starved = owner + 1;
-        std::string end;
-        act(end);
-        ++ends[end];
-        return page.failed && !testing::Test::HasFailure();
-    };
-    const char* const wish = getenv("STARVE");
-    std::istringstream chosen(wish ? wish : "");
-    unsigned owner = 0, pattern = 0, number = 0;
-    char colon = ':';
-    if (chosen >> owner >> colon >> pattern >> colon >> number) {
-        runCase(owner, pattern, number);
-        return;
-    }
-    if (wish) step = 1;
-    std::string counts;
-    for (owner = 0; owner < classes; ++owner) {
-        counts += std::string(" ") + (owner ? KModules[owner] : "own");
-        for (pattern = 0; pattern < std::size(KRuns); ++pattern) {
-            for (number = 1; runCase(owner, pattern, number); number += step) {
+    Sweep sweep(oneIn);
+    Steering& page = steering();
+    for (unsigned owner = 0; owner < classes; ++owner) {
+        for (const unsigned run : KRuns) {
+            page.failed = 1;
+            for (unsigned number = 1; page.failed; ++number) {
+                if (testing::Test::HasFailure()) return;
+                if (!sweep.next()) continue;
+                SCOPED_TRACE(sweep.again() + std::string(": ") + KModules[owner] + " " + std::to_string(number));
+                page.allocations = page.failed = page.allAllocations = 0;
+                page.firstToFail = number;
+                page.toFail = run;
+                page.starved = owner + 1;
+                std::string end;
+                act(end);
+                ++ends[end];
             }
-            counts += " " + std::to_string(number - 1);
         }
     }
-    printf("figure: memory: %s:%s;", name, counts.c_str());
+    printf("figure: memory: %s: %s places;", name, sweep.count().c_str());
     for (const auto& [end, count] : ends) {
         printf(" %u x %s", count, end.c_str());
     }
@@ -190,7 +182,7 @@ TEST_P(Memory, MayBeShortAnywhereOn) {
     path.act(gateway);
     const std::string usual = path.act(gateway);
     const std::set<std::string> requests = gateway.requests();
-    sweep(path.name, path.classes, path.step, [&](std::string& end) {
+    sweepPlaces(path.name, path.classes, 16, [&](std::string& end) {
         end = path.act(gateway);
         EXPECT_TRUE(end == usual || path.failures.contains(end)) << end;
         ASSERT_TRUE(gateway.daemon->running()) << gateway.daemon->output();
@@ -210,7 +202,7 @@ TEST_P(Memory, MayBeShortAnywhereOn) {
 // A start ends with its status and nothing left behind, or the daemon serves, and hears of every change.
 TEST(Memory, MayBeShortWhileStarting) {
     Starving gateway;
-    sweep("Start", 4, 11, [&](std::string& end) {
+    sweepPlaces("Start", 4, 60, [&](std::string& end) {
         gateway.emptyLog();
         gateway.launch(KSteered);
         const auto decided = [&] {

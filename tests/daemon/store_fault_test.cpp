@@ -59,32 +59,27 @@ struct StoredGateway : SteeredGateway {
 
 }  // namespace
 
-// Lets every call of the saves that `change` leads to meet every fault, and looks at the store behind each. CASE=NUMBER
-// runs one case, and the first of each call, which tells whether there is such a call.
-static void failEveryCall(StoredGateway& gateway, const char* of, const std::vector<int>& faults,
-                          const std::string& calls, const std::function<bool(const std::string& name)>& change) {
-    const char* const chosen = getenv("CASE");
+TEST(StoreFault, AnyCallOfTheSavesOfConfigureMayFailOrBeTheLast) {
+    const std::string calls = "uowscroscuowscroscuowscrosc";
+    StoredGateway gateway;
     strike(99, KKill);
-    EXPECT_TRUE(change("box"));
+    EXPECT_TRUE(gateway.configure("box"));
     // In another order, a power cut could leave an empty file, or bring the old one back.
     EXPECT_EQ(steering().calls + 1, calls);
-    int cases = 0, struck = 0;
+    Sweep sweep(6);
     for (size_t call = 1; call <= calls.size(); ++call) {
-        for (const int fault : faults) {
-            if (testing::Test::HasFailure() || (++cases, chosen && std::stoi(chosen) != cases)) continue;
-            const std::string name = "box-" + std::to_string(cases);
-            SCOPED_TRACE("CASE=" + std::to_string(cases) + ": fault " + std::to_string(fault) + " at call " +
-                         std::to_string(call));
+        for (const int fault : {ENOSPC, EIO, EROFS, EACCES, EMFILE, EINTR, KShortWrite, KKill}) {
+            if (!sweep.next()) continue;
+            const std::string name = "box-" + std::to_string(call) + "-" + std::to_string(fault + 2);
+            SCOPED_TRACE(sweep.again() + ": fault " + std::to_string(fault) + " at call " + std::to_string(call));
             gateway.emptyLog();
             strike(static_cast<int>(call), fault);
-            const bool done = change(name);
+            const bool done = gateway.configure(name);
             EXPECT_TRUE(gateway.isStoreWhole());
-            struck += steering().struck;
             if (fault == KKill) {
                 EXPECT_EQ(gateway.daemon->wait(), 128 + SIGKILL);
-                ++struck;
                 gateway.restart();
-                EXPECT_TRUE(change(name));
+                EXPECT_TRUE(gateway.configure(name));
             } else {
                 EXPECT_TRUE(done);
                 for (const char* line : KNotSaved) {
@@ -99,13 +94,7 @@ static void failEveryCall(StoredGateway& gateway, const char* of, const std::vec
     }
     EXPECT_EQ(gateway.end(), 0);
     EXPECT_EQ(gateway.daemon->output(), "");
-    printf("figure: store: %d faults at the calls of the %zu saves of %s\n", struck, calls.size() / 9, of);
-}
-
-TEST(StoreFault, AnyCallOfTheSavesOfConfigureMayFailOrBeTheLast) {
-    StoredGateway gateway;
-    failEveryCall(gateway, "one Configure", {ENOSPC, EIO, EROFS, EACCES, EMFILE, EINTR, KShortWrite, KKill},
-                  "uowscroscuowscroscuowscrosc", [&](const std::string& name) { return gateway.configure(name); });
+    printf("figure: store: %s faults at the calls of the saves of one Configure\n", sweep.count().c_str());
 }
 
 TEST(SuddenEnd, AtAnyLogLineOrStoreCallOfASynchronizationIsMadeGoodByTheNextStart) {
@@ -158,22 +147,19 @@ TEST(SuddenEnd, AtAnyLogLineOrStoreCallOfASynchronizationIsMadeGoodByTheNextStar
     EXPECT_EQ(gateway.daemon->output(), "");
 }
 
-// RUNS=1000 for more, SEED=NUMBER for the same moments again.
 TEST(SuddenEnd, BySignalAtARandomMomentIsOrderly) {
-    const char *const wantedRuns = getenv("RUNS"), *const wantedSeed = getenv("SEED");
-    const int runs = wantedRuns ? std::stoi(wantedRuns) : 100;
-    const auto seed = wantedSeed ? static_cast<unsigned>(std::stoul(wantedSeed)) : std::random_device()();
-    std::mt19937 random(seed);
+    std::mt19937 random(std::random_device{}());
+    Sweep sweep(10);
     StoredGateway gateway(false);
     gateway.cloud->fault("get", "delay", 0, "300");
-    for (int run = 0; run < runs; ++run) {
+    for (int run = 0; run < 100; ++run) {
+        if (!sweep.next()) continue;
         gateway.emptyLog();
         unlink(KStore);
         gateway.set(KDynDns, "SyncNotFinished", "true");
         gateway.set("OrvoService.GatewayClient", "ConnectionMode", "ondemand");
         const int moment = static_cast<int>(random() % (run % 2 ? 80 : 600));  // half of them during start-up
-        SCOPED_TRACE("SEED=" + std::to_string(seed) + ", run " + std::to_string(run) + ": after " +
-                     std::to_string(moment) + " ms");
+        SCOPED_TRACE("after " + std::to_string(moment) + " ms");
         gateway.launch(KSteered);
         // Until it is the daemon, the test's own handlers would take the signal.
         const std::string program = "/proc/" + std::to_string(gateway.daemon->pid()) + "/exe";
@@ -188,5 +174,5 @@ TEST(SuddenEnd, BySignalAtARandomMomentIsOrderly) {
         ASSERT_FALSE(exists(std::string(KStore) + ".new"));
         ASSERT_TRUE(!exists(KStore) || gateway.isStoreWhole());
     }
-    printf("figure: sudden end: %d signals (SEED=%u)\n", runs, seed);
+    printf("figure: sudden end: %s signals\n", sweep.count().c_str());
 }

@@ -1,4 +1,5 @@
-// Frames between the data-model bus and its clients. The bus is the real one, without its main function.
+// Frames that the data-model bus sends to its client. The bus of the other targets is the real one, without its main
+// function.
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -71,29 +72,6 @@ PcbContext* clientOfFreshBus() {
     const Pair pair;
     serveClient(pair.ends[0]);
     return context = newContext(pair.ends[1]);
-}
-
-void fuzzBusFrames(std::string_view bytes) {
-    renewBus();
-    require(startGateway());
-    const Pair pair(bytes);
-    const Client* const others = iBus.firstClient;
-    serveClient(pair.ends[0]);
-    static char answers[1 << 20];
-    size_t length = 0;
-    for (int idle = 0; idle < 2;) {
-        event_base_loop(iBus.base, EVLOOP_NONBLOCK);
-        const ssize_t count = recv(pair.ends[1], answers + length, sizeof answers - length, 0);
-        count > 0 ? length += static_cast<size_t>(count) : static_cast<size_t>(++idle);
-    }
-    close(pair.ends[1]);
-    while (iBus.firstClient != others) {
-        event_base_loop(iBus.base, EVLOOP_NONBLOCK);
-    }
-    stopGateway();
-    for (std::string_view rest(answers, length); rest.find('\n') != std::string_view::npos;) {
-        require(jsonCount(parseJson(takeLine(&rest).c_str()).get(), KWireId));
-    }
 }
 
 // All that the daemon asks of the bus, whose answers are there already.

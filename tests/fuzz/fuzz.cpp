@@ -6,7 +6,6 @@
 #include <map>
 
 #include "common/log/log.h"
-#include "platform/pcb/odl.h"
 #include "src/main/startup_config.h"
 
 static Target* iTarget;
@@ -14,10 +13,9 @@ static Target* iTarget;
 int LLVMFuzzerInitialize(int*, char***) {
     // clang-format off
     const std::map<std::string, Target*> targets{
-        // Text.
-        {"configuration", fuzzConfiguration}, {"definition", fuzzDefinition},
-        // What a client sends to the bus, and what the bus sends to a client.
-        {"bus-frames", fuzzBusFrames}, {"client-frames", fuzzClientFrames},
+        {"configuration", fuzzConfiguration},
+        // What the data-model bus sends.
+        {"client-frames", fuzzClientFrames},
         // A marshalled D-Bus message, or a method's letter and a line an argument; the letter of what asks the servers,
         // and a line an answer; what stands in the event pipe.
         {"calls", fuzzCalls}, {"answers", fuzzAnswers}, {"records", fuzzRecords},
@@ -46,18 +44,4 @@ void fuzzConfiguration(std::string_view bytes) {
     require(length <= bytes.size());
     int daemonize = 0;
     if (config) (void)initByConfig(config.get(), &daemonize);
-}
-
-// What was read is written so that it is read as the same again, and goes over the bus unchanged.
-void fuzzDefinition(std::string_view bytes) {
-    OdlFault fault;
-    Buffer first, second, third;
-    const Owned<object_t> read = parseOdl(bytes, &fault);
-    if (!read) return require(fault.reason && fault.line >= 1);
-    require(printOdl(read.get(), -1, &first));
-    const Owned<object_t> again = parseOdl(first.content(), &fault);
-    require(again && printOdl(again.get(), -1, &second) && second.content() == first.content());
-    object_t sent;
-    require(objectFromJson(&sent, parseJson(printJson(objectToJson(read.get(), -1).get()).get()).get()));
-    require(printOdl(&sent, -1, &third) && third.content() == first.content());
 }

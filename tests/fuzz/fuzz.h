@@ -12,7 +12,7 @@ extern "C" int LLVMFuzzerInitialize(int*, char***);
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size);
 
 using Target = void(std::string_view bytes);
-Target fuzzConfiguration, fuzzDefinition, fuzzBusFrames, fuzzClientFrames, fuzzCalls, fuzzAnswers, fuzzRecords;
+Target fuzzConfiguration, fuzzClientFrames, fuzzCalls, fuzzAnswers, fuzzRecords;
 
 /// Ends the process, which is a finding, unless `holds`.
 inline void require(bool holds) {

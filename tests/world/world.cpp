@@ -88,6 +88,23 @@ bool waitFor(const std::function<bool()>& condition) {
 
 std::string binary(const std::string& name) { return std::string(ORSM_BINARY_FOLDER "/") + name; }
 
+static std::string_view setting(const char* variable) { return getenv(variable) ? getenv(variable) : ""; }
+
+Sweep::Sweep(unsigned oneIn)
+    : oneIn_(isWhole() ? 1 : oneIn),
+      seed_(setting("SEED").empty() ? std::random_device()() : static_cast<unsigned>(std::stoul(getenv("SEED")))),
+      random_(seed_) {}
+
+bool Sweep::isWhole() { return setting("SWEEP") == "all"; }
+
+bool Sweep::next() {
+    if (testing::Test::HasFailure()) return false;
+    ++number_;
+    const bool runs = random_() % oneIn_ == 0;
+    taken_ += runs;
+    return runs;
+}
+
 std::string readFile(const std::string& path, size_t from) {
     std::ifstream file(path, std::ios::binary);
     file.seekg(static_cast<std::streamoff>(from));

@@ -6,6 +6,7 @@
 
 #include <functional>
 #include <memory>
+#include <random>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -42,6 +43,24 @@ int run(std::vector<std::string> arguments, std::string* output = nullptr);
 
 /// The path of a program of this build, such as binary("pcb-bus").
 std::string binary(const std::string& name);
+
+/// Which cases of a sweep run: every one with SWEEP=all, otherwise a random sample of one in `oneIn`, which SEED=NUMBER
+/// draws again.
+class Sweep {
+  public:
+    explicit Sweep(unsigned oneIn);
+    static bool isWhole();
+    /// Whether the next case runs; none does once the test has failed.
+    bool next();
+    /// For the trace of a failure: what draws this sample again, and the case's number in it.
+    std::string again() const { return "SEED=" + std::to_string(seed_) + ", case " + std::to_string(number_); }
+    /// How many have run, of how many.
+    std::string count() const { return std::to_string(taken_) + " of " + std::to_string(number_); }
+
+  private:
+    unsigned oneIn_, seed_, number_ = 0, taken_ = 0;
+    std::mt19937 random_;
+};
 
 std::string readFile(const std::string& path, size_t from = 0);
 void writeFile(const std::string& path, std::string_view content);
