@@ -129,9 +129,9 @@ TEST(Log, FilterTakesTheCategoryOverTheGlobalThreshold) {
     // clang-format off
     const std::pair<std::string, std::string> cases[] = {
         {"enabled=yes", "4444"}, {"enabled=true level=quiet category.a=Debug", "1551"},
-        {"enabled=True", "5555"}, {"enabled=true category.a=WARN category.a=DEBUG category.c=TRACE", "3503"},
-        {"enabled=yess", "5555"}, {"enabled=true enabled=no category.a=TRACE", "5555"},
-        {"enabled=1", "5555"}, {"enabled=true level=info", "2222"},
+        {"enabled=True level=TRACE", "5555"}, {"enabled=true level=quiet category.a=WARN category.a=DEBUG category.c=TRACE", "3503"},
+        {"enabled=yess level=TRACE", "5555"}, {"enabled=true enabled=no category.a=TRACE level=TRACE", "5555"},
+        {"enabled=1 level=TRACE", "5555"}, {"enabled=true level=info", "2222"},
     };
     // clang-format on
     for (const auto& [words, expected] : cases) {

@@ -1,5 +1,6 @@
 // The daemon's main job, and how it ends, with everything around it real.
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -44,10 +45,18 @@ TEST(MainJob, KeepsTheRegistrationInAgreementAndNeverEchoesItBack) {
     ASSERT_EQ(gateway.cloud->journal().size(), 2U);
     EXPECT_TRUE(gateway.cloud->journal()[1].starts_with("GET /hm/dyndns?haId=HA-2|"));
 
+    // A failing server changes nothing, and a reboot meanwhile would not forget it.
+    gateway.cloud->fault("get", "http500");
+    gateway.set("NMC.HomeAutomation", "HA-ID", "HA-3");
+    gateway.log.next("Server error or error during parsing server response");
+    gateway.settle();
+    EXPECT_NE(readFile(KStore).find("SyncNotFinished = \"true\""), std::string::npos);
+    EXPECT_NE(readFile(KStore).find("HostName = \"second\""), std::string::npos);
+
     // A client's own switch is pushed.
     gateway.set("OrvoService.DynDNS", "Enable", "1");
     gateway.log.next("Dyn DNS Configure OK");
-    EXPECT_TRUE(gateway.cloud->journal().back().ends_with(R"({"name":"second","haId":"HA-2","enabled":true})"));
+    EXPECT_TRUE(gateway.cloud->journal().back().ends_with(R"({"name":"second","haId":"HA-3","enabled":true})"));
     EXPECT_EQ(gateway.end(), 0);
     EXPECT_FALSE(exists(KPidFile));
     EXPECT_EQ(gateway.daemon->output(), "");
@@ -122,6 +131,10 @@ TEST(MainJob, GoesOnAndEndsAlthoughNobodyReadsItsOutput) {
     gateway.log.next("CG-NAT status: false");
     setOften("NMC.HomeAutomation", "HA-ID", 1, 8, std::string(7000, 'x'));
     gateway.settle();
+    // Nor does it mind a file that may not grow.
+    const rlimit nothing = {0, 0};
+    EXPECT_EQ(prlimit(gateway.daemon->pid(), RLIMIT_FSIZE, &nothing, nullptr), 0);
+    EXPECT_EQ(BusClient().call("/dyndns", "", "IsEnabled"), R"({"status":"OK","result":false})");
     EXPECT_EQ(gateway.end(), 0);
 }
 
@@ -137,6 +150,14 @@ TEST(LostBus, EndsItWithItsStatusAndNeverHoldsTheEndUp) {
         (messageBus ? gateway.dbus : gateway.bus)->send(killed ? SIGKILL : SIGSTOP);
         // The bus thread notices the loss of its bus only when it is free.
         const bool lostMessageBus = killed && messageBus && !held, lostDataModel = killed && !messageBus;
+        if (!killed && !messageBus && !held) {
+            BusClient client;
+            const std::unique_ptr<DBusMessage, void (*)(DBusMessage*)> call(
+                BusClient::message("/dyndns", "", "IsEnabled", {}), dbus_message_unref);
+            dbus_connection_send(client.connection(), call.get(), nullptr);
+            dbus_connection_flush(client.connection());
+            gateway.log.next("Dyn DNS IsEnabled requested");
+        }
         if (!lostMessageBus && !lostDataModel) gateway.daemon->send(SIGTERM);
         if (lostDataModel) gateway.log.next("ERROR Error 65539 (connection lost)");
         EXPECT_EQ(gateway.daemon->wait(), lostMessageBus ? 1 : 0);
@@ -144,6 +165,7 @@ TEST(LostBus, EndsItWithItsStatusAndNeverHoldsTheEndUp) {
                                         : "Leaving pcb data model event loop");
         EXPECT_EQ(exists(KPidFile), lostMessageBus);
         EXPECT_EQ(gateway.log.count("Request error"), 0U) << "it waited for the request";
+        EXPECT_EQ(gateway.log.count("IsEnabled error"), 0U) << "it waited for the data model";
         EXPECT_EQ(gateway.daemon->output(), "");
     }
 }

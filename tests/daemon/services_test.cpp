@@ -71,7 +71,9 @@ TEST_F(Services, CheckArgumentsAndConditionsInOrder) {
         {"IsNameTaken", {"a\xC3\xA9"}, KInvalid, "ERROR Invalid name: a\xC3\xA9"},
         {"Configure", {}, KBusError, " WARN No arguments"},
         {"Configure", {"true", "box"}, KBusError, "Wrong argument 1 type, required: boolean"},
+        {"Configure", {true}, KInvalid, " WARN No argument 2"},
         {"Configure", {true}, KInvalid, "ERROR Null argument 2"},
+        {"Configure", {7}, KBusError, "unsupported type in dbus message: 105"},
         {"Configure", {true, 7}, KInvalid, "Wrong argument 2 type, required: string"},
         {"Configure", {true, "a.c"}, KInvalid, "ERROR Invalid name: a.c"},
         {"Configure", {true, "box"}, dynDnsError("NOT_SYNCHRONIZED"), " WARN HA-ID not available"},
@@ -105,9 +107,23 @@ TEST_F(Services, DynDnsAsksTheServerAndKeepsAllThreeInAgreement) {
     gateway_.settle();  // with this the echo of the write has passed, too
     EXPECT_EQ(gateway_.log.count("Setup dyn dns on server"), 0U);
 
+    // With home automation off nothing goes out.
+    gateway_.set("NMC.HomeAutomation", "Enable", "0");
+    gateway_.settle();
+    run("dyndns", {
+        {"Configure", {true, "box"}, dynDnsError("NOT_SYNCHRONIZED"), " WARN "},
+        {"SetEnabled", {false}, "true", "No possibility to setup dyn dns on server"},
+        {"SetEnabled", {true}, "true", "No possibility to setup dyn dns on server"},
+    });
+    gateway_.set("NMC.HomeAutomation", "Enable", "1");
+    gateway_.log.next("DynDNS hostname box saved in PCB");
+    gateway_.settle();
+
     // The switch alone reaches the server through the data model. Its address is taken over as it is.
     gateway_.set("OrvoService.HomeAutomation", "ApplicationServer", gateway_.cloud->url() + "/");
     run("dyndns", {{"SetEnabled", {false}, "true", "Failed to configure DynDNS: NOT_FOUND"}});
+    EXPECT_EQ(gateway_.log.count("connection mode = on saved"), gateway_.log.count("connection mode = ondemand saved"));
+    EXPECT_EQ(gateway_.log.count("connection mode = on saved"), gateway_.cloud->journal().size() - 3);  // but for names
     gateway_.set("OrvoService.HomeAutomation", "ApplicationServer", gateway_.cloud->url());
     gateway_.settle();
     run("dyndns", {{"Configure", {true, ""}, KTrue, "DynDNS empty hostname saved in PCB"}});
@@ -117,6 +133,7 @@ GET /hm/dyndns/verify?name=free-1-|Accept: */*|
 GET /hm/dyndns/verify?name=busy|Accept: */*|
 GET /hm/dyndns/verify?name=)" + std::string(63, 'z') + R"(|Accept: */*|
 POST /hm/dyndns/set|Accept: */*|Content-Type: application/json|Content-Length: 43|{"name":"box","haId":"HA-1","enabled":true}
+GET /hm/dyndns?haId=HA-1|Accept: */*|
 POST //hm/dyndns/set|Accept: */*|Content-Type: application/json|Content-Length: 44|{"name":"box","haId":"HA-1","enabled":false}
 POST /hm/dyndns/set|Accept: */*|Content-Type: application/json|Content-Length: 40|{"name":"","haId":"HA-1","enabled":true}
 )");
@@ -166,6 +183,7 @@ POST /api/device/switch|Accept: */*|Content-Type: application/x-www-form-urlenco
     });
     // clang-format on
     EXPECT_EQ(gateway_.get("OrvoService.Voltaro", "Enable"), "true");
+    EXPECT_NE(readFile(KStore).find("object Voltaro {\n        bool Enable = \"true\""), std::string::npos);
 }
 
 TEST_F(Services, AnswerExactlyWhatTheirDescriptionsSay) {

@@ -6,6 +6,7 @@
 #include <filesystem>
 
 #include "tests/daemon/daemon.h"
+#include "tests/world/bus_client.h"
 
 using namespace world;
 
@@ -65,6 +66,24 @@ TEST(StartUp, WithoutItsBusesItsNameOrItsPidFileItEndsWithOne) {
     EXPECT_EQ(startDaemon(configuration)->wait(), 1);
     EXPECT_EQ(log.count("OrvoServiceManager version 0.4.0"), 4U);
     EXPECT_EQ(log.count("ERROR Cannot enable dbus"), 3U);
+}
+
+TEST(StartUp, TakesTheBusNameOverOrWaitsForItAndKeepsIt) {
+    constexpr char KName[] = "com.corvane.orsm";
+    for (const bool yields : {true, false}) {
+        writeFile(KDaemonLog, "");
+        Gateway gateway;
+        BusClient holder, other;
+        const unsigned allowed = yields ? DBUS_NAME_FLAG_ALLOW_REPLACEMENT : 0;
+        ASSERT_EQ(dbus_bus_request_name(holder.connection(), KName, allowed, nullptr), 1);
+        gateway.launch();
+        gateway.log.next("Entered pcb data model event loop");
+        if (!yields) dbus_bus_release_name(holder.connection(), KName, nullptr);
+        EXPECT_EQ(holder.call("/orvoservicesinfo", "", "Get"), R"({"status":"OK"})");
+        EXPECT_EQ(dbus_bus_request_name(other.connection(), KName, DBUS_NAME_FLAG_REPLACE_EXISTING, nullptr),
+                  DBUS_REQUEST_NAME_REPLY_IN_QUEUE);
+        EXPECT_EQ(gateway.end(), 0);
+    }
 }
 
 TEST(StartUp, DetachesWhenTheConfigurationAsksForIt) {

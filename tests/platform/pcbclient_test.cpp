@@ -166,6 +166,10 @@ TEST_F(Client, DefersWorkAndDoesItNewestFirst) {
     EXPECT_EQ(iLost, Texts{"first"});
     log_.next("Failed to send request (0x");
     EXPECT_EQ(executePcbFunction("NeMo.Intf.data", "hasFlag"), nullptr);
+    iRefuses = false;
+    freePcbRequestObject(executePreparedPcbFunctionAsync(prepareToExecutePcbFunction("NeMo.Intf.data", "hasFlag")));
+    listenToChangesInPcbObjectAsync(copyText("OrvoService.Voltaro"));
+    runUntil("object OrvoService.Voltaro Enable=false");
     EXPECT_EQ(executePreparedPcbFunctionAsync(nullptr), nullptr);
     EXPECT_EQ(executePreparedPcbFunction(nullptr), nullptr);
     EXPECT_EQ(addStringParameter(nullptr, "flag", "x"), 0);

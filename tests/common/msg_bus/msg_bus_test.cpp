@@ -157,6 +157,7 @@ TEST_F(MessageBus, AReplyThatCannotBeSentIsAnErrorForTheClient) {
         EXPECT_TRUE(pumpUntil([&, expected = result] { return iReplyResult == expected; }));
     }
     EXPECT_EQ(replyTo(send(newCall("Echo", {true}))), "true");
+    EXPECT_EQ(replyTo(send(newCall("Echo", {false}))), "false");
     EXPECT_EQ(daemon->output().find("Rejected send message"), std::string::npos);  // a reply that nobody asked for
 }
 
