@@ -1,7 +1,5 @@
-// The daemon in a bad world: every fault of a server in every request, descriptors that clients send, and calls that
-// are refused at its start.
+// The daemon in a bad world: every fault of a server in every request, and calls that are refused at its start.
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 
 #include <algorithm>
 
@@ -227,25 +225,6 @@ TEST_P(ServerFault, IsLoggedAnsweredAndOverWithItsRequest) {
 
 INSTANTIATE_TEST_SUITE_P(Of, ServerFault, testing::ValuesIn(KResources),
                          [](const auto& one) { return one.param.name; });
-
-static constexpr int KStandardInput = STDIN_FILENO;
-
-TEST_F(Hardship, OfDescriptorsThatClientsSendIsNoEnd) {
-    const rlimit few = {64, 64};
-    ASSERT_EQ(prlimit(daemon->pid(), RLIMIT_NOFILE, &few, nullptr), 0);
-    const auto withDescriptors = [](int) {
-        DBusMessage* call = BusClient::message("/", DBUS_INTERFACE_INTROSPECTABLE, "Introspect", {});
-        for (int attached = 0; attached < 16; ++attached) {
-            dbus_message_append_args(call, DBUS_TYPE_UNIX_FD, &KStandardInput, DBUS_TYPE_INVALID);
-        }
-        return call;
-    };
-    EXPECT_TRUE(client.callMany(100, 4, withDescriptors, [](DBusMessage* reply) {
-        EXPECT_EQ(dbus_message_get_type(reply), DBUS_MESSAGE_TYPE_METHOD_RETURN);
-    }));
-    expectAllGood();
-    EXPECT_EQ(end(), 0);
-}
 
 // A start of which one call fails ends with status 1, its line, and nothing left behind.
 TEST(RefusedCall, EndsTheStart) {

@@ -1,6 +1,8 @@
 // The D-Bus services of the running daemon, from a client's side: replies to the byte, what stands in the log, and what
 // goes to the servers.
 #include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <unistd.h>
 
 #include <sstream>
 
@@ -214,4 +216,25 @@ TEST_F(Services, AnswerExactlyWhatTheirDescriptionsSay) {
         }
     }
     EXPECT_EQ(gateway_.log.count("Adding listener for"), described);
+}
+
+static constexpr int KStandardInput = STDIN_FILENO;
+
+TEST_F(Services, AreNotEndedByDescriptorsThatClientsSend) {
+    gateway_.start();
+    const rlimit few = {64, 64};
+    ASSERT_EQ(prlimit(gateway_.daemon->pid(), RLIMIT_NOFILE, &few, nullptr), 0);
+    const auto withDescriptors = [](int) {
+        DBusMessage* call = BusClient::message("/", DBUS_INTERFACE_INTROSPECTABLE, "Introspect", {});
+        for (int attached = 0; attached < 16; ++attached) {
+            dbus_message_append_args(call, DBUS_TYPE_UNIX_FD, &KStandardInput, DBUS_TYPE_INVALID);
+        }
+        return call;
+    };
+    EXPECT_TRUE(client_.callMany(100, 4, withDescriptors, [](DBusMessage* reply) {
+        EXPECT_EQ(dbus_message_get_type(reply), DBUS_MESSAGE_TYPE_METHOD_RETURN);
+    }));
+    run("orvoservicesinfo", {
+                                {"Get", {}, R"({"status":"OK"})", "Get"}
+    });
 }
