@@ -1,4 +1,4 @@
-// The daemon in a bad world: every fault of a server in every request, and calls that are refused at its start.
+// The daemon among bad servers: every fault in every request.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -225,28 +225,3 @@ TEST_P(ServerFault, IsLoggedAnsweredAndOverWithItsRequest) {
 
 INSTANTIATE_TEST_SUITE_P(Of, ServerFault, testing::ValuesIn(KResources),
                          [](const auto& one) { return one.param.name; });
-
-// A start of which one call fails ends with status 1, its line, and nothing left behind.
-TEST(RefusedCall, EndsTheStart) {
-    LogReader log(KDaemonLog);
-    const auto bus = startPcbBus(), dbus = startDbusDaemon();
-    for (const auto& [call, detaches, line] : {
-             std::tuple{"fork",           true,  "ERROR Cannot demonize process!"                        },
-             std::tuple{"setsid",         true,  "ERROR Cannot demonize process!"                        },
-             std::tuple{"pipe2",          false, "ERROR Failed to create event pipe: Too many open files"},
-             std::tuple{"pipe2",          false, "ERROR Cannot create pipe for listening pcb changes"    },
-             std::tuple{"pthread_create", false, "ERROR Could not create thread for dbus handling"       },
-             std::tuple{"eventfd",        false, "ERROR Cannot init pcb library"                         },
-             std::tuple{"epoll_wait",     false, "ERROR Event loop of the bus thread has ended"          },
-    }) {
-        SCOPED_TRACE(call);
-        snprintf(steering().refused, sizeof steering().refused, "%s", call);
-        auto daemon = startDaemon(
-            (detaches ? "demonize-process=true\n" : "") + daemonConfiguration("https://127.0.0.1:1", "/none"),
-            KSteered);
-        EXPECT_EQ(daemon->wait(), strcmp(call, "setsid") == 0 ? 0 : 1);  // there, the child fails
-        log.next(line);
-        EXPECT_TRUE(waitFor([] { return !exists(KPidFile); }));
-        EXPECT_EQ(daemon->output(), strcmp(call, "epoll_wait") == 0 ? "[warn] epoll_wait: Too many open files\n" : "");
-    }
-}

@@ -1,0 +1,34 @@
+// Calls that the system refuses while the daemon starts.
+#include <gtest/gtest.h>
+
+#include <cstring>
+
+#include "tests/daemon/daemon.h"
+#include "tests/daemon/steering.h"
+
+using namespace world;
+
+// A start of which one call fails ends with status 1, its line, and nothing left behind.
+TEST(RefusedCall, EndsTheStart) {
+    LogReader log(KDaemonLog);
+    const auto bus = startPcbBus(), dbus = startDbusDaemon();
+    for (const auto& [call, detaches, line] : {
+             std::tuple{"fork",           true,  "ERROR Cannot demonize process!"                        },
+             std::tuple{"setsid",         true,  "ERROR Cannot demonize process!"                        },
+             std::tuple{"pipe2",          false, "ERROR Failed to create event pipe: Too many open files"},
+             std::tuple{"pipe2",          false, "ERROR Cannot create pipe for listening pcb changes"    },
+             std::tuple{"pthread_create", false, "ERROR Could not create thread for dbus handling"       },
+             std::tuple{"eventfd",        false, "ERROR Cannot init pcb library"                         },
+             std::tuple{"epoll_wait",     false, "ERROR Event loop of the bus thread has ended"          },
+    }) {
+        SCOPED_TRACE(call);
+        snprintf(steering().refused, sizeof steering().refused, "%s", call);
+        auto daemon = startDaemon(
+            (detaches ? "demonize-process=true\n" : "") + daemonConfiguration("https://127.0.0.1:1", "/none"),
+            "orvoservicemanager-steered");
+        EXPECT_EQ(daemon->wait(), strcmp(call, "setsid") == 0 ? 0 : 1);  // there, the child fails
+        log.next(line);
+        EXPECT_TRUE(waitFor([] { return !exists(KPidFile); }));
+        EXPECT_EQ(daemon->output(), strcmp(call, "epoll_wait") == 0 ? "[warn] epoll_wait: Too many open files\n" : "");
+    }
+}
