@@ -6,6 +6,7 @@
 #include <map>
 
 #include "common/log/log.h"
+#include "common/text/text.h"
 #include "src/main/startup_config.h"
 
 static Target* iTarget;

@@ -6,8 +6,6 @@
 #include <string>
 #include <string_view>
 
-#include "pcblib/pcbclient.h"
-
 extern "C" int LLVMFuzzerInitialize(int*, char***);
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size);
 
@@ -25,6 +23,3 @@ inline std::string takeLine(std::string_view* text) {
     text->remove_prefix(std::min(line.size() + 1, text->size()));
     return line;
 }
-
-/// The client of a bus that is part of this process, works whenever its client waits, and is in its first state again.
-PcbContext* clientOfFreshBus();

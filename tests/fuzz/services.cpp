@@ -1,5 +1,5 @@
-// The bus thread's work from a message, a server's answer or a record on. The data model is the bus of this process;
-// replies end where libdbus would send them, requests where libcurl would.
+// The bus thread's work from a message, a server's answer or a record on. There is no data model; replies end where
+// libdbus would send them, requests where libcurl would.
 #include <unistd.h>
 
 #include <cstdio>
@@ -40,7 +40,6 @@ dbus_bool_t dbus_connection_send(DBusConnection*, DBusMessage* reply, dbus_uint3
 }
 void dbus_connection_flush(DBusConnection*) {}
 
-// Definitions have a target of their own; saving them here would be most of the time.
 PcbContext* iBusPcbClient;
 PcbContext* helperPcbDataModelClient() { return iBusPcbClient; }
 void saveOrvoServiceData() {}
@@ -59,7 +58,6 @@ static constexpr struct { int service; const char* name; } KMethods[] = {
 
 // The state in which every input begins.
 static void startOver(const char* haId, TriState all) {
-    iBusPcbClient = clientOfFreshBus();
     if (!iBusEventBase) {
         iBusEventBase = event_base_new();
         synchronizeDynDnsConfiguration();  // for its timer
