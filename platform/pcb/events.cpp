@@ -16,6 +16,8 @@ static constexpr size_t KMaxConnectionsInList = 32;
 
 static std::atomic<bool> terminated = false;
 static std::atomic<int> lostConnections = 0;
+// Whether a wait has said so: until then no loop ends of it, so that none ends without a word, whoever found the loss.
+static std::atomic<bool> lossTold = false;
 // Opened by the first initialisation and open for good: a signal may come at any time.
 static std::atomic<int> wakeDescriptor = -1;
 
@@ -61,7 +63,7 @@ void connection_setTerminated(bool flag) {
 
 bool connection_isTerminated() {
     OWED(!isSignalHandler());
-    return terminated || lostConnections > 0;
+    return terminated || (lossTold && lostConnections > 0);
 }
 
 void countLostConnection() {
@@ -69,7 +71,9 @@ void countLostConnection() {
     connection_setEventsAvailable();
 }
 
-void forgetLostConnection() { --lostConnections; }
+void forgetLostConnection() {
+    if (--lostConnections == 0) lossTold = false;
+}
 
 bool connection_setSignalEventHandler([[maybe_unused]] connection_info_t* connection, int signalNumber,
                                       void (*handler)(int)) {
@@ -142,7 +146,11 @@ int connection_waitForEvents_r(llist_t* list, fd_set* readSet, fd_set* writeSet)
     OWED(isClear(readSet));
     OWED(isClear(writeSet));
     while (!connection_isTerminated()) {
-        const Round round = waitOnce(list, wakeDescriptor, -1, readSet, writeSet);
+        const Round round = lostConnections > 0 ? Round{} : waitOnce(list, wakeDescriptor, -1, readSet, writeSet);
+        if (lostConnections > 0) {
+            lossTold = true;
+            return failedRound(PCB_ERROR_CONNECTION_LOST).ready;
+        }
         if (round.woken && !connection_isTerminated()) {
             // Taken by one; what ends the loop stays for every thread that waits.
             uint64_t wakes = 0;

@@ -134,8 +134,8 @@ bool connection_initLibrary(void);
 void connection_exitLibrary(void);
 /// Ends the event loop (true), or takes that back (false). It does not take back a lost connection.
 void connection_setTerminated(bool terminated);
-/// Whether the event loop must end: connection_setTerminated said so, or any client of this process has found its bus
-/// lost, in a wait or an operation, and was not destroyed yet.
+/// Whether the event loop must end: connection_setTerminated said so, or connection_waitForEvents_r has told that a
+/// client of this process has lost its bus, and that client was not destroyed yet.
 bool connection_isTerminated(void);
 /// Makes the present or the next connection_waitForEvents_r return at once. 1, or 0 on failure. The one function that
 /// may be called in a signal handler.
@@ -146,8 +146,9 @@ bool connection_setSignalEventHandler(connection_info_t* connection, int signalN
 llist_iterator_t* connection_listLink(connection_info_t* connection);
 
 /// Waits without limit until one of the listed connections has events (positive), connection_setEventsAvailable was
-/// called or the loop must end (0: nothing to handle). Negative on failure, once also when a connection is found lost.
-/// A signal is no failure. The caller has cleared the sets.
+/// called or the loop must end (0: nothing to handle). Negative on failure, once also when any client of this process
+/// has found its bus lost, in a wait or an operation of any thread. A signal is no failure. The caller has cleared the
+/// sets.
 int connection_waitForEvents_r(llist_t* list, fd_set* readSet, fd_set* writeSet);
 /// Reads what has come and calls the handlers, in the order of arrival. A handler may create, send and destroy
 /// requests, but not destroy its own, and do all that waits for an answer; what comes meanwhile is kept for the next

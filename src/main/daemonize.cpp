@@ -2,9 +2,15 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 
+#include "common/log/log.h"
 #include "src/main/pidfile.h"
+
+static constexpr char KLogCategory[] = "orvoservicemanager";
+static constexpr char KLogModule[] = "src/main";
 
 /// Detaches the process into the background. `keepDirectory` nonzero keeps the working directory, else it becomes "/";
 /// `keepStreams` nonzero keeps the standard streams, else they become /dev/null (and stay where that cannot be opened).
@@ -38,7 +44,9 @@ int write_pidfile(const char* path) {
     // Not fopen: with an umask of 0 it makes a file that everybody may write, and a supervisor believes its number.
     const int file = open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
     if (file < 0) return 0;
-    dprintf(file, "%ld\n", static_cast<long>(getpid()));
+    if (dprintf(file, "%ld\n", static_cast<long>(getpid())) < 0) {
+        LOG(WARN, "Cannot write the pid file: %s", strerror(errno));
+    }
     close(file);
     return 1;
 }

@@ -54,7 +54,9 @@ TEST(StartUp, WithoutItsBusesItsNameOrItsPidFileItEndsWithOne) {
         log.next("ERROR Cannot enable dbus");
         EXPECT_FALSE(exists(KPidFile));
     };
-    fails("OrvoServiceManager version 0.4.0", "ERROR Failed to connect to pcb://ipc:{/var/run/pcb_sys} (0x0001");
+    std::filesystem::create_symlink("/dev/full", KPidFile);
+    fails(" WARN Cannot write the pid file: No space left on device",
+          "ERROR Failed to connect to pcb://ipc:{/var/run/pcb_sys} (0x0001");
     const auto bus = startPcbBus();
     fails(" WARN Failed to open connection to activating message bus: ", "ERROR Cannot create");
     std::string policy = readFile(ORSM_SOURCE_FOLDER "/tests/world/bus.conf");

@@ -20,6 +20,14 @@ WRAP(ssize_t, send, int socket, const void* bytes, size_t size, int flags) {
 
 using Items = std::vector<std::string>;
 
+static bool iReceiveFails = false;
+WRAP(ssize_t, recv, int socket, void* bytes, size_t size, int flags) {
+    if (!iReceiveFails) return __real_recv(socket, bytes, size, flags);
+    iReceiveFails = false;
+    errno = ECONNRESET;
+    return -1;
+}
+
 // A request for an object that writes down what arrives for it, one text an item.
 struct Watch {
     const Client& client;
@@ -91,6 +99,21 @@ TEST_F(Platform, AHungBusHoldsNobodyAndItsLateAnswerIsDropped) {
     EXPECT_TRUE(client.get(KDynDns, "HostName") == late);
     sentMeanwhile.await(1);
     EXPECT_TRUE(watch.await(2)[1] == "1 OrvoService.DynDNS HostName  " + late);
+}
+
+TEST_F(Platform, ALostBusEndsEveryLoopUntilItsClientIsDestroyed) {
+    auto loser = std::make_unique<Client>();
+    const Watch watch(*loser, KDynDns);
+    iReceiveFails = true;
+    EXPECT_EQ(loser->get(KDynDns, "Enable"), "error: connection lost");
+    pcb_error = 0;
+    EXPECT_FALSE(client.loopUntil([] { return false; }));
+    EXPECT_STREQ(error_string(pcb_error), "connection lost") << "it ended without a word";
+    EXPECT_FALSE(Client().loopUntil([] { return false; }));
+    connection_setTerminated(false);
+    EXPECT_TRUE(connection_isTerminated());
+    loser.reset();  // before the watch, whose request stays its owner's
+    EXPECT_FALSE(connection_isTerminated());
 }
 
 TEST_F(Platform, BadFramesAreRefusedOrCloseTheirConnectionAndHarmNoOther) {
