@@ -33,10 +33,20 @@ remove_root() {
   rm -rf --one-file-system "$1"
 }
 
+# own_sources FOLDER: copies this machine's package sources, without the architecture that they may be pinned to.
+own_sources() {
+  local file
+  mkdir -p "$1"
+  for file in /etc/apt/sources.list /etc/apt/sources.list.d/*.{list,sources}; do
+    [ -s "$file" ] || continue
+    sed -E '/^Architectures:/Id; /^deb/ { s/\barch[+-]?=[^] ]*//; s/\[ *\]// }' "$file" >"$1/${file##*/}"
+  done
+}
+
 # debian_root FOLDER ARGUMENT...: makes a Debian root with mmdebstrap and its ARGUMENTs, out of what this machine's own
 # package sources have.
 debian_root() {
-  local root=$1 apt=$1.apt file sources=() mode=root
+  local root=$1 apt=$1.apt sources mode=root
   shift
   install_missing mmdebstrap
   if [ "$(id -u)" -ne 0 ]; then
@@ -44,18 +54,13 @@ debian_root() {
     mode=fakechroot
   fi
   remove_root "$root"
-  mkdir -p "$apt"
-  # A source may be pinned to this machine's architecture, which need not be the root's.
-  for file in /etc/apt/sources.list /etc/apt/sources.list.d/*.{list,sources}; do
-    [ -s "$file" ] || continue
-    sources+=("$apt/${file##*/}")
-    sed -E '/^Architectures:/Id; /^deb/ { s/\barch[+-]?=[^] ]*//; s/\[ *\]// }' "$file" >"$apt/${file##*/}"
-  done
+  own_sources "$apt"
+  sources=("$apt"/*)
   # Proxies and the like. A program that looks for a proxy would be missing in the root.
-  apt-config dump | grep '^Acquire::' | grep -iv 'auto-\?detect' >"$apt/acquire.conf"
+  apt-config dump | grep '^Acquire::' | grep -iv 'auto-\?detect' >"$root.acquire"
   # A source that does not serve the architecture says so and is passed over: packages that are missing then end this.
   # shellcheck disable=SC2016
-  mmdebstrap --quiet --mode=$mode --aptopt="$apt/acquire.conf" --skip=update \
+  mmdebstrap --quiet --mode=$mode --aptopt="$root.acquire" --skip=update \
     --setup-hook='APT_CONFIG=$MMDEBSTRAP_APT_CONFIG apt-get update -qq || true' "$@" \
     "$(. /etc/os-release && echo "$VERSION_CODENAME")" "$root" "${sources[@]}"
 }

@@ -1,0 +1,13 @@
+# Builds for 32-bit ARM with musl, with what tools/musl has put into build/musl.
+set(CMAKE_SYSTEM_NAME Linux)
+set(CMAKE_SYSTEM_PROCESSOR armv7l)
+cmake_path(GET CMAKE_CURRENT_LIST_DIR PARENT_PATH musl)
+string(APPEND musl /build/musl)
+set(CMAKE_C_COMPILER ${musl}/cc)
+set(CMAKE_CXX_COMPILER ${musl}/c++)
+set(CMAKE_FIND_ROOT_PATH ${musl}/root/usr)
+set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
+set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
+set(ENV{PKG_CONFIG_LIBDIR} ${musl}/root/usr/lib/pkgconfig)
