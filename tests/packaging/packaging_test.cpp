@@ -37,15 +37,21 @@ static Words install(const std::string& component) {
 }
 
 TEST(Installed, EachComponentHoldsExactlyItsFiles) {
-    EXPECT_EQ(install("desk"), (Words{"755 /usr/bin/cloud-sim", "755 /usr/bin/pcb-bus", "755 /usr/bin/pcb-ctl"}));
-    const std::string share = "644 /usr/share/", interface = share + "dbus-1/interfaces/com.corvane.orsm.";
+    const std::string share = "644 /usr/share/", dbus = share + "dbus-1/",
+                      interface = dbus + "interfaces/com.corvane.orsm.";
+    const std::string doc = share + "doc/orvoservicemanager";
+    EXPECT_EQ(install("desk"), (Words{"755 /usr/bin/cloud-sim", "755 /usr/bin/pcb-bus", "755 /usr/bin/pcb-ctl",
+                                      share + "man/man1/pcb-ctl.1.gz", share + "orvoservicemanager/gateway.odl",
+                                      doc + "-desk/changelog.gz", doc + "-desk/copyright"}));
+    EXPECT_EQ(install("procd"), (Words{"755 /etc/init.d/orvoservicemanager"}));
     // clang-format off
     const Words expected = {
-        "755 /usr/sbin/orvoservicemanager", "644 /etc/orvoservicemanager.conf", "755 /etc/init.d/orvoservicemanager",
-        "644 /usr/lib/systemd/system/orvoservicemanager.service", share + "dbus-1/system.d/com.corvane.orsm.conf",
+        "755 /usr/sbin/orvoservicemanager", "644 /etc/orvoservicemanager.conf",
+        "644 /usr/lib/systemd/system/orvoservicemanager.service", "644 /usr/lib/sysusers.d/orvoservicemanager.conf",
+        dbus + "system.d/com.corvane.orsm.conf", dbus + "system-services/com.corvane.orsm.service",
         interface + "dyndns.xml", interface + "voltaro.xml", interface + "orvoservicesinfo.xml",
-        share + "man/man8/orvoservicemanager.8", share + "man/man5/orvoservicemanager.conf.5",
-        share + "man/man1/pcb-ctl.1",
+        share + "man/man8/orvoservicemanager.8.gz", share + "man/man5/orvoservicemanager.conf.5.gz",
+        doc + "/changelog.gz", doc + "/copyright",
     };
     // clang-format on
     EXPECT_EQ(install("daemon"), expected);
@@ -57,9 +63,10 @@ TEST(Installed, TheUnitIsHardenedAndStartsTheProgramWithTheExampleConfiguration)
     const std::string judged = output({"systemd-analyze", "security", "--offline=true", "--threshold=15", unit});
     printf("figure: the unit's exposure is %s\n", found(judged, "exposure level.*: (\\S+)").begin()->c_str());
     const std::string command = "/usr/sbin/orvoservicemanager -c /etc/orvoservicemanager.conf";
-    EXPECT_EQ(found(readFile(unit), "\n((?:Type|BusName|Restart|StartLimitIntervalSec|ExecStart)=.*)"),
+    EXPECT_EQ(found(readFile(unit), "\n((?:Type|BusName|Restart|StartLimitIntervalSec|ExecStart|ReadWritePaths)=.*)"),
               (Words{"Type=dbus", "BusName=com.corvane.orsm", "Restart=always", "StartLimitIntervalSec=0",
-                     "ExecStart=" + command}));
+                     "ExecStart=" + command, "ReadWritePaths=/run -/media -/var/log"}));
+    EXPECT_NE(readFile(KRoot + "/etc/orvoservicemanager.conf").find("logger.level = WARN"), std::string::npos);
     // What the unit names is looked for in the tree; what a system brings itself stands in there for its own.
     std::filesystem::create_directory(KRoot + "/bin");
     std::filesystem::copy("/bin/true", KRoot + "/bin/kill");
@@ -80,7 +87,7 @@ TEST(Installed, TheUnitIsHardenedAndStartsTheProgramWithTheExampleConfiguration)
 }
 
 TEST(Installed, TheInitScriptTellsProcdToTryForEverAndToSendHangups) {
-    install("daemon");
+    install("procd");
     const std::string script = KRoot + "/etc/init.d/orvoservicemanager";
     EXPECT_EQ(output({"shellcheck", script}), "");
     const std::string procd = R"(for name in open_instance set_param close_instance send_signal; do
@@ -91,26 +98,11 @@ TEST(Installed, TheInitScriptTellsProcdToTryForEverAndToSendHangups) {
               "set_param respawn 3600 5 0\nclose_instance\nsend_signal orvoservicemanager * HUP\n");
 }
 
-TEST(Installed, ManualsNameTheProgramsOptionsKeysAndCommandsAndNoOthers) {
-    install("daemon");
-    const std::string man = KRoot + "/usr/share/man/man", configuration = man + "5/orvoservicemanager.conf.5";
-    const std::string daemon = man + "8/orvoservicemanager.8", ctl = man + "1/pcb-ctl.1";
-    EXPECT_EQ(output({"mandoc", "-T", "lint", daemon, configuration, ctl}), "");
-
-    std::string usage;
-    EXPECT_EQ(run({binary("orvoservicemanager")}, &usage), 1);
-    EXPECT_EQ(found(readFile(daemon), "\\.It Fl (\\S+)"), found(usage, "\n-(\\S+) "));
-
-    Words keys = found(readFile(ORSM_SOURCE_FOLDER "/src/main/startup_config.cpp"), "RequiredKey \\w+\\{\"(.*?)\"");
-    const std::string settings = readFile(ORSM_SOURCE_FOLDER "/common/log/log_settings.cpp");
-    for (const std::string& key : found(settings, "\n    \\{\"(.*?)\", +\\w+")) {
-        keys.insert("logger." + key);
-    }
-    EXPECT_EQ(found(readFile(configuration), "\\.It Ic ([a-z._-]+)"), keys);
-
-    EXPECT_EQ(run({binary("pcb-ctl")}, &usage), 1);
-    EXPECT_EQ(found(readFile(ctl), "\\.It Cm (\\S+)"), found(usage, "(?:\\]|\\|) ([a-z]+)"));
-    EXPECT_EQ(found(readFile(ctl), "\\.It Fl (\\S+)"), found(usage, "\\[-(\\S+) "));
+TEST(Manuals, AreWellFormed) {
+    const std::string man = ORSM_SOURCE_FOLDER "/man/";
+    EXPECT_EQ(output({"mandoc", "-T", "lint", man + "orvoservicemanager.8", man + "orvoservicemanager.conf.5",
+                      man + "pcb-ctl.1"}),
+              "");
 }
 
 static constexpr int KStandardInput = STDIN_FILENO;
@@ -134,12 +126,10 @@ TEST(Policy, OnlyRootAndTheGroupChangeSomethingOrReachAServerAndOnlyRootOwnsTheN
     gateway.dbus = startDbusDaemon("/var/run/bus.conf");
     gateway.start();
 
-    const std::string denied = DBUS_ERROR_ACCESS_DENIED, unknown = DBUS_ERROR_UNKNOWN_METHOD;
-    const std::string name = "com.corvane.orsm", properties = DBUS_INTERFACE_PROPERTIES;
+    const std::string denied = DBUS_ERROR_ACCESS_DENIED, name = "com.corvane.orsm";
     const Words everybodys = {"dyndns.IsEnabled", "dyndns.GetName", "orvoservicesinfo.Get"};
     const Words methods = found(gateway.log.content(), "interface='com\\.corvane\\.orsm\\.(\\w+',member='\\w+)'");
     EXPECT_EQ(methods.size(), 9U);
-    size_t calls = 0, refused = 0;
     using User = std::pair<uid_t, gid_t>;
     constexpr gid_t KOtherGroup = 5002;
     for (const auto& [user, group] : {User(0, 0), User(1001, 5001), User(1002, KOtherGroup)}) {
@@ -148,34 +138,23 @@ TEST(Policy, OnlyRootAndTheGroupChangeSomethingOrReachAServerAndOnlyRootOwnsTheN
         EXPECT_EQ(seteuid(0), 0);
         EXPECT_EQ(dbus_bus_request_name(client.connection(), name.c_str(), 0, nullptr),
                   user ? -1 : DBUS_REQUEST_NAME_REPLY_IN_QUEUE);
-        EXPECT_EQ(client.call("/", DBUS_INTERFACE_PEER, "Ping"), "");
         EXPECT_TRUE(client.call("/dyndns", DBUS_INTERFACE_INTROSPECTABLE, "Introspect").starts_with("<!"));
         DBusMessage* const withDescriptor = BusClient::message("/", DBUS_INTERFACE_PEER, "Ping", {});
         dbus_message_append_args(withDescriptor, DBUS_TYPE_UNIX_FD, &KStandardInput, DBUS_TYPE_INVALID);
         EXPECT_TRUE(client.callMany(
             1, 1, [=](int) { return withDescriptor; },
             [&](DBusMessage* reply) { EXPECT_EQ(BusClient::textOf(reply), denied); }));
-        client.destination = DBUS_SERVICE_DBUS;
-        const std::string owner = client.call("/", DBUS_INTERFACE_DBUS, "GetNameOwner", {name});
         for (const std::string& method : methods) {
             const std::string service = method.substr(0, method.find('\''));
             const std::string member = method.substr(method.rfind('\'') + 1);
             const bool allowed = group != KOtherGroup || everybodys.contains(service + "." + member);
-            for (const std::string& interface : {name + "." + service, std::string(), name, properties}) {
-                const bool served = interface != name && interface != properties;
-                for (const std::string& destination : {name, owner}) {
-                    SCOPED_TRACE(std::to_string(user) + " " + destination + " " + interface + "." + member);
-                    const size_t before = gateway.log.count("Method call: ");
-                    client.destination = destination;
-                    const std::string reply = client.call("/" + service, interface, member);
-                    EXPECT_EQ(reply.starts_with("org.") ? reply : "", !allowed ? denied : served ? "" : unknown);
-                    EXPECT_EQ(gateway.log.count("Method call: "), before + (allowed && served));
-                    ++calls;
-                    refused += !allowed;
-                }
+            for (const std::string& interface : {name + "." + service, std::string()}) {
+                SCOPED_TRACE(std::to_string(user) + " " + interface + "." + member);
+                const size_t before = gateway.log.count("Method call: ");
+                EXPECT_EQ(client.call("/" + service, interface, member) == denied, !allowed);
+                EXPECT_EQ(gateway.log.count("Method call: "), before + allowed);
             }
         }
     }
-    printf("figure: policy: %zu calls of 3 users, %zu refused\n", calls, refused);
     EXPECT_EQ(gateway.end(), 0);
 }
