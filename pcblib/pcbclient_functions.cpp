@@ -121,7 +121,7 @@ OwnedText functionExecutionResultToJson(reply_item_t* item) {
 
 int handleAsyncFunctionReturn(request_t* request, reply_item_t* item) {
     LOG(DEBUG, "Pcb function return");
-    const auto type = reply_item_type(item);
+    const int type = reply_item_type(item);
     if (type == KReplyError) logErrorItem(item);
     if (type == KReplyFunctionReturn && iFunctionExecuteCallback) {
         const OwnedText result = functionReturnToJson(item);
@@ -134,7 +134,7 @@ int handleAsyncFunctionReturn(request_t* request, reply_item_t* item) {
 
 static int handleSyncFunctionReturn(request_t* request, reply_item_t* item) {
     LOG(DEBUG, "Pcb function return");
-    const auto type = reply_item_type(item);
+    const int type = reply_item_type(item);
     if (type == KReplyError) logErrorItem(item);
     if (type == KReplyFunctionReturn) {
         LOG(DEBUG, "Function executed: object = %s, function = %s", request_path(request),

@@ -180,7 +180,8 @@ static void walkThrough(void (*walk)(notification_t*), reply_item_t* item) {
 }
 
 int clientHandleReplyItem(request_t*, reply_item_t* item) {
-    switch (reply_item_type(item)) {
+    const int type = reply_item_type(item);  // a library's own enumeration would have its other members named here
+    switch (type) {
         case KReplyObject: reportObject(reply_item_object(item)); break;
         case KReplyNotification: walkThrough(walkThroughChangedParameters, item); break;
         case KReplyError: logErrorItem(item); break;
@@ -190,7 +191,8 @@ int clientHandleReplyItem(request_t*, reply_item_t* item) {
 }
 
 int handleAsyncCustomNotifications(request_t*, reply_item_t* item) {
-    switch (reply_item_type(item)) {
+    const int type = reply_item_type(item);
+    switch (type) {
         case KReplyNotification: walkThrough(walkThroughNotificationParameters, item); break;
         case KReplyError: logErrorItem(item); break;
         default: break;

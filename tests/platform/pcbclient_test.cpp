@@ -1,6 +1,7 @@
 // What the daemon relies on when it talks to the gateway's data model. A porter builds this with the platform's own
 // client library and runs it on the platform's own bus: ORSM_PCB_BUS is the command that starts that bus at
-// /var/run/pcb_sys, or empty where it runs already.
+// /var/run/pcb_sys, or empty where nothing has to be started: it runs already, or the library holds the data model
+// itself.
 #include "pcblib/pcbclient.h"
 
 #include <gtest/gtest.h>
@@ -12,13 +13,14 @@
 #include "tests/world/wrap.h"
 
 // A library may take the signals that end a program.
-WRAP(bool, connection_initLibrary) {
+WRAP(decltype(connection_initLibrary()), connection_initLibrary) {
     signal(SIGTERM, SIG_DFL);
     return __real_connection_initLibrary();
 }
 
 static bool iRefuses = false;
-WRAP(bool, pcb_sendRequest, pcb_t* pcb, peer_info_t* peer, request_t* request) {
+WRAP(decltype(pcb_sendRequest(nullptr, nullptr, nullptr)), pcb_sendRequest, pcb_t* pcb, peer_info_t* peer,
+     request_t* request) {
     return !iRefuses && __real_pcb_sendRequest(pcb, peer, request);
 }
 
@@ -52,9 +54,11 @@ static void functionReturned(const char* path, const char* function, const char*
     receive(std::string(path) + " " + function + " " + textOrEmpty(result));
 }
 
+// Null where nothing has to be started.
 static std::unique_ptr<world::Process> startBus() {
     const char* const command = getenv("ORSM_PCB_BUS");
     if (!command) return world::startPcbBus();
+    if (!*command) return nullptr;
     return std::make_unique<world::Process>(std::vector<std::string>{"sh", "-c", std::string("exec ") + command});
 }
 
@@ -96,6 +100,8 @@ TEST_F(Client, ReadsWritesSavesAndLoadsParametersAsText) {
     const char* object = getPcbObjectPathForDynDns();
     EXPECT_TRUE(easySetPcbParamBoolValue(other_, object, getPcbParameterDynDnsEnable(), 2));
     set(object, "HostName", "a \"quoted\" \\ text");
+    // A library may fetch an object without those below it, and saves what was fetched.
+    EXPECT_TRUE(easyGetPcbObject(other_, object));
     EXPECT_TRUE(easyPcbDatamodelSave_v2(other_, "/media", "o.odl", "OrvoService"));
     log_.next(" INFO /media/o.odl saved to OrvoService");
     EXPECT_TRUE(easyClearPcbParam(other_, object, "HostName"));
@@ -103,17 +109,16 @@ TEST_F(Client, ReadsWritesSavesAndLoadsParametersAsText) {
     EXPECT_TRUE(easyPcbDatamodelLoad_v2(other_, "/media", "o.odl", "OrvoService"));
     log_.next(" INFO /media/o.odl loaded from OrvoService");
     EXPECT_STREQ(easyGetPcbParamAsString(iPcbContext, object, "HostName").get(), "a \"quoted\" \\ text");
-    object_t* fetched = easyGetPcbObject(other_, object);
-    EXPECT_STREQ(easyGetPcbParamByName(fetched, "Enable").get(), "true");
-
     const auto failed = [&](bool done, const char* line) {
         EXPECT_FALSE(done) << line;
         log_.next(line);
     };
-    failed(!!easyGetPcbParamAsString(other_, "No.Object", "X"), "Get: Failed to get object No.Object param X (0x");
-    failed(easySetPcbParam(other_, object, "Enable", "maybe"), "DynDNS param Enable (0x");
-    failed(easyGetPcbObject(other_, "No.Object"), "GetO: Failed to get object No.Object (0x");
+    object_t* fetched = easyGetPcbObject(other_, object);
+    EXPECT_STREQ(easyGetPcbParamByName(fetched, "Enable").get(), "true");
     failed(!!easyGetPcbParamByName(fetched, "None"), "Get: param None not found");
+    failed(!!easyGetPcbParamAsString(other_, "No.Object", "X"), "Get: Failed to get object No.Object param X (0x");
+    failed(easySetPcbParam(other_, object, "None", "x"), "DynDNS param None (0x");
+    failed(easyGetPcbObject(other_, "No.Object"), "GetO: Failed to get object No.Object (0x");
     failed(easyPcbDatamodelLoad_v2(other_, "/media", "none.odl", "OrvoService"), "from file /media/none.odl");
     failed(easyPcbDatamodelSave_v2(other_, "/none", "o.odl", "OrvoService"), "object OrvoService in file o.odl");
     failed(easyPcbDatamodelSave_v2(other_, "/media", "o.odl", "None"), "Cannot find object None in the datamodel");
@@ -153,7 +158,7 @@ TEST_F(Client, DefersWorkAndDoesItNewestFirst) {
     });
     first = executePreparedPcbFunctionAsync(prepareToExecutePcbFunction("NeMo.Intf.data", "hasFlag"));
     second = executePreparedPcbFunctionAsync(prepareToExecutePcbFunction("NeMo.Intf.data", "closeQuery"));
-    EXPECT_EQ(log_.count("connectin_setEventsAvailable() returned 1"), 2U);
+    EXPECT_EQ(log_.count("connectin_setEventsAvailable() returned "), 2U);
     EXPECT_EQ(runUntil("object OrvoService.Voltaro Enable=false"),
               (Texts{"closeQuery", "hasFlag", "object OrvoService.Voltaro Enable=false"}));
     EXPECT_TRUE(iLost.empty());
@@ -202,7 +207,8 @@ TEST_F(Client, GivesFunctionResultsAsJson) {
 }
 
 TEST_F(Client, SendsMapsAndHearsCustomNotifications) {
-    if (bus_->output().find("pcb-bus") == std::string::npos) GTEST_SKIP() << "these functions are the stand-in's";
+    if (!bus_ || bus_->output().find("pcb-bus") == std::string::npos)
+        GTEST_SKIP() << "these functions are the stand-in's";
     setPcbCustomNotificationCallback(
         [](const char* path, const char* value) { receive(std::string("custom ") + path + " " + value); });
     request_t* notify = prepareToExecutePcbFunction("Simulation.Functions", "notify");
@@ -231,7 +237,7 @@ TEST_F(Client, ItsLoopIsWokenAndStoppedByAThreadThenEndedForGoodByASignal) {
         // Stopped before it begins, a loop begins all the same.
         EXPECT_TRUE(world::waitFor([&] {
             stopPcbDataModelEventLoop();
-            EXPECT_EQ(connection_setEventsAvailable(), 1);
+            (void)connection_setEventsAvailable();
             return stopped.load();
         }));
     });
@@ -247,5 +253,6 @@ TEST_F(Client, ItsLoopIsWokenAndStoppedByAThreadThenEndedForGoodByASignal) {
     killer.join();
     runUntil("");
     EXPECT_EQ(log_.count("Leaving pcb data model event loop"), 3U);
-    EXPECT_EQ(log_.count("ERROR"), 0U);
+    // A wait that the signal cut short may be a failed one.
+    EXPECT_EQ(log_.count("ERROR"), log_.count("ERROR Error "));
 }
