@@ -60,6 +60,15 @@ TEST(MainJob, KeepsTheRegistrationInAgreementAndNeverEchoesItBack) {
     EXPECT_EQ(gateway.end(), 0);
     EXPECT_FALSE(exists(KPidFile));
     EXPECT_EQ(gateway.daemon->output(), "");
+
+    // A reboot: the data model begins with its defaults.
+    gateway.bus.reset();
+    gateway.bus = startPcbBus();
+    gateway.launch();
+    gateway.log.next("loaded from OrvoService");
+    gateway.log.next("CG-NAT status: false");
+    EXPECT_EQ(gateway.get("OrvoService.DynDNS", "HostName"), "second");
+    EXPECT_EQ(gateway.end(), 0);
 }
 
 TEST(MainJob, EndsAtOnceWhileARequestIsHeldAndMoreChangesWaitThanThePipeHolds) {

@@ -65,4 +65,6 @@ TEST_F(Http, EachFailureIsLoggedAndTheNextRequestServed) {
         iFailing.clear();
         EXPECT_TRUE(post("{}", "{}")) << line;
     }
+    cloud_->fault("connection", "wrong-host");
+    EXPECT_FALSE(get()) << "another host's certificate";
 }
