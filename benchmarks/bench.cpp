@@ -288,7 +288,7 @@ int main(int count, char** arguments) {
         gateway.daemon = startDaemon(configuration);
         waitForName(connection, KDaemonName);
         callOnce(connection, {KDaemonName, "/orvoservicesinfo", "com.corvane.orsm.orvoservicesinfo", "Get"});
-        sleep(1);  // whatever a start leaves to do is done by then
+        sleep(2);  // whatever a start leaves to do, such as a synchronization 1 s later, is done by then
     };
     start(shipped);
     title("Idle");

@@ -41,8 +41,8 @@ static constexpr int KFirstValuesMilliseconds = 5000;
 // How long the orderly end may take once the bus thread is stopped.
 static constexpr suseconds_t KEndMicroseconds = 800'000;
 
-// Of the bus thread, whatever the C library's default (128 KiB with musl): an answer nested 999 levels deep takes 104 KB
-// in the parser.
+// Of the bus thread, whatever the C library's default (128 KiB with musl): an answer nested 999 levels deep takes 104
+// KB in the parser.
 static constexpr size_t KStackSize = size_t{512} * 1024;
 
 static struct event_base* iEventBase;
