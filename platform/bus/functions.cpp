@@ -32,7 +32,7 @@ static event* callTimer = nullptr;
 
 static Result runOpenQuery(object_t* data, const cJSON* arguments) {
     const OwnedText number = openQuery(data, arguments);
-    OwnedJson returns(number ? cJSON_CreateNumber(atoi(number.get())) : nullptr);
+    OwnedJson returns(number ? cJSON_CreateNumber(strtod(number.get(), nullptr)) : nullptr);
     if (!returns) return {PCB_ERROR_NO_MEMORY, nullptr};
     return {0, std::move(returns)};
 }

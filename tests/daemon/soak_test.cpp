@@ -90,7 +90,8 @@ TEST(Soak, NeitherMemoryNorDescriptorsNorThreadsGrow) {
     BusClient client;
     ASSERT_TRUE(waitFor([&] { return client.call("/orvoservicesinfo", "", "Get") == R"({"status":"OK"})"; }));
     // The longest message that the bus carries, and an answer that takes fifty times its size when it is parsed.
-    const std::string longName(31'000'000, 'a');
+    std::string longName;
+    longName.resize(31'000'000, 'a');
     std::string numbers = "[0";
     while (numbers.size() < 1'000'000) {
         numbers += ",0";

@@ -244,10 +244,9 @@ TEST_F(Client, ItsLoopIsWokenAndStoppedByAThreadThenEndedForGoodByASignal) {
     runUntil("");
     stopped = true;
     stopper.join();
-    const pthread_t main = pthread_self();
     std::thread killer([&] {
         EXPECT_TRUE(world::waitFor([&] { return log_.count("Entered pcb data model event loop") == 2; }));
-        pthread_kill(main, SIGTERM);
+        kill(getpid(), SIGTERM);
     });
     runUntil("");
     killer.join();

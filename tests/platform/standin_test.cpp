@@ -138,7 +138,8 @@ TEST_F(Platform, BadFramesAreRefusedOrCloseTheirConnectionAndHarmNoOther) {
         const int raw = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
         const sockaddr_un address{AF_UNIX, "/var/run/pcb_sys"};
         ASSERT_EQ(connect(raw, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
-        const size_t lineEnd = frame.size() < 1024 * 1024;  // a frame that is too long is refused before its end
+        const size_t lineEnd =
+            frame.size() < size_t{1024} * 1024;  // a frame that is too long is refused before its end
         (void)!send(raw, (frame + "\n").data(), frame.size() + lineEnd, MSG_NOSIGNAL);
         std::string answer;
         for (char byte = 0; recv(raw, &byte, 1, 0) == 1 && byte != '\n';) {

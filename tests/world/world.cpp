@@ -88,11 +88,14 @@ bool waitFor(const std::function<bool()>& condition) {
 
 std::string binary(const std::string& name) { return std::string(ORSM_BINARY_FOLDER "/") + name; }
 
-static std::string_view setting(const char* variable) { return getenv(variable) ? getenv(variable) : ""; }
+static std::string setting(const char* variable) {
+    const char* const value = getenv(variable);
+    return value ? value : "";
+}
 
 Sweep::Sweep(unsigned oneIn)
     : oneIn_(isWhole() ? 1 : oneIn),
-      seed_(setting("SEED").empty() ? std::random_device()() : static_cast<unsigned>(std::stoul(getenv("SEED")))),
+      seed_(setting("SEED").empty() ? std::random_device()() : static_cast<unsigned>(std::stoul(setting("SEED")))),
       random_(seed_) {}
 
 bool Sweep::isWhole() { return setting("SWEEP") == "all"; }
