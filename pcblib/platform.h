@@ -12,7 +12,8 @@
 //   functions                  those of platform/pcb/pcb.h but for its last section
 //
 // What a function gives may be const or not. Nothing is asked of the library beyond what that header says; null is
-// handed to none of its functions, and nothing but connection_setEventsAvailable is called from a signal handler.
+// handed to its functions only where that header takes it, and nothing but connection_setEventsAvailable is called from
+// a signal handler.
 #pragma once
 
 #include <pcb.h>

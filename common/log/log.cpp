@@ -101,6 +101,7 @@ int logLevelFromText(const char* text) {
 }
 
 static void noteHangup(int) {
+    const KeepErrno keep;
     iHangupSeen.store(true);
     if (void (*const wake)() = iWake) wake();
 }

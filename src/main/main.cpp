@@ -40,6 +40,8 @@ static constexpr const char* KOrsmPidFileName = "/var/run/orvoservicemanager.pid
 static constexpr int KFirstValuesMilliseconds = 5000;
 // How long the orderly end may take once the bus thread is stopped.
 static constexpr suseconds_t KEndMicroseconds = 800'000;
+// How long it may take from the signal on, whatever holds it up.
+static constexpr unsigned KLongestEndSeconds = 3;
 
 // Of the bus thread, whatever the C library's default (128 KiB with musl): an answer nested 999 levels deep takes 104
 // KB in the parser.
@@ -76,7 +78,13 @@ static void handleEndSignals(void (*handler)(int)) {
 // Until the data-model loop is there to be ended in order: start-up may be waiting for a bus that never answers.
 static void endDuringStartUp(int) { endAtOnce(0); }
 
-static void endLoop(int) { endPcbDataModelEventLoop(); }
+// A system log that has stopped reading may hold both threads before the end begins: then this is the end of it.
+static void endAtTheLimit(int) { endAtOnce(iEndStatus); }
+
+static void endLoop(int) {
+    alarm(KLongestEndSeconds);
+    endPcbDataModelEventLoop();
+}
 
 // What a parent has left blocked would never arrive.
 static void unblockSignals() {
@@ -101,7 +109,7 @@ static void blockSignals() {
 // From now on the process ends on the spot when its orderly end takes too long, such as with a hung data model.
 static void limitTheEnd(int status) {
     iEndStatus = status;
-    handleSignal(SIGALRM, [](int) { endAtOnce(iEndStatus); });
+    handleSignal(SIGALRM, endAtTheLimit);
     const itimerval limit = {
         {                },
         { 0, KEndMicroseconds}
@@ -220,6 +228,7 @@ static int serve() {
     sem_post(&iStoreLoaded);
     if (!createPcbDataModelClient()) endProcess(1, {});
 
+    handleSignal(SIGALRM, endAtTheLimit);
     handleEndSignals(endLoop);
     wakeOnHangup([] { (void)connection_setEventsAvailable(); });
     watchDataModel();

@@ -44,8 +44,8 @@ int run(std::vector<std::string> arguments, std::string* output = nullptr);
 /// The path of a program of this build, such as binary("pcb-bus").
 std::string binary(const std::string& name);
 
-/// Which cases of a sweep run: every one with SWEEP=all, otherwise a random sample of one in `oneIn`, which SEED=NUMBER
-/// draws again.
+/// Which cases of a sweep run: every one with SWEEP=all, otherwise a sample of one in `oneIn`, the same each time;
+/// SEED=NUMBER draws another.
 class Sweep {
   public:
     explicit Sweep(unsigned oneIn);
