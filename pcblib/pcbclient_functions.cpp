@@ -29,7 +29,11 @@ int addStringParameter(request_t* request, const char* name, const char* value) 
 }
 
 int addMapParameter(request_t* request, const char* name, variant_map_t* map) {
-    return addParameter(request, name, map, [](auto* to, auto* from) { return variant_setMapMove(to, from); });
+    return addParameter(request, name, map, [](auto* to, auto* from) {
+        if (!variant_setMapMove(to, from)) return false;
+        (void)variant_map_initialize(from);  // a library need not leave a map behind
+        return true;
+    });
 }
 
 variant_map_t* createMapParameter() {
