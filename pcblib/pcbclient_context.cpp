@@ -12,36 +12,66 @@ static int iPcbLibraryUsers;
 
 namespace {
 
-// SIGTERM and SIGINT stay the program's, whatever the library makes of them while it is set up. They wait meanwhile:
-// one that came in between would be the library's.
+// SIGTERM and SIGINT stay the program's, whatever the library makes of them in this scope.
 struct KeepEndSignals {
     KeepEndSignals() {
-        sigset_t both;
-        sigemptyset(&both);
-        sigaddset(&both, SIGTERM);
-        sigaddset(&both, SIGINT);
-        pthread_sigmask(SIG_BLOCK, &both, &mask_);
         sigaction(SIGTERM, nullptr, &terminate_);
         sigaction(SIGINT, nullptr, &interrupt_);
     }
     ~KeepEndSignals() {
         sigaction(SIGTERM, &terminate_, nullptr);
         sigaction(SIGINT, &interrupt_, nullptr);
-        pthread_sigmask(SIG_SETMASK, &mask_, nullptr);
     }
     KeepEndSignals(const KeepEndSignals&) = delete;
     KeepEndSignals& operator=(const KeepEndSignals&) = delete;
 
+    // Whether the library has SIGTERM now.
+    bool areTaken() const {
+        struct sigaction now;
+        sigaction(SIGTERM, nullptr, &now);
+        return now.sa_handler != terminate_.sa_handler;
+    }
+
+  private:
+    struct sigaction terminate_, interrupt_;
+};
+
+// Makes both wait.
+struct DelayEndSignals {
+    DelayEndSignals() {
+        sigset_t both;
+        sigemptyset(&both);
+        sigaddset(&both, SIGTERM);
+        sigaddset(&both, SIGINT);
+        pthread_sigmask(SIG_BLOCK, &both, &mask_);
+    }
+    ~DelayEndSignals() { pthread_sigmask(SIG_SETMASK, &mask_, nullptr); }
+    DelayEndSignals(const DelayEndSignals&) = delete;
+    DelayEndSignals& operator=(const DelayEndSignals&) = delete;
+
   private:
     sigset_t mask_;
-    struct sigaction terminate_, interrupt_;
 };
 
 }  // namespace
 
 static bool initLibrary() {
+    const DelayEndSignals delay;
     const KeepEndSignals keep;
     return connection_initLibrary();
+}
+
+// Connecting may take 5 s, too long for a signal to wait. One that came to the library instead has set its flag.
+static peer_info_t* connectToBus(pcb_t* pcb) {
+    peer_info_t* peer = nullptr;
+    bool lost = false;
+    {
+        const KeepEndSignals keep;
+        peer = pcb_client_connect(pcb, KBusUri);
+        lost = keep.areTaken() && connection_isTerminated();
+    }
+    if (lost) raise(SIGTERM);
+    return peer;
 }
 
 static bool useLibrary() {
@@ -86,7 +116,7 @@ PcbContext* easyCreatePcbDataModelClient() {
         return nullptr;
     }
     pcb_client_set_attribute(pcb.get(), KClientAttribute, 0);
-    context->peer = pcb_client_connect(pcb.get(), KBusUri);
+    context->peer = connectToBus(pcb.get());
     if (!context->peer) {
         const uint32_t error = pcb_error;
         LOG(ERROR, "Failed to connect to %s (0x%8.8X - %s), exiting", KBusUri, error, error_string(error));

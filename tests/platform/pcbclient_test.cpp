@@ -12,10 +12,14 @@
 #include "tests/world/test_log.h"
 #include "tests/world/wrap.h"
 
-// A library may take the signals that end a program.
+// A library may take the signals that end a program, at either of these moments.
 WRAP(decltype(connection_initLibrary()), connection_initLibrary) {
     signal(SIGTERM, SIG_DFL);
     return __real_connection_initLibrary();
+}
+WRAP(peer_info_t*, pcb_client_connect, pcb_t* pcb, const char* uri) {
+    signal(SIGTERM, SIG_DFL);
+    return __real_pcb_client_connect(pcb, uri);
 }
 
 static bool iRefuses = false;
