@@ -11,7 +11,8 @@
 //   connection_listLink(c)     the address of the list link inside a connection: what llist_append takes
 //   functions                  those of platform/pcb/pcb.h but for its last section
 //
-// What a function gives may be const or not. Nothing is asked of the library beyond what that header says; null is
+// Flags and attributes are handed over as whole numbers; kinds and codes may be enumerations. A value or text, and what
+// leads to one, may be given as const or not. Nothing is asked of the library beyond what that header says; null is
 // handed to its functions only where that header takes it, and nothing but connection_setEventsAvailable is called from
 // a signal handler.
 #pragma once
