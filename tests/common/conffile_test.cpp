@@ -6,12 +6,6 @@
 #include <thread>
 
 #include "tests/world/world.h"
-#include "tests/world/wrap.h"
-
-static int iFailingAllocation = 0;  // counts down; the one that reaches 0 fails
-
-WRAP(void*, malloc, size_t size) { return --iFailingAllocation ? __real_malloc(size) : nullptr; }
-WRAP(void*, calloc, size_t n, size_t size) { return --iFailingAllocation ? __real_calloc(n, size) : nullptr; }
 
 using namespace std::string_literals;
 
@@ -26,16 +20,20 @@ static std::string render(const OwnedConfig& config) {
 }
 
 TEST(ConfigFile, ReadsTheSamePairsFromBytesAndFromTheFirst4095OfAFile) {
-    // clang-format off
     std::vector<std::pair<std::string, std::string>> cases = {
-        {"\r\n\n\r", ""},                                  {"a=1\rb=2\nc=3\r\n\n\rd=4", "[d|4][c|3][b|2][a|1]"},
-        {"\t\v\f two keys\t=\v value\f", "[two|value]"},   {"a=b=c\n=value\nkey=\n=", "[|][key|][|value][a|b=c]"},
-        {R"("two keys"rest= " v " r)", "[two keys| v ]"},  {R"(key="never closed\)", R"([key|never closed\])"},
-        {R"(key="c:\dir\\"x" y)", R"([key|c:\dir\"x])"},   {R"(key="a \"very\" word" \")", R"([key|a "very" word])"},
-        {R"("a=b"=c)", R"([a|b"=c])"},                     {"a=1\n"s + '\0' + "no pair", "[a|1]"},
-        {"a=1\nb"s + '\0' + "=2", "none"},                 {"a=1\n  \nb=2", "none"},
+        {"\r\n\n\r",                     ""                        },
+        {"a=1\rb=2\nc=3\r\n\n\rd=4",     "[d|4][c|3][b|2][a|1]"    },
+        {"\t\v\f two keys\t=\v value\f", "[two|value]"             },
+        {"a=b=c\n=value\nkey=\n=",       "[|][key|][|value][a|b=c]"},
+        {R"("two keys"rest= " v " r)",   "[two keys| v ]"          },
+        {R"(key="never closed\)",        R"([key|never closed\])"  },
+        {R"(key="c:\dir\\"x" y)",        R"([key|c:\dir\"x])"      },
+        {R"(key="a \"very\" word" \")",  R"([key|a "very" word])"  },
+        {R"("a=b"=c)",                   R"([a|b"=c])"             },
+        {"a=1\n"s + '\0' + "no pair",    "[a|1]"                   },
+        {"a=1\nb"s + '\0' + "=2",        "none"                    },
+        {"a=1\n  \nb=2",                 "none"                    },
     };
-    // clang-format on
     for (const size_t size : {4094UL, 4095UL, 4096UL, 4097UL, 9000UL}) {
         cases.emplace_back("k=" + std::string(size - 2, 'x'), "[k|" + std::string(size - 2, 'x') + "]");
     }
@@ -59,12 +57,4 @@ TEST(ConfigFile, ReadsAPipeToItsEnd) {
     });
     EXPECT_EQ(render(configFileLoad(("/proc/self/fd/" + std::to_string(ends[0])).c_str())), "[b|2][a|1]");
     writer.join();
-}
-
-TEST(ConfigFile, FailsWholeWhenMemoryIsShort) {
-    for (const int failing : {1, 2, 3, 4}) {
-        iFailingAllocation = failing;
-        const OwnedConfig config = configFileLoadFromBytes("a=1\nb=2", 7);
-        EXPECT_FALSE(config || iFailingAllocation > 0);
-    }
 }

@@ -5,7 +5,6 @@
 #include <poll.h>
 #include <sched.h>
 #include <sys/mount.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/time.h>
@@ -60,12 +59,15 @@ TEST(Log, WritesTheSameLineToEveryOutputWithOneWriteEach) {
     const sockaddr_un address = {AF_UNIX, "/dev/log"};
     ASSERT_TRUE(!mounted || bind(systemLog, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0);
     char received[9000];
-    // clang-format off
-    const std::tuple<const char*, const char*, size_t> levels[] = {  // 7999 have room
-        {"TRACE", "<15>", 60},   {"DEBUG", "<14>", 4097}, {" INFO", "<13>", 7998},
-        {" WARN", "<12>", 7999}, {"ERROR", "<11>", 8000}, {"SYSLOG", "<13>", 20000},
+    const std::tuple<const char*, const char*, size_t> levels[] = {
+  // 7999 have room
+        {"TRACE",  "<15>", 60   },
+        {"DEBUG",  "<14>", 4097 },
+        {" INFO",  "<13>", 7998 },
+        {" WARN",  "<12>", 7999 },
+        {"ERROR",  "<11>", 8000 },
+        {"SYSLOG", "<13>", 20000},
     };
-    // clang-format on
     std::string all, rotated;
     for (const std::string identity : {"unknown", "orsm", "another"}) {
         const std::string hour = std::to_string(3 + ++iSecondsLater);
@@ -126,14 +128,16 @@ TEST(Log, RotatesAsManyFilesAsAreWanted) {
 
 TEST(Log, FilterTakesTheCategoryOverTheGlobalThreshold) {
     // For a, b, c and a again the lowest level that passes; 5 always does, and a threshold outlives a reset.
-    // clang-format off
     const std::pair<std::string, std::string> cases[] = {
-        {"enabled=yes", "4444"}, {"enabled=true level=quiet category.a=Debug", "1551"},
-        {"enabled=True level=TRACE", "5555"}, {"enabled=true level=quiet category.a=WARN category.a=DEBUG category.c=TRACE", "3503"},
-        {"enabled=yess level=TRACE", "5555"}, {"enabled=true enabled=no category.a=TRACE level=TRACE", "5555"},
-        {"enabled=1 level=TRACE", "5555"}, {"enabled=true level=info", "2222"},
+        {"enabled=yes",                                                                "4444"},
+        {"enabled=true level=quiet category.a=Debug",                                  "1551"},
+        {"enabled=True level=TRACE",                                                   "5555"},
+        {"enabled=true level=quiet category.a=WARN category.a=DEBUG category.c=TRACE", "3503"},
+        {"enabled=yess level=TRACE",                                                   "5555"},
+        {"enabled=true enabled=no category.a=TRACE level=TRACE",                       "5555"},
+        {"enabled=1 level=TRACE",                                                      "5555"},
+        {"enabled=true level=info",                                                    "2222"},
     };
-    // clang-format on
     for (const auto& [words, expected] : cases) {
         configure("file=true filename=/var/log/f " + words);
         std::string passing;
@@ -184,12 +188,9 @@ static bool readMore(int file, std::string& text, int milliseconds) {
 }
 
 TEST(Log, AReaderGetsEveryLineWholeAndIsWaitedForOnceWhenItStops) {
-    rlimit before;
-    getrlimit(RLIMIT_NOFILE, &before);
-    const rlimit none = {3, before.rlim_max};
     const int console = dup(STDOUT_FILENO);
     const auto message = [](int number) { return std::to_string(number) + std::string(7900, 'x'); };
-    for (const std::string kind : {"terminal file", "terminal", "terminal, no descriptor", "socket", "pipe file"}) {
+    for (const std::string kind : {"terminal file", "terminal", "socket", "pipe file"}) {
         SCOPED_TRACE(kind);
         std::string path = "/var/log/pipe";
         int ends[2];
@@ -205,7 +206,6 @@ TEST(Log, AReaderGetsEveryLineWholeAndIsWaitedForOnceWhenItStops) {
         configure("enabled=true file="s + (file ? "true" : "no") + " stdout=" + (file ? "no" : "true") +
                   " filename=" + path);
         if (!file) dup2(ends[1], STDOUT_FILENO);
-        if (kind.ends_with("descriptor")) setrlimit(RLIMIT_NOFILE, &none);
 
         // A reader slower than the log; then none, and far more lines than would be waited for within the test's time.
         std::string got;
@@ -228,9 +228,8 @@ TEST(Log, AReaderGetsEveryLineWholeAndIsWaitedForOnceWhenItStops) {
             LOG(ERROR, "read again");
             return got.ends_with("read again\n") || got.ends_with("read again\r\n");
         }));
-        setrlimit(RLIMIT_NOFILE, &before);
         dup2(console, STDOUT_FILENO);
-        EXPECT_EQ(iWrites > 2, kind.ends_with("descriptor"));  // more than a line break and the line
+        EXPECT_LE(iWrites, 2) << "a line break and the line";
 
         std::erase(got, '\r');
         std::istringstream all(got);

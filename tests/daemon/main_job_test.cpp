@@ -8,7 +8,7 @@
 #include <thread>
 
 #include "tests/daemon/daemon.h"
-#include "tests/daemon/set_often.h"
+#include "tests/platform/client.h"
 #include "tests/world/bus_client.h"
 
 using namespace world;
@@ -221,16 +221,12 @@ TEST(Log, AHangUpSignalReloadsItsSettingsFromTheWorkingDirectory) {
     ASSERT_EQ(chdir("/var/run"), 0);
     Gateway gateway;
     gateway.start();
-    gateway.daemon->send(SIGHUP);  // there is no such file: nothing changes
-    gateway.log.next("cannot open file: zolclient.log");
     writeFile("/var/run/zolclient.log",
               "logger.file=true\nlogger.filename=/var/log/other.log\nlogger.level=INFO\nlogger.enabled=yes\n");
     gateway.daemon->send(SIGHUP);
     gateway.log.next("parsing configuration file: zolclient.log");
     gateway.set("OrvoService.HomeAutomation", "CommunicationServer", "after");
-    LogReader other("/var/log/other.log");
-    other.next("Communication server URL changed: after");
+    LogReader("/var/log/other.log").next("Communication server URL changed: after");
     EXPECT_EQ(gateway.log.count("URL changed: after"), 0U);
-    EXPECT_EQ(other.count("DEBUG"), 0U);
     EXPECT_EQ(gateway.end(), 0);
 }

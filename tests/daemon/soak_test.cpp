@@ -5,11 +5,9 @@
 #include <algorithm>
 #include <filesystem>
 #include <map>
-#include <mutex>
-#include <thread>
 
 #include "tests/daemon/daemon.h"
-#include "tests/daemon/set_often.h"
+#include "tests/platform/client.h"
 #include "tests/world/bus_client.h"
 
 using namespace world;
@@ -26,17 +24,6 @@ static double kibibytes(const std::string& path, const std::string& row) {
     return std::stod(rows.substr(rows.find(row) + row.size()));
 }
 
-// By how much a straight line through the figures rises from the first to the last.
-static double rise(const std::vector<double>& figures) {
-    const auto n = static_cast<double>(figures.size());
-    double products = 0, x = (1 - n) / 2;
-    for (const double figure : figures) {
-        products += x * figure;
-        ++x;
-    }
-    return products * 12 / n / (n + 1);  // the squares of x add up to n * (n * n - 1) / 12
-}
-
 static DBusMessage* stormCall(int number) {
     switch (number % 4) {
         case 0: return BusClient::message("/dyndns", "com.corvane.orsm.dyndns", "IsEnabled", {});
@@ -47,28 +34,18 @@ static DBusMessage* stormCall(int number) {
 }
 
 TEST(Storm, EveryCallIsAnsweredOnceAndPipeAndTimerAreServedMeanwhile) {
-    constexpr int KClients = 4, KOutstanding = 128, KCalls = 1000;
-    dbus_threads_init_default();
+    constexpr int KCalls = 4000;
     Gateway gateway;
     gateway.start();
-    std::map<std::string, int> replies;
-    std::mutex lock;
-    std::vector<std::jthread> clients(KClients);
-    for (std::jthread& client : clients) {
-        client = std::jthread([&] {
-            EXPECT_TRUE(BusClient().callMany(KCalls, KOutstanding, stormCall, [&](DBusMessage* reply) {
-                const std::scoped_lock locked(lock);
-                ++replies[BusClient::textOf(reply)];
-            }));
-        });
-    }
     gateway.set("NMC.HomeAutomation", "HA-ID", "HA-1");
+    std::map<std::string, int> replies;
+    EXPECT_TRUE(
+        BusClient().callMany(KCalls, 128, stormCall, [&](DBusMessage* reply) { ++replies[BusClient::textOf(reply)]; }));
     gateway.log.next("Get dyn dns configuration OK");
-    clients.clear();  // joins them
     EXPECT_EQ(replies.size(), 4U);
     for (const char* reply : {R"({"status":"OK","result":false})", R"({"status":"OK"})",
                               R"({"status":"ACTION_NOT_DEFINED"})", DBUS_ERROR_UNKNOWN_METHOD}) {
-        EXPECT_EQ(replies[reply], KClients * KCalls / 4) << reply;
+        EXPECT_EQ(replies[reply], KCalls / 4) << reply;
     }
     EXPECT_EQ(gateway.end(), 0);
     EXPECT_EQ(gateway.daemon->output(), "");
@@ -126,10 +103,11 @@ TEST(Soak, NeitherMemoryNorDescriptorsNorThreadsGrow) {
         memory.push_back(kibibytes(proc + "/smaps_rollup", "Private_Dirty:"));
         if (step == KSteps / 10) before = held(proc);
     }
-    memory.erase(memory.begin(), memory.begin() + KSteps / 10);
-    const double grown = rise(memory);
-    printf("figure: soak: %d requests, %d calls, %d notifications: %+.1f KiB after the first tenth (%.0f to %.0f)\n",
-           requests * KSteps, calls * KSteps, changes * KSteps, grown, memory.front(), memory.back());
+    // Of each end the lowest: what a step needs for a while comes and goes.
+    const auto lowest = [&](int from) { return *std::min_element(&memory[from], &memory[from] + KSteps / 5); };
+    const double grown = lowest(KSteps * 4 / 5) - lowest(KSteps / 10);
+    printf("figure: soak: %d requests, %d calls, %d notifications: %+.0f KiB to %.0f\n", requests * KSteps,
+           calls * KSteps, changes * KSteps, grown, memory.back());
     printf("figure: soak: at most %.0f MiB resident, with a message of 31 MB and an answer of 1 MB of small numbers\n",
            kibibytes(proc + "/status", "VmHWM:") / 1024);
     EXPECT_EQ(failed, 0);

@@ -26,15 +26,21 @@ TEST(CommandLine, OrConfigurationThatCannotBeUsedIsExplained) {
               "demonize-process=no\nserverrequests.voltaroserver=\norvoservicesinfo=\n"
               "serverrequests.applicationserver=u\n");
     writeFile("/var/run/line", "no equals sign\n");
-    // clang-format off
     const std::pair<std::vector<std::string>, std::string> cases[] = {
-        {{"-v"}, "Version: 0.4.0\n"}, {{}, usage}, {{"-v", "x"}, usage}, {{"-c"}, usage}, {{"-vx"}, usage},
-        {{"-cfoo"}, usage}, {{"-c", "a", "b"}, usage},
-        {{"-c", "/none"}, unreadable + "/none\n"}, {{"-c", "/var"}, unreadable + "/var\n"},
-        {{"-c", "/var/run/empty"}, all}, {{"-c", "/var/run/other"}, all}, {{"-c", "/var/run/four"}, missing + broken},
-        {{"-c", "/var/run/line"}, unreadable + "/var/run/line\n"},
+        {{"-v"},                   "Version: 0.4.0\n"            },
+        {{},                       usage                         },
+        {{"-v", "x"},              usage                         },
+        {{"-c"},                   usage                         },
+        {{"-vx"},                  usage                         },
+        {{"-cfoo"},                usage                         },
+        {{"-c", "a", "b"},         usage                         },
+        {{"-c", "/none"},          unreadable + "/none\n"        },
+        {{"-c", "/var"},           unreadable + "/var\n"         },
+        {{"-c", "/var/run/empty"}, all                           },
+        {{"-c", "/var/run/other"}, all                           },
+        {{"-c", "/var/run/four"},  missing + broken              },
+        {{"-c", "/var/run/line"},  unreadable + "/var/run/line\n"},
     };
-    // clang-format on
     for (auto [command, expected] : cases) {
         command.insert(command.begin(), binary("orvoservicemanager"));
         std::string output;
@@ -48,7 +54,9 @@ TEST(StartUp, WithoutItsBusesItsNameOrItsPidFileItEndsWithOne) {
     LogReader log(KDaemonLog);
     const std::string configuration = daemonConfiguration("https://127.0.0.1:1", "/none");
     const auto fails = [&](const char* first, const char* second) {
-        EXPECT_EQ(startDaemon(configuration)->wait(), 1);
+        const auto daemon = startDaemon(configuration);
+        EXPECT_EQ(daemon->wait(), 1);
+        EXPECT_EQ(daemon->output(), "");
         log.next(first);
         log.next(second);
         log.next("ERROR Cannot enable dbus");
@@ -59,15 +67,22 @@ TEST(StartUp, WithoutItsBusesItsNameOrItsPidFileItEndsWithOne) {
           "ERROR Failed to connect to pcb://ipc:{/var/run/pcb_sys} (0x0001");
     const auto bus = startPcbBus();
     fails(" WARN Failed to open connection to activating message bus: ", "ERROR Cannot create");
-    std::string policy = readFile(ORSM_SOURCE_FOLDER "/tests/world/bus.conf");
-    writeFile("/var/run/deny.conf", policy.erase(policy.find("<allow own=\"*\"/>"), 16));
-    const auto dbus = startDbusDaemon("/var/run/deny.conf");
-    fails(" WARN failed to request message bus name: com.corvane.orsm. Error:", "ERROR Error setting listeners");
+    const std::string policy = readFile(ORSM_SOURCE_FOLDER "/tests/world/bus.conf");
+    const auto failsOnBus = [&](const std::string& instead, const std::string& of, const char* line) {
+        writeFile("/var/run/bus.conf", std::string(policy).replace(policy.find(of), of.size(), instead));
+        const auto dbus = startDbusDaemon("/var/run/bus.conf");
+        fails(line, "ERROR Error setting listeners");
+    };
+    failsOnBus("", "<allow own=\"*\"/>", " WARN failed to request message bus name: com.corvane.orsm. Error:");
+    for (int rules = 0; rules < 9; ++rules) {  // a rule a method
+        failsOnBus("<limit name=\"max_match_rules_per_connection\">" + std::to_string(rules) + "</limit></busconfig>",
+                   "</busconfig>", " WARN Failed to dbus_bus_add_match: ");
+    }
 
     std::filesystem::create_directory(KPidFile);
     EXPECT_EQ(startDaemon(configuration)->wait(), 1);
-    EXPECT_EQ(log.count("OrvoServiceManager version 0.4.0"), 4U);
-    EXPECT_EQ(log.count("ERROR Cannot enable dbus"), 3U);
+    EXPECT_EQ(log.count("OrvoServiceManager version 0.4.0"), 13U);
+    EXPECT_EQ(log.count("ERROR Cannot enable dbus"), 12U);
 }
 
 TEST(StartUp, TakesTheBusNameOverOrWaitsForItAndKeepsIt) {

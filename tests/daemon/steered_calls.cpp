@@ -1,6 +1,5 @@
-// Linked into the steered daemon: its timers and its requests' limits pass quicker, a call
-// for its store or its log is the last one, or fails, or writes half, and a call of its start is refused.
-#include <curl/curl.h>
+// Linked into the steered daemon: its timers pass quicker, a call for its store or its log is the last one, or fails,
+// or writes half, and a call of its start is refused.
 #include <event2/event.h>
 #include <pthread.h>
 #include <sys/epoll.h>
@@ -9,7 +8,6 @@
 
 #include <cerrno>
 #include <csignal>
-#include <cstdarg>
 #include <cstdio>
 #include <cstring>
 
@@ -26,6 +24,7 @@ static bool isStruck(char call, const char* file) {
     page.calls[number % 100] = call;
     if (number != page.call || (page.fault == KShortWrite && call != 'w')) return false;
     if (page.fault == KKill) kill(getpid(), SIGKILL);
+    if (page.fault == KEnd) return kill(getpid(), SIGTERM) != 0;
     // A write that was cut short or interrupted goes on, and the folder has nothing to say when it is closed.
     const bool harmless =
         call == 'w' ? page.fault == KShortWrite || page.fault == EINTR : call == 'c' && strcmp(file, "/media") == 0;
@@ -83,27 +82,9 @@ WRAP(int, pthread_create, pthread_t* thread, const pthread_attr_t* attributes, v
 WRAP(int, event_add, event* event, const timeval* time) {
     const int second = steering().second;
     if (!time || time->tv_sec == 0 || second == 0) return __real_event_add(event, time);
-    steering().armed = steering().armed * 100 + time->tv_sec;
     const int64_t scaled = time->tv_sec * second;
     const timeval delay = {scaled / 1'000'000, scaled % 1'000'000};
     return __real_event_add(event, &delay);
-}
-
-WRAP(CURLcode, curl_easy_setopt, CURL* handle, unsigned option, ...) {
-    static bool hurried = false;
-    va_list arguments;
-    va_start(arguments, option);
-    void* const value = va_arg(arguments, void*);  // a long is as wide
-    va_end(arguments);
-    if (option == CURLOPT_URL) hurried = steering().hurriedRequest > 0 && --steering().hurriedRequest == 0;
-    if (option == CURLOPT_CONNECTTIMEOUT || option == CURLOPT_TIMEOUT) {
-        const auto seconds = reinterpret_cast<intptr_t>(value);
-        const bool whole = option == CURLOPT_TIMEOUT;
-        steering().limits = (whole ? steering().limits * 100 : 0) + seconds;
-        const unsigned inMilliseconds = whole ? CURLOPT_TIMEOUT_MS : CURLOPT_CONNECTTIMEOUT_MS;
-        if (hurried) return __real_curl_easy_setopt(handle, inMilliseconds, seconds * steering().second / 1000);
-    }
-    return __real_curl_easy_setopt(handle, option, value);
 }
 
 // Defined here, it is taken by libevent, too.

@@ -18,18 +18,15 @@ struct Steering {
     std::atomic<unsigned> allocations, failed;  // of that module so far; how many failed
     std::atomic<unsigned> allAllocations;       // of all modules, whether one is starved or not
     std::atomic<int> second;                    // microseconds that a second of a timer takes; 0: as ever
-    std::atomic<int> hurriedRequest;            // the request from now on to whose limits that applies, too; 0: none
-    std::atomic<int64_t> armed;                 // seconds that timers were armed with, two digits each, the latest last
-    std::atomic<int64_t> limits;        // of the last request, in seconds: to connect, and two digits for the whole
-    std::atomic<bool> alsoLog;          // calls for the log count, too
-    std::atomic<int> call, fault;       // which call meets what, from 1; 0: none
-    std::atomic<int> struck, reported;  // how many have met it, and of how many of them the save must say so
-    std::atomic<int> seen;              // calls since `call` was set
-    char calls[100];                    // the first letter of each
-    char refused[16];                   // the call that always fails
+    std::atomic<bool> alsoLog;                  // calls for the log count, too
+    std::atomic<int> call, fault;               // which call meets what, from 1; 0: none
+    std::atomic<int> struck, reported;          // how many have met it, and of how many of them the save must say so
+    std::atomic<int> seen;                      // calls since `call` was set
+    char calls[100];                            // the first letter of each
+    char refused[16];                           // the call that always fails
 };
 
-constexpr int KKill = -1, KShortWrite = -2;  // what a call can meet besides an error number
+constexpr int KKill = -1, KShortWrite = -2, KEnd = -3;  // what a call can meet besides an error number
 
 /// The page of this world; made by whoever comes first.
 inline Steering& steering() {

@@ -12,16 +12,12 @@
 static Target* iTarget;
 
 int LLVMFuzzerInitialize(int*, char***) {
-    // clang-format off
     const std::map<std::string, Target*> targets{
         {"configuration", fuzzConfiguration},
-        // What the data-model bus sends.
-        {"client-frames", fuzzClientFrames},
-        // A marshalled D-Bus message, or a method's letter and a line an argument; the letter of what asks the servers,
-        // and a line an answer; what stands in the event pipe.
-        {"calls", fuzzCalls}, {"answers", fuzzAnswers}, {"records", fuzzRecords},
+        {"calls",         fuzzCalls        }, // a marshalled message, or a method's letter and a line an argument
+        {"answers",       fuzzAnswers      }, // the letter of what asks the servers, and a line an answer
+        {"records",       fuzzRecords      }, // what stands in the event pipe
     };
-    // clang-format on
     iTarget = targets.at(textOrEmpty(getenv("FUZZ_TARGET")));
     return signal(SIGPIPE, SIG_IGN) == SIG_ERR;
 }

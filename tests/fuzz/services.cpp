@@ -45,16 +45,28 @@ PcbContext* helperPcbDataModelClient() { return iBusPcbClient; }
 void saveOrvoServiceData() {}
 void saveOrvoServiceDataThrough(PcbContext*) {}
 
-// clang-format off
-static constexpr struct { const char* interface; message_bus_method_callback handler; } KServices[] = {
-    {"com.corvane.orsm.dyndns", handleDynDnsMethodCall}, {"com.corvane.orsm.voltaro", handleVoltaroMethodCall},
-    {"com.corvane.orsm.orvoservicesinfo", handleOrvoServicesInfoMethodCall},
+namespace {
+
+struct Offered {
+    const char *interface, *method;
+    message_bus_method_callback handler;
 };
-static constexpr struct { int service; const char* name; } KMethods[] = {
-    {0, "IsEnabled"}, {0, "GetName"}, {0, "IsNameTaken"}, {0, "Configure"}, {0, "SetEnabled"},
-    {1, "Set"}, {1, "Get"}, {1, "EnableBackend"}, {2, "Get"},
+
+}  // namespace
+
+static constexpr char KDynDns[] = "com.corvane.orsm.dyndns", KVoltaro[] = "com.corvane.orsm.voltaro",
+                      KInfo[] = "com.corvane.orsm.orvoservicesinfo";
+static constexpr Offered KMethods[] = {
+    {KDynDns,  "IsEnabled",     handleDynDnsMethodCall          },
+    {KDynDns,  "GetName",       handleDynDnsMethodCall          },
+    {KDynDns,  "IsNameTaken",   handleDynDnsMethodCall          },
+    {KDynDns,  "Configure",     handleDynDnsMethodCall          },
+    {KDynDns,  "SetEnabled",    handleDynDnsMethodCall          },
+    {KVoltaro, "Set",           handleVoltaroMethodCall         },
+    {KVoltaro, "Get",           handleVoltaroMethodCall         },
+    {KVoltaro, "EnableBackend", handleVoltaroMethodCall         },
+    {KInfo,    "Get",           handleOrvoServicesInfoMethodCall},
 };
-// clang-format on
 
 // The state in which every input begins.
 static void startOver(const char* haId, TriState all) {
@@ -74,10 +86,10 @@ static void makeCall(DBusMessage* call) {
     bool taken = false;
     iReplies = 0;
     for (const auto& method : KMethods) {
-        listener only{copyText(method.name), nullptr};
+        listener only{copyText(method.method), nullptr};
         message_bus service{};
-        service.name = copyText(KServices[method.service].interface);
-        service.methodCallback = KServices[method.service].handler;
+        service.name = copyText(method.interface);
+        service.methodCallback = method.handler;
         service.methodListeners = &only;
         taken = taken || handle_message(nullptr, call, &service) == DBUS_HANDLER_RESULT_HANDLED;
     }
@@ -87,8 +99,7 @@ static void makeCall(DBusMessage* call) {
 // A message from a method's letter, and a line for each argument whose first letter is its type.
 static OwnedMessage buildCall(std::string_view text) {
     const auto& method = KMethods[static_cast<unsigned char>(takeLine(&text)[0] - 'a') % std::size(KMethods)];
-    const char* const interface = KServices[method.service].interface;
-    OwnedMessage call(dbus_message_new_method_call("com.corvane.orsm", "/x", interface, method.name));
+    OwnedMessage call(dbus_message_new_method_call("com.corvane.orsm", "/x", method.interface, method.method));
     dbus_message_set_serial(call.get(), 1);
     while (!text.empty()) {
         const std::string line = takeLine(&text);

@@ -45,21 +45,6 @@ struct Client {
         variant_cleanup(&variant);
         return done ? "done" : error();
     }
-    /// Runs the event loop until `done` holds; false when the loop must end before.
-    bool loopUntil(const std::function<bool()>& done) const {
-        llist_t list;
-        llist_initialize(&list);
-        llist_append(&list, connection_listLink(pcb_connection(pcb)));
-        fd_set readSet, writeSet;
-        while (!done() && !connection_isTerminated()) {
-            FD_ZERO(&readSet);
-            FD_ZERO(&writeSet);
-            const int ready = connection_waitForEvents_r(&list, &readSet, &writeSet);
-            if (ready > 0) connection_handleEvents_r(&list, &readSet, &writeSet);
-        }
-        llist_cleanup(&list);
-        return done();
-    }
 };
 
 struct Platform : testing::Test {
@@ -73,3 +58,11 @@ struct Platform : testing::Test {
         return bytes;
     }
 };
+
+/// Sets one parameter to the numbers `from` to `to`, behind `prefix`, fast, as the platform.
+inline void setOften(const char* object, const char* parameter, int from, int to, const std::string& prefix = "") {
+    const Client platform("/var/run/pcb_sys", true);
+    for (int i = from; i <= to; ++i) {
+        EXPECT_EQ(platform.set(object, parameter, prefix + std::to_string(i)), "done");
+    }
+}

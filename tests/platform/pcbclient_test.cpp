@@ -28,6 +28,11 @@ WRAP(decltype(pcb_sendRequest(nullptr, nullptr, nullptr)), pcb_sendRequest, pcb_
     return !iRefuses && __real_pcb_sendRequest(pcb, peer, request);
 }
 
+static bool iIsCutShort = false;
+WRAP(notification_parameter_t*, notification_nextParameter, notification_parameter_t* parameter) {
+    return iIsCutShort ? nullptr : __real_notification_nextParameter(parameter);
+}
+
 using Texts = std::vector<std::string>;
 
 // What the callbacks received, in order; the loop stops when `iStopAfter` has been received.
@@ -140,6 +145,17 @@ TEST_F(Client, DeliversAnObjectOnceThenEveryChange) {
     EXPECT_EQ(runUntil("OrvoService.DynDNS HostName ->box"),
               (Texts{"OrvoService.DynDNS Enable false->true", "OrvoService.Voltaro Enable false->true",
                      "OrvoService.DynDNS HostName ->box"}));
+    // Half a notification is not passed on: it would look like a parameter that was cleared.
+    iIsCutShort = true;
+    set("OrvoService.DynDNS", "HostName", "half");
+    std::thread waiter([&] {
+        log_.next(" WARN Incomplete change notification from OrvoService.DynDNS");
+        stopPcbDataModelEventLoop();
+        (void)connection_setEventsAvailable();
+    });
+    EXPECT_EQ(runUntil("").size(), 0U);
+    waiter.join();
+    iIsCutShort = false;
     for (request_t* request : requests) {
         freePcbRequestObject(request);
     }

@@ -9,7 +9,9 @@
 #include "tests/world/test_log.h"
 #include "tests/world/wrap.h"
 
-static std::string iFailing;  // the call of libcurl or of the resolver that fails
+static std::string iFailing;       // the call of libcurl or of the resolver that fails
+static std::vector<long> iLimits;  // of the last request, in seconds: to connect, and for the whole
+static bool iHurries = false;      // a second of these limits takes 10 ms
 
 WRAP(CURL*, curl_easy_init) { return iFailing == "init" ? nullptr : __real_curl_easy_init(); }
 
@@ -20,8 +22,14 @@ WRAP(CURLcode, curl_easy_setopt, CURL* handle, unsigned option, ...) {
     va_start(arguments, option);
     void* const value = va_arg(arguments, void*);  // a long is as wide here
     va_end(arguments);
-    const bool fails = iFailing == curl_easy_option_by_id(static_cast<CURLoption>(option))->name;
-    return fails ? CURLE_OUT_OF_MEMORY : __real_curl_easy_setopt(handle, option, value);
+    if (iFailing == curl_easy_option_by_id(static_cast<CURLoption>(option))->name) return CURLE_OUT_OF_MEMORY;
+    if (option == CURLOPT_URL) iLimits.clear();
+    if (option != CURLOPT_CONNECTTIMEOUT && option != CURLOPT_TIMEOUT) {
+        return __real_curl_easy_setopt(handle, option, value);
+    }
+    iLimits.push_back(reinterpret_cast<intptr_t>(value));
+    const unsigned inMilliseconds = option == CURLOPT_TIMEOUT ? CURLOPT_TIMEOUT_MS : CURLOPT_CONNECTTIMEOUT_MS;
+    return __real_curl_easy_setopt(handle, inMilliseconds, iLimits.back() * (iHurries ? 10 : 1000));
 }
 
 struct Http : testing::Test {
@@ -51,7 +59,7 @@ TEST_F(Http, GivesBodiesOfAnySizeAndStatusWhole) {
 TEST_F(Http, EachFailureIsLoggedAndTheNextRequestServed) {
     const std::tuple<const char*, const char*, const char*, bool> cases[] = {
         {"init",       "{}",                        "ERROR Cannot init curl",                 false},
-        {"CAINFO",     "{}",                        "ERROR Cannot set CA bundle file",        false}, // libcurl's own then
+        {"CAINFO",     "{}",                        "ERROR Cannot set CA bundle file",        false},
         {"HTTPHEADER", R"({"A":"1"})",              "ERROR Cannot set headers",               false},
         {"res_init",   "{}",                        " WARN res_init() call failed",           true },
         {"",           "no JSON",                   "ERROR Unable to parse json with header", false},
@@ -65,6 +73,42 @@ TEST_F(Http, EachFailureIsLoggedAndTheNextRequestServed) {
         iFailing.clear();
         EXPECT_TRUE(post("{}", "{}")) << line;
     }
-    cloud_->fault("connection", "wrong-host");
-    EXPECT_FALSE(get()) << "another host's certificate";
+}
+
+// A fault of the server or of the connection ends its request with libcurl's own code and no other. What ends with 0 is
+// an answer.
+TEST_F(Http, EveryFaultOfAServerEndsItsRequestAlone) {
+    const std::pair<int, std::vector<std::string>> cases[] = {
+        {60, {"connection", "expired"}                                                          },
+        {60, {"connection", "not-yet-valid"}                                                    },
+        {60, {"connection", "wrong-host"}                                                       },
+        {60, {"connection", "unknown-ca"}                                                       },
+        {28, {"connection", "stall"}                                                            },
+        {28, {"get", "trickle"}                                                                 },
+        {28, {"get", "hold"}                                                                    },
+        {28, {"get", "redirect-loop", "500"}                                                    },
+        {1,  {"get", "redirect-file"}                                                           },
+        {7,  {"get", "raw", "1", "HTTP/1.1 307 Moved\r\nLocation: https://127.0.0.1:1/\r\n\r\n"}},
+        {18, {"get", "half"}                                                                    },
+        {18, {"get", "short"}                                                                   },
+        {27, {"get", "long-header"}                                                             },
+        {52, {"get", "close"}                                                                   },
+        {56, {"get", "broken-chunk"}                                                            },
+        {0,  {"get", "redirect", "1", "307"}                                                    },
+        {0,  {"get", "redirect", "1", "308"}                                                    },
+        {0,  {"get", "http404"}                                                                 },
+        {0,  {"get", "http204"}                                                                 },
+    };
+    for (auto [code, fault] : cases) {
+        SCOPED_TRACE(fault[1]);
+        fault.insert(fault.begin(), "fault");
+        cloud_->order(fault);
+        iHurries = code == 28;
+        EXPECT_EQ(get() != nullptr, code == 0);
+        if (code) log_.next("ERROR Request error " + std::to_string(code) + ": ");
+        iHurries = false;
+        cloud_->order({"clear"});
+        EXPECT_TRUE(get()) << log_.content();
+        EXPECT_EQ(iLimits, (std::vector<long>{30, 30}));
+    }
 }

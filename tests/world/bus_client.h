@@ -80,7 +80,8 @@ class BusClient {
         for (int sent = 0; sent < calls || !waiting.empty();) {
             for (; sent < calls && waiting.size() < static_cast<size_t>(outstanding); ++sent) {
                 DBusMessage* const call = make(sent);
-                const bool queued = dbus_connection_send_with_reply(connection_, call, &waiting.emplace(), 60'000);
+                const bool queued =
+                    dbus_connection_send_with_reply(connection_, call, &waiting.emplace(), DBUS_TIMEOUT_USE_DEFAULT);
                 dbus_message_unref(call);
                 if (!queued || !waiting.back()) return false;
             }

@@ -1,13 +1,10 @@
 // The bus objects on a real bus, with a client on a connection of its own and callbacks that answer as they are asked
 // to.
-#include <sys/socket.h>
-
-#include <thread>
 #include <vector>
 
 #include "common/msg_bus/message_bus_internal.h"
 #include "tests/world/bus_client.h"
-#include "tests/world/world.h"
+#include "tests/world/test_log.h"
 
 using namespace std::string_literals;
 
@@ -41,6 +38,7 @@ static OwnedMessage newCall(const char* method, const world::BusArguments& argum
 struct MessageBus : testing::Test {
     std::unique_ptr<world::Process> daemon = world::startDbusDaemon();
     world::BusClient client;
+    world::LogReader log = world::startLog();
     event_base* base = event_base_new();
     message_bus* bus = nullptr;
 
@@ -105,26 +103,26 @@ TEST_F(MessageBus, CallsAndSignalsGoOutAndTheirEndIsReported) {
     expectNotes({"Last -"});
 }
 
-TEST_F(MessageBus, AnswersEveryCallOfABurstAlsoWhenTheBusIsSlowToRead) {
+TEST_F(MessageBus, ACallThatNobodyAnswersEndsInTime) {
     offer({});
-    int socket = -1;
-    dbus_connection_get_socket(bus->connection.get(), &socket);
-    const int fewReplies = 1;
-    setsockopt(socket, SOL_SOCKET, SO_SNDBUF, &fewReplies, sizeof fewReplies);
-    for (int burst = 0; burst < 6; ++burst) {
-        std::vector<DBusPendingCall*> calls(100);
-        for (DBusPendingCall*& pending : calls) {
-            pending = send(newCall("Unknown"));
-        }
-        letBusHandOver();
-        daemon->send(SIGSTOP);
-        const std::jthread waker([&] {
-            usleep(50000);
-            daemon->send(SIGCONT);
-        });
-        for (DBusPendingCall* pending : calls) {
-            ASSERT_EQ(replyTo(pending), DBUS_ERROR_UNKNOWN_METHOD);
-        }
+    DBusPendingCall* pending = nullptr;
+    const OwnedMessage call = newCall("Slow");
+    // To the client, which does not look.
+    dbus_message_set_destination(call.get(), dbus_bus_get_unique_name(client.connection()));
+    dbus_connection_send_with_reply(bus->connection.get(), call.get(), &pending, 50);
+    EXPECT_TRUE(world::waitFor([&] {
+        event_base_loop(base, EVLOOP_NONBLOCK);
+        return dbus_pending_call_get_completed(pending) != 0;
+    }));
+    EXPECT_EQ(replyTo(pending), DBUS_ERROR_NO_REPLY);
+    EXPECT_EQ(bus->timeouts, nullptr);
+}
+
+TEST_F(MessageBus, APathThatIsTakenOrNoneIsRefusedAndLeavesNothing) {
+    offer({});
+    for (const char* path : {"/test", "no path", "/caf\xe9"}) {
+        EXPECT_EQ(message_bus_new(base, KName, path), nullptr);
+        log.next(" WARN failed to register dbus object path: "s + path);
     }
 }
 
