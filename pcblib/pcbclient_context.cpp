@@ -90,27 +90,31 @@ static void stopUsingLibrary() {
 
 namespace {
 
-struct FreeContext {
-    void operator()(PcbContext* context) const { free(context); }
-};
-struct LeaveLibrary {
-    void operator()(const int*) const { stopUsingLibrary(); }
-};
-struct DestroyClient {
-    void operator()(pcb_t* pcb) const { pcb_destroy(pcb); }
+// One use of the library, given up with its scope unless it is kept.
+struct LibraryUse {
+    bool counts = useLibrary();
+
+    LibraryUse() = default;
+    ~LibraryUse() {
+        if (counts) stopUsingLibrary();
+    }
+    LibraryUse(const LibraryUse&) = delete;
+    LibraryUse& operator=(const LibraryUse&) = delete;
+
+    void keep() { counts = false; }
 };
 
 }  // namespace
 
 PcbContext* easyCreatePcbDataModelClient() {
-    std::unique_ptr<PcbContext, FreeContext> context(static_cast<PcbContext*>(calloc(1, sizeof(PcbContext))));
+    Owned<PcbContext, free> context(static_cast<PcbContext*>(calloc(1, sizeof(PcbContext))));
     if (!context) {
         LOG(ERROR, "No memory to create pcb context");
         return nullptr;
     }
-    if (!useLibrary()) return nullptr;
-    std::unique_ptr<const int, LeaveLibrary> use(&iPcbLibraryUsers);
-    std::unique_ptr<pcb_t, DestroyClient> pcb(pcb_create(KClientName, 0, nullptr));
+    LibraryUse use;
+    if (!use.counts) return nullptr;
+    Owned<pcb_t, pcb_destroy> pcb(pcb_create(KClientName, 0, nullptr));
     if (!pcb) {
         LOG(ERROR, "Cannot create pcb client");
         return nullptr;
@@ -124,7 +128,7 @@ PcbContext* easyCreatePcbDataModelClient() {
     }
     connection_setTerminated(false);
     context->pcb = pcb.release();
-    (void)use.release();
+    use.keep();
     return context.release();
 }
 

@@ -1,19 +1,15 @@
 // What the files of the data-model client share.
 #pragma once
 
-#include <memory>
-
 #include "common/log/log.h"
+#include "common/owned/owned.h"
 #include "pcblib/pcbclient.h"
 
 [[maybe_unused]] static constexpr char KLogCategory[] = "orvoservicemanager";
 [[maybe_unused]] static constexpr char KLogModule[] = "pcblib/pcbclient";
 
 /// A request that nothing was kept for.
-struct DestroyRequest {
-    void operator()(request_t* request) const { request_destroy(request); }
-};
-using OwnedRequest = std::unique_ptr<request_t, DestroyRequest>;
+using OwnedRequest = Owned<request_t, request_destroy>;
 
 /// A variant on the stack that releases what it holds; `ready` says whether it can be used.
 struct ScopedVariant {

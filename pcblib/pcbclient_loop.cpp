@@ -3,15 +3,10 @@
 
 #include <atomic>
 #include <cerrno>
-#include <memory>
 
 #include "pcblib/pcbclient_internal.h"
 
 namespace {
-
-struct FreeMemory {
-    void operator()(void* block) const { free(block); }
-};
 
 // A queue that is drained newest first: entries go in at the head and come out there.
 template <class Item>
@@ -45,7 +40,7 @@ struct Queue {
     }
 
     bool pop(Item* item) {
-        const std::unique_ptr<Entry, FreeMemory> entry(head);
+        const Owned<Entry, free> entry(head);
         if (!entry) return false;
         *item = entry->item;
         head = entry->next;

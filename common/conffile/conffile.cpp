@@ -77,11 +77,7 @@ static bool addPair(ConfigFile* config, char* line) {
 }
 
 // The content needs room for one byte more than its length, unless that is the size of a file's buffer.
-static OwnedConfig parse(OwnedConfig config, bool hasContent) {
-    if (!hasContent) {
-        LOG(WARN, "cannot load configuration");
-        return nullptr;
-    }
+static OwnedConfig parse(OwnedConfig config) {
     const size_t length = config->contentLength;
     config->content[length == KFileContentSize ? length - 1 : length] = '\0';
     char* rest = nullptr;
@@ -96,7 +92,10 @@ static bool readContent(ConfigFile* config, int file) {
     while (length < KFileContentSize) {
         const ssize_t piece = read(file, config->content + length, KFileContentSize - length);
         if (piece < 0 && errno == EINTR) continue;
-        if (piece < 0) return false;
+        if (piece < 0) {
+            LOG(WARN, "cannot load configuration");
+            return false;
+        }
         if (piece == 0) break;
         length += static_cast<size_t>(piece);
     }
@@ -116,9 +115,9 @@ OwnedConfig configFileLoad(const char* path) {
         return nullptr;
     }
     OwnedConfig config = makeConfig(KFileContentSize);
-    const bool hasContent = config && readContent(config.get(), file);
+    if (config && !readContent(config.get(), file)) config.reset();
     close(file);
-    return config ? parse(std::move(config), hasContent) : nullptr;
+    return config ? parse(std::move(config)) : nullptr;
 }
 
 OwnedConfig configFileLoadFromBytes(const void* bytes, size_t length) {
@@ -126,9 +125,13 @@ OwnedConfig configFileLoadFromBytes(const void* bytes, size_t length) {
     // A length that its field cannot hold is more than there is memory for.
     OwnedConfig config = makeConfig(length < UINT32_MAX ? length + 1 : SIZE_MAX);
     if (!config) return nullptr;
-    if (bytes) memcpy(config->content, bytes, length);
+    if (!bytes) {
+        LOG(WARN, "cannot load configuration");
+        return nullptr;
+    }
+    memcpy(config->content, bytes, length);
     config->contentLength = static_cast<uint32_t>(length);
-    return parse(std::move(config), bytes != nullptr);
+    return parse(std::move(config));
 }
 
 const char* configFileValue(const ConfigFile* config, const char* key) {

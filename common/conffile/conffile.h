@@ -3,7 +3,8 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <memory>
+
+#include "common/owned/owned.h"
 
 /// One line. Key and value are texts inside the configuration's own buffer.
 struct ConfigPair {
@@ -23,10 +24,7 @@ struct ConfigFile {
 /// Releases a configuration with all its keys and values; null is ignored.
 void configFileFree(ConfigFile* config);
 
-struct FreeConfig {
-    void operator()(ConfigFile* config) const { configFileFree(config); }
-};
-using OwnedConfig = std::unique_ptr<ConfigFile, FreeConfig>;
+using OwnedConfig = Owned<ConfigFile, configFileFree>;
 
 /// Reads the file at `path`, a pipe until its writers have closed it; what stands behind its first 4095 bytes is
 /// ignored. Null, and a line in the log, when the path is null, the file cannot be opened or read, a line holds no "=",

@@ -3,14 +3,9 @@
 
 #include <cjson/cJSON.h>
 
-#include <memory>
-
 #include "common/text/text.h"
 
-struct DeleteJson {
-    void operator()(cJSON* tree) const { cJSON_Delete(tree); }
-};
-using OwnedJson = std::unique_ptr<cJSON, DeleteJson>;
+using OwnedJson = Owned<cJSON, cJSON_Delete>;
 
 /// Parses `text` (null gives null): the tree, or null when it is not JSON or memory is short. What follows the first
 /// JSON value is ignored. Any thread.

@@ -37,29 +37,25 @@ static void releaseEvents(dbus_event** list) {
     }
 }
 
-// Releases an object, also a half-built one: `hasFilter` says how far it came, its fields say the rest.
-struct ReleaseBus {
-    bool hasFilter = false;
-
-    void operator()(message_bus* raw) const {
-        OwnedRecord<message_bus> bus(raw);
-        DBusConnection* connection = bus->connection.get();
-        bus->name.reset();
-        releaseListeners(&bus->signalListeners);
-        releaseListeners(&bus->methodListeners);
-        bus->dispatchEvent.reset();
-        releaseEvents(&bus->watches);
-        releaseEvents(&bus->timeouts);
-        connection_shutdown(bus.get());
-        cancel_method_calls(bus.get());
-        // A filter that was never added makes libdbus end the process.
-        if (hasFilter) dbus_connection_remove_filter(connection, handle_disconnected, nullptr);
-        if (bus->path && !dbus_connection_unregister_object_path(connection, bus->path.get())) {
-            // Memory is short: the path still leads to the record, which listens to nothing any more and has to stay.
-            (void)bus.release();
-        }
+// Releases an object, also a half-built one: its fields say how far it came.
+static void releaseBus(message_bus* raw) {
+    OwnedRecord<message_bus> bus(raw);
+    DBusConnection* connection = bus->connection.get();
+    bus->name.reset();
+    releaseListeners(&bus->signalListeners);
+    releaseListeners(&bus->methodListeners);
+    bus->dispatchEvent.reset();
+    releaseEvents(&bus->watches);
+    releaseEvents(&bus->timeouts);
+    connection_shutdown(bus.get());
+    cancel_method_calls(bus.get());
+    // A filter that was never added makes libdbus end the process.
+    if (bus->hasFilter) dbus_connection_remove_filter(connection, handle_disconnected, nullptr);
+    if (bus->path && !dbus_connection_unregister_object_path(connection, bus->path.get())) {
+        // Memory is short: the path still leads to the record, which listens to nothing any more and has to stay.
+        (void)bus.release();
     }
-};
+}
 
 static OwnedRecord<message_bus> newBus(OwnedConnection connection, event_base* base, const char* name) {
     OwnedRecord<message_bus> bus = newRecord<message_bus>();
@@ -84,7 +80,7 @@ static bool registerPath(message_bus* bus, const char* path) {
 message_bus* message_bus_new(event_base* base, const char* name, const char* path) {
     OwnedConnection connection = openSharedConnection(DBUS_BUS_SESSION);
     if (!connection) return nullptr;
-    std::unique_ptr<message_bus, ReleaseBus> bus(newBus(std::move(connection), base, name).release());
+    Owned<message_bus, releaseBus> bus(newBus(std::move(connection), base, name).release());
     if (!bus || !connection_setup(bus.get())) {  // also when memory is too short for the object
         LOG(WARN, "failed to setup dbus connection");
         return nullptr;
@@ -93,7 +89,7 @@ message_bus* message_bus_new(event_base* base, const char* name, const char* pat
         LOG(WARN, "failed to add filter to dbus connection");
         return nullptr;
     }
-    bus.get_deleter().hasFilter = true;
+    bus->hasFilter = true;
     if (path && !registerPath(bus.get(), path)) {
         LOG(WARN, "failed to register dbus object path: %s (service %s)", path, name);
         return nullptr;
@@ -103,7 +99,7 @@ message_bus* message_bus_new(event_base* base, const char* name, const char* pat
 
 void message_bus_free(message_bus** bus) {
     if (!bus || !*bus) return;
-    ReleaseBus{.hasFilter = true}(*bus);
+    releaseBus(*bus);
     *bus = nullptr;
 }
 

@@ -169,10 +169,7 @@ void message_bus_send_no_reply(message_bus*, DBusMessage* call) { const OwnedMes
 
 // --- Outgoing ---
 
-struct UnrefPendingCall {
-    void operator()(DBusPendingCall* call) const { dbus_pending_call_unref(call); }
-};
-using OwnedPendingCall = std::unique_ptr<DBusPendingCall, UnrefPendingCall>;
+using OwnedPendingCall = Owned<DBusPendingCall, dbus_pending_call_unref>;
 
 // What an outgoing call carries along until its reply; released with the pending call.
 struct method_reply_context {

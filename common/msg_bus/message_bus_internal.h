@@ -5,27 +5,12 @@
 #include <dbus/dbus.h>
 #include <event2/event.h>
 
-#include <cstdlib>
-#include <memory>
-#include <new>
-
 #include "common/msg_bus/message_bus.h"
 #include "common/text/text.h"
 
-struct FreeEvent {
-    void operator()(event* owned) const { event_free(owned); }
-};
-using OwnedEvent = std::unique_ptr<event, FreeEvent>;
-
-struct UnrefConnection {
-    void operator()(DBusConnection* connection) const { dbus_connection_unref(connection); }
-};
-using OwnedConnection = std::unique_ptr<DBusConnection, UnrefConnection>;
-
-struct UnrefMessage {
-    void operator()(DBusMessage* message) const { dbus_message_unref(message); }
-};
-using OwnedMessage = std::unique_ptr<DBusMessage, UnrefMessage>;
+using OwnedEvent = Owned<event, event_free>;
+using OwnedConnection = Owned<DBusConnection, dbus_connection_unref>;
+using OwnedMessage = Owned<DBusMessage, dbus_message_unref>;
 
 /// An error that libdbus fills in, released with its scope.
 struct BusError {
@@ -36,23 +21,6 @@ struct BusError {
     BusError(const BusError&) = delete;
     BusError& operator=(const BusError&) = delete;
 };
-
-struct DeleteRecord {
-    template <class Record>
-    void operator()(Record* record) const {
-        record->~Record();
-        free(record);
-    }
-};
-template <class Record>
-using OwnedRecord = std::unique_ptr<Record, DeleteRecord>;
-
-/// A zero-filled record; null when memory is short.
-template <class Record>
-[[nodiscard]] OwnedRecord<Record> newRecord() {
-    void* memory = calloc(1, sizeof(Record));
-    return OwnedRecord<Record>(memory ? new (memory) Record{} : nullptr);
-}
 
 /// Hands `entry` over to the list, at its tail.
 template <class Record>
@@ -89,6 +57,7 @@ struct message_bus {
     message_bus_method_call_callback methodCallCallback;
     OwnedText name;
     OwnedText path;  // null unless the object is registered there
+    bool hasFilter;  // whether the connection has the filter that this object added
 };
 
 /// Serves the object's connection from its base; takes the connection over from the object that served it before. 1, or

@@ -1,13 +1,9 @@
 // Owned texts: what a function hands out as "a new text" is an OwnedText.
 #pragma once
 
-#include <cstdlib>
-#include <memory>
+#include "common/owned/owned.h"
 
-struct FreeText {
-    void operator()(char* text) const { free(text); }
-};
-using OwnedText = std::unique_ptr<char, FreeText>;
+using OwnedText = Owned<char, free>;
 
 /// Formats like printf into a new text; null when memory is short. Any thread.
 [[nodiscard]] OwnedText formatText(const char* format, ...) __attribute__((format(printf, 1, 2)));

@@ -4,7 +4,7 @@
 #include <event2/event.h>
 
 #include "common/json/json.h"
-#include "platform/pcb/owned.h"
+#include "platform/pcb/buffer.h"
 #include "platform/pcb/tree.h"
 #include "platform/pcb/wire.h"
 
@@ -18,9 +18,7 @@ struct Bus {
 
 extern Bus iBus;
 
-struct FreeEvent {
-    void operator()(event* thing) const { event_free(thing); }
-};
+using OwnedEvent = Owned<event, event_free>;
 
 // ---- clients.cpp: connections and frames ----
 

@@ -8,16 +8,8 @@
 
 #include "platform/bus/bus.h"
 
-namespace {
-
-struct FreeStream {
-    void operator()(bufferevent* stream) const { bufferevent_free(stream); }
-};
-
-}  // namespace
-
 struct Client {
-    std::unique_ptr<bufferevent, FreeStream> stream;
+    Owned<bufferevent, bufferevent_free> stream;
     OwnedText name;
     bool platform = false;
     bool dropped = false;
@@ -36,7 +28,7 @@ bool isPlatform(const Client* client) { return client->platform; }
 static void release(Client* client) {
     cancelSubscriptions(client);
     cancelCalls(client);
-    const Owned<Client> released(client);
+    const OwnedRecord<Client> released(client);
 }
 
 static void freeDropped(evutil_socket_t, short, void*) {
@@ -155,7 +147,7 @@ static void endClient(bufferevent*, short what, void* context) {
 }
 
 void serveClient(int socket) {
-    auto client = makeOwned<Client>();
+    auto client = newRecord<Client>();
     if (client) client->stream.reset(bufferevent_socket_new(iBus.base, socket, BEV_OPT_CLOSE_ON_FREE));
     if (!client || !client->stream) {
         evutil_closesocket(socket);

@@ -131,7 +131,7 @@ static int64_t now() {
 // Serves what is due and waits for the next.
 static void serveDue(evutil_socket_t, short, void*) {
     while (firstCall && firstCall->due <= now()) {
-        const Owned<PendingCall> call(firstCall);
+        const OwnedRecord<PendingCall> call(firstCall);
         firstCall = call->next;
         serve(call.get());
     }
@@ -144,7 +144,7 @@ static void serveDue(evutil_socket_t, short, void*) {
 
 void callFunction(Client* client, uint64_t id, const cJSON* frame) {
     const cJSON* arguments = cJSON_GetObjectItemCaseSensitive(frame, KWireArguments);
-    auto call = makeOwned<PendingCall>();
+    auto call = newRecord<PendingCall>();
     if (!call) return sendError(client, id, PCB_ERROR_NO_MEMORY, nullptr, nullptr);
     call->client = client;
     call->id = id;
@@ -174,7 +174,7 @@ static void removeIf(const Condition& condition) {
             continue;
         }
         *link = call->next;
-        const Owned<PendingCall> released(call);
+        const OwnedRecord<PendingCall> released(call);
     }
 }
 

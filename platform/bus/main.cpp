@@ -19,13 +19,6 @@ Bus iBus;
 
 namespace {
 
-struct FreeListener {
-    void operator()(evconnlistener* listener) const { evconnlistener_free(listener); }
-};
-struct FreeBase {
-    void operator()(event_base* base) const { event_base_free(base); }
-};
-
 /// The right to serve a path: a lock on PATH.lock, held until the end of the process. The file stays, since a lock on
 /// a file that somebody removes keeps nobody away.
 struct PathLock {
@@ -41,8 +34,8 @@ struct PathLock {
 
 /// Waits a moment before it accepts again.
 struct Listener {
-    std::unique_ptr<evconnlistener, FreeListener> socket;
-    std::unique_ptr<event, FreeEvent> retry;
+    Owned<evconnlistener, evconnlistener_free> socket;
+    OwnedEvent retry;
     bool failing = false;  // and reported
 };
 
@@ -125,8 +118,8 @@ static bool listenAt(const char* path, PathLock* lock, Listener* listener) {
 static void endLoop(evutil_socket_t, short, void*) { event_base_loopbreak(iBus.base); }
 
 static int serve(const char* path) {
-    const std::unique_ptr<event, FreeEvent> term(evsignal_new(iBus.base, SIGTERM, endLoop, nullptr));
-    const std::unique_ptr<event, FreeEvent> interrupt(evsignal_new(iBus.base, SIGINT, endLoop, nullptr));
+    const OwnedEvent term(evsignal_new(iBus.base, SIGTERM, endLoop, nullptr));
+    const OwnedEvent interrupt(evsignal_new(iBus.base, SIGINT, endLoop, nullptr));
     PathLock lock;  // given back last, when the socket is gone
     Listener listener;
     if (!listenAt(path, &lock, &listener)) return 1;
@@ -156,9 +149,9 @@ int main(int count, char** arguments) {
     setvbuf(stdout, nullptr, _IOLBF, 0);
     (void)signal(SIGPIPE, SIG_IGN);
     uint32_t error = 0;
-    const Owned<object_t> tree = readOdlFile(arguments[4], &error);
+    const OwnedRecord<object_t> tree = readOdlFile(arguments[4], &error);
     if (!tree) return complain(arguments[4], error_string(error)), 1;
-    const std::unique_ptr<event_base, FreeBase> base(event_base_new());
+    const Owned<event_base, event_base_free> base(event_base_new());
     if (!base) return complain("cannot start", "no event loop"), 1;
     iBus.tree = tree.get();
     iBus.base = base.get();

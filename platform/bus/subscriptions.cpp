@@ -36,7 +36,7 @@ static OwnedJson firstAnswer(uint64_t id, uint32_t flags, const char* path, int 
 void subscribe(Client* client, uint64_t id, const cJSON* frame) {
     const auto flags = static_cast<uint32_t>(jsonCount(frame, KWireFlags));
     const char* path = jsonText(frame, KWirePath);
-    auto subscription = makeOwned<Subscription>();
+    auto subscription = newRecord<Subscription>();
     if (subscription) subscription->path = copyText(path);
     if (!subscription || !subscription->path) return sendError(client, id, PCB_ERROR_NO_MEMORY, path, nullptr);
     subscription->client = client;
@@ -63,7 +63,7 @@ static void removeIf(const Condition& condition) {
             continue;
         }
         *link = subscription->next;
-        const Owned<Subscription> released(subscription);
+        const OwnedRecord<Subscription> released(subscription);
     }
 }
 

@@ -19,15 +19,8 @@ static constexpr time_t KCallSeconds = 60;
 
 namespace {
 
-struct DestroyClient {
-    void operator()(pcb_t* client) const { pcb_destroy(client); }
-};
-using OwnedClient = std::unique_ptr<pcb_t, DestroyClient>;
-
-struct DestroyRequest {
-    void operator()(request_t* request) const { request_destroy(request); }
-};
-using OwnedRequest = std::unique_ptr<request_t, DestroyRequest>;
+using OwnedClient = Owned<pcb_t, pcb_destroy>;
+using OwnedRequest = Owned<request_t, request_destroy>;
 
 /// A variant that holds a text.
 struct TextValue {

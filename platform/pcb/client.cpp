@@ -11,7 +11,7 @@ pcb_t* pcb_create(const char* name, uint32_t flags, const char* configuration) {
         fail(PCB_ERROR_INVALID_ARGUMENT);
         return nullptr;
     }
-    auto client = makeOwned<pcb_t>();
+    auto client = newRecord<pcb_t>();
     if (client) client->name = copyText(name);
     if (!client || !client->name) {
         fail(PCB_ERROR_NO_MEMORY);
@@ -27,7 +27,7 @@ void pcb_destroy(pcb_t* pcb) {
     OWED(pcb);
     detachRequests(pcb);
     closeConnection(&pcb->connection);
-    const Owned<pcb_t> released(pcb);
+    const OwnedRecord<pcb_t> released(pcb);
 }
 
 bool pcb_client_set_attribute(pcb_t* pcb, uint32_t attribute, uint32_t value) {

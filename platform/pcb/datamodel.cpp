@@ -161,7 +161,7 @@ bool datamodel_load(datamodel_t* datamodel, const char* filePath, uint32_t flags
     OWED(filePath);
     if (flags != DATAMODEL_TEXT) return fail(PCB_ERROR_INVALID_ARGUMENT);
     uint32_t reason = 0;
-    const Owned<object_t> saved = readOdlFile(filePath, &reason);
+    const OwnedRecord<object_t> saved = readOdlFile(filePath, &reason);
     if (!saved) return fail(reason);
     return loadObject({datamodel, filePath, false}, saved.get()) &&
            loadObject({datamodel, filePath, true}, saved.get());

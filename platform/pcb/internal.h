@@ -4,8 +4,8 @@
 #include <cstdint>
 
 #include "common/json/json.h"
+#include "platform/pcb/buffer.h"
 #include "platform/pcb/owed.h"
-#include "platform/pcb/owned.h"
 #include "platform/pcb/pcb.h"
 #include "platform/pcb/tree.h"
 #include "platform/pcb/wire.h"

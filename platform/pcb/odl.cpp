@@ -134,8 +134,8 @@ static bool takeObject(Parser* parser, object_t* parent, int depth) {
     return true;
 }
 
-Owned<object_t> parseOdl(std::string_view text, OdlFault* fault) {
-    auto root = makeOwned<object_t>();
+OwnedRecord<object_t> parseOdl(std::string_view text, OdlFault* fault) {
+    auto root = newRecord<object_t>();
     Parser parser{text};
     bool good = root || damaged(&parser, KMemoryIsShort);
     do {
@@ -171,14 +171,14 @@ static bool readFile(const char* path, Buffer* content) {
     return count == 0;
 }
 
-Owned<object_t> readOdlFile(const char* path, uint32_t* error) {
+OwnedRecord<object_t> readOdlFile(const char* path, uint32_t* error) {
     Buffer content;
     if (!readFile(path, &content)) {
         *error = errno == ENOMEM ? PCB_ERROR_NO_MEMORY : PCB_ERROR_CANNOT_READ_FILE;
         return nullptr;
     }
     OdlFault fault;
-    Owned<object_t> root = parseOdl(content.content(), &fault);
+    OwnedRecord<object_t> root = parseOdl(content.content(), &fault);
     if (root) return root;
     *error = fault.reason == KMemoryIsShort ? PCB_ERROR_NO_MEMORY : PCB_ERROR_DAMAGED_FILE;
     fprintf(stderr, "%s: line %u: %s\n", path, fault.line, fault.reason);

@@ -19,11 +19,11 @@ struct OdlFault {
 };
 
 /// Parses a whole text: a root that holds its objects, or null with what is wrong and where.
-[[nodiscard]] Owned<object_t> parseOdl(std::string_view text, OdlFault* fault);
+[[nodiscard]] OwnedRecord<object_t> parseOdl(std::string_view text, OdlFault* fault);
 
 /// Reads and parses a file: a root, or null with the reason in `error`. Where a damaged file is wrong goes to standard
 /// error as one line.
-[[nodiscard]] Owned<object_t> readOdlFile(const char* path, uint32_t* error);
+[[nodiscard]] OwnedRecord<object_t> readOdlFile(const char* path, uint32_t* error);
 
 /// Adds an object, inside the objects that enclose it, with what lies at most `depth` levels below it (-1: all); false
 /// when memory is short.

@@ -28,7 +28,7 @@ struct request_t {
     ~request_t() {
         while (request_argument_t* argument = firstArgument) {
             firstArgument = argument->next;
-            const Owned<request_argument_t> released(argument);
+            const OwnedRecord<request_argument_t> released(argument);
         }
     }
 };
@@ -60,7 +60,7 @@ struct argument_value_list_t {
     ~argument_value_list_t() {
         while (argument_value_t* argument = first) {
             first = argument->next;
-            const Owned<argument_value_t> released(argument);
+            const OwnedRecord<argument_value_t> released(argument);
         }
     }
 };
@@ -80,7 +80,7 @@ struct reply_item_t {
 // ---- Making and sending ----
 
 static request_t* createRequest(const char* path, const char* function, int32_t depth, uint32_t flags) {
-    auto request = makeOwned<request_t>();
+    auto request = newRecord<request_t>();
     if (request) request->path = copyText(path);
     if (request && function) request->function = copyText(function);
     if (!request || !request->path || (function && !request->function)) {
@@ -108,7 +108,7 @@ bool request_addParameter(request_t* request, const char* name, variant_t* value
     OWED(name);
     OWED(value);
     if (!request->function || request->id) return fail(PCB_ERROR_INVALID_ARGUMENT);
-    auto argument = makeOwned<request_argument_t>();
+    auto argument = newRecord<request_argument_t>();
     if (argument) argument->name = copyText(name);
     if (!argument || !argument->name) return fail(PCB_ERROR_NO_MEMORY);
     argument->value = *value;
@@ -177,7 +177,7 @@ static void cancel(const request_t* request) {
 void request_destroy(request_t* request) {
     OWED(request);
     OWED(!request->handling);
-    const Owned<request_t> released(request);
+    const OwnedRecord<request_t> released(request);
     if (!request->client) return;
     request_t** link = &request->client->firstRequest;
     while (*link != request) {
@@ -252,7 +252,7 @@ static bool readReturn(reply_item_t* item, const cJSON* frame) {
     const cJSON* json = nullptr;
     argument_value_t** end = &item->arguments.first;
     cJSON_ArrayForEach(json, cJSON_GetObjectItemCaseSensitive(frame, KWireArguments)) {
-        auto argument = makeOwned<argument_value_t>();
+        auto argument = newRecord<argument_value_t>();
         if (!argument) return false;
         argument->name = textOrEmpty(jsonText(json, KWireName));
         argument->value = variantInsideJson(cJSON_GetObjectItemCaseSensitive(json, KWireValue));

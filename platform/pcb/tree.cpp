@@ -8,11 +8,11 @@
 void object_t::clear() {
     while (parameter_t* parameter = firstParameter) {
         firstParameter = parameter->next;
-        const Owned<parameter_t> released(parameter);
+        const OwnedRecord<parameter_t> released(parameter);
     }
     while (object_t* child = firstChild) {
         firstChild = child->next;
-        const Owned<object_t> released(child);
+        const OwnedRecord<object_t> released(child);
     }
     lastParameter = nullptr;
     lastChild = nullptr;
@@ -61,7 +61,7 @@ object_t* makeObject(object_t* root, const char* path) {
 }
 
 object_t* addChild(object_t* parent, std::string_view name) {
-    auto child = makeOwned<object_t>();
+    auto child = newRecord<object_t>();
     if (!child) return nullptr;
     child->name = copyPiece(name);
     if (!child->name) return nullptr;
@@ -91,12 +91,12 @@ void removeObject(object_t* object) {
     }
     *link = object->next;
     if (parent->lastChild == object) parent->lastChild = before;
-    const Owned<object_t> released(object);
+    const OwnedRecord<object_t> released(object);
 }
 
 parameter_t* addParameter(object_t* object, std::string_view name, ParameterType type, bool readOnly,
                           std::string_view value) {
-    auto parameter = makeOwned<parameter_t>();
+    auto parameter = newRecord<parameter_t>();
     if (!parameter) return nullptr;
     parameter->name = copyPiece(name);
     parameter->value.value.text = copyPiece(value).release();

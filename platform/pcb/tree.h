@@ -2,7 +2,7 @@
 #pragma once
 
 #include "common/json/json.h"
-#include "platform/pcb/owned.h"
+#include "platform/pcb/buffer.h"
 #include "platform/pcb/pcb.h"
 
 inline constexpr size_t KMaxValueLength = size_t{1024} * 1024;

@@ -1,8 +1,8 @@
 // Values, maps of values, lists, and the error of the thread.
 #include <cstring>
 
+#include "platform/pcb/buffer.h"
 #include "platform/pcb/internal.h"
-#include "platform/pcb/owned.h"
 
 struct variant_map_entry_t {
     OwnedText key;
@@ -134,7 +134,7 @@ bool variant_map_initialize(variant_map_t* map) {
 
 // Takes the value over, whatever comes of it.
 static bool addToMap(variant_map_t* map, const char* key, variant_t value) {
-    auto entry = makeOwned<variant_map_entry_t>();
+    auto entry = newRecord<variant_map_entry_t>();
     if (!entry) {
         variant_cleanup(&value);
         return fail(PCB_ERROR_NO_MEMORY);
@@ -178,7 +178,7 @@ bool variant_map_addBool(variant_map_t* map, const char* key, bool flag) {
 void releaseEntries(variant_map_t* map) {
     while (variant_map_entry_t* entry = map->first) {
         map->first = entry->next;
-        const Owned<variant_map_entry_t> released(entry);
+        const OwnedRecord<variant_map_entry_t> released(entry);
     }
 }
 

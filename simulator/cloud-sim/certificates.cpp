@@ -11,8 +11,8 @@
 
 namespace cloudsim {
 
-using Key = std::unique_ptr<EVP_PKEY, Free<EVP_PKEY_free>>;
-using X509Certificate = std::unique_ptr<X509, Free<X509_free>>;
+using Key = Owned<EVP_PKEY, EVP_PKEY_free>;
+using X509Certificate = Owned<X509, X509_free>;
 
 // Wide enough for a clock that a test sets forward by decades.
 static constexpr char KLongAgo[] = "20000101000000Z";
@@ -44,7 +44,7 @@ struct Request {
 static void addExtension(X509* certificate, X509* issuer, int kind, const std::string& value) {
     X509V3_CTX context;
     X509V3_set_ctx(&context, issuer, certificate, nullptr, nullptr, 0);
-    const std::unique_ptr<X509_EXTENSION, Free<X509_EXTENSION_free>> extension(
+    const Owned<X509_EXTENSION, X509_EXTENSION_free> extension(
         X509V3_EXT_conf_nid(nullptr, &context, kind, value.c_str()));
     check(extension && X509_add_ext(certificate, extension.get(), -1), value.c_str());
 }
@@ -84,7 +84,7 @@ static X509Certificate issue(const Request& request, EVP_PKEY* key, X509* issuer
 }
 
 static std::string asPem(X509* certificate) {
-    const std::unique_ptr<BIO, Free<BIO_free_all>> memory(BIO_new(BIO_s_mem()));
+    const Owned<BIO, BIO_free_all> memory(BIO_new(BIO_s_mem()));
     check(memory && PEM_write_bio_X509(memory.get(), certificate), "writing a certificate");
     const char* bytes = nullptr;
     const long length = BIO_get_mem_data(memory.get(), &bytes);

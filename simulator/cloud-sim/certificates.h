@@ -4,21 +4,15 @@
 #include <openssl/ssl.h>
 
 #include <map>
-#include <memory>
 #include <string>
+
+#include "common/owned/owned.h"
 
 namespace cloudsim {
 
 enum class Certificate { Good, UnknownAuthority, Expired, NotYetValid, WrongHost };
 
-template <auto Function>
-struct Free {
-    template <class Object>
-    void operator()(Object* object) const {
-        Function(object);
-    }
-};
-using Context = std::unique_ptr<SSL_CTX, Free<SSL_CTX_free>>;
+using Context = Owned<SSL_CTX, SSL_CTX_free>;
 
 class Certificates {
   public:

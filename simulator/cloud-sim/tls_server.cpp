@@ -12,7 +12,7 @@
 
 namespace cloudsim {
 
-using Tls = std::unique_ptr<SSL, Free<SSL_free>>;
+using Tls = Owned<SSL, SSL_free>;
 
 static constexpr char KEndOfHead[] = "\r\n\r\n";
 

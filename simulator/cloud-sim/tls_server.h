@@ -9,6 +9,7 @@
 #include <set>
 #include <string>
 
+#include "common/owned/owned.h"
 #include "simulator/cloud-sim/certificates.h"
 #include "simulator/cloud-sim/cloud.h"
 
@@ -35,13 +36,9 @@ class TlsServer : public httplib::Server {
     bool adopt(socket_t socket);
     void abandon(socket_t socket);
 
-    struct CloseFile {
-        void operator()(FILE* file) const { fclose(file); }
-    };
-
     Cloud& cloud_;
     const Certificates& certificates_;
-    std::unique_ptr<FILE, CloseFile> journal_;
+    Owned<FILE, fclose> journal_;
     std::mutex journalMutex_;
     std::mutex socketsMutex_;
     std::set<socket_t> sockets_;

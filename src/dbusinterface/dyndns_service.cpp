@@ -4,13 +4,12 @@
 
 #include "common/json/json.h"
 #include "common/log/log.h"
-#include "src/bus_service.h"
 #include "src/dbusinterface/dyndns_registration.h"
 #include "src/dbusinterface/dyndns_state.h"
 #include "src/dbusinterface/gateway_client.h"
 #include "src/dbusinterface/service_store.h"
-#include "src/descriptions.h"
-#include "src/dyndnsrequest.h"
+#include "src/requests/dyndnsrequest.h"
+#include "src/services/descriptions.h"
 
 static constexpr char KLogCategory[] = "orvoservicemanager";
 static constexpr char KLogModule[] = "src/dbusinterface";
@@ -136,8 +135,8 @@ static void answerIsNameTaken(MethodCall& call) {
     LOG(INFO, "Dyn DNS IsNameTaken finished");
 }
 
-// Reads Configure's arguments; null for success, else the reply.
-static const char* readConfigureArguments(DBusMessage* message, int* enabled, OwnedText* name) {
+// Reads Configure's arguments.
+static Refusal readConfigureArguments(DBusMessage* message, int* enabled, OwnedText* name) {
     if (!get_first_argument_bool_value(message, enabled)) return KDbusError;
     LOG(INFO, *enabled ? "Enabled: true" : "Enabled: false");
     const char* given = get_second_argument_string_value(message);
@@ -153,8 +152,8 @@ static const char* readConfigureArguments(DBusMessage* message, int* enabled, Ow
     return *name ? nullptr : KOutOfMemory;
 }
 
-// Registers the name on the server; null for success, else the reply.
-static const char* configureOnServer(int enabled, const char* name) {
+// Registers the name on the server.
+static Refusal configureOnServer(int enabled, const char* name) {
     if (!*iHomeAutomationId || iHomeAutomationEnable != TRI_TRUE) {
         LOG(WARN, "HA-ID not available");
         return KNotSynchronized;
@@ -173,10 +172,10 @@ static void answerConfigure(MethodCall& call) {
     LOG(INFO, "Dyn DNS Configure requested");
     int enabled = 0;
     OwnedText name;
-    if (const char* failure = readConfigureArguments(call.message.get(), &enabled, &name)) {
-        return replyText(call, failure);
+    if (const Refusal refusal = readConfigureArguments(call.message.get(), &enabled, &name)) {
+        return replyText(call, refusal);
     }
-    if (const char* failure = configureOnServer(enabled, name.get())) return replyText(call, failure);
+    if (const Refusal refusal = configureOnServer(enabled, name.get())) return replyText(call, refusal);
     // The reply tells what the server accepted, whatever the data model says to it.
     if (!storeDynDnsEnable(enabled)) LOG(ERROR, "Cannot set DynDNS enable value in PCB");
     (void)storeDynDnsHostName(name.get());
@@ -200,18 +199,18 @@ static void answerSetEnabled(MethodCall& call) {
 }
 
 static constexpr Method KMethods[] = {
-    {"IsEnabled",   answerIsEnabled  },
-    {"GetName",     answerGetName    },
-    {"IsNameTaken", answerIsNameTaken},
-    {"Configure",   answerConfigure  },
-    {"SetEnabled",  answerSetEnabled },
+    {"IsEnabled",   "",   false, answerIsEnabled  },
+    {"GetName",     "",   false, answerGetName    },
+    {"IsNameTaken", "s",  true,  answerIsNameTaken},
+    {"Configure",   "bs", true,  answerConfigure  },
+    {"SetEnabled",  "b",  true,  answerSetEnabled },
 };
 
 void handleDynDnsMethodCall(message_bus* bus, const char* method, const char* firstArgument, DBusMessage* call) {
     dispatchMethodCall(KMethods, bus, method, firstArgument, call);
 }
 
-static constexpr BusService KService = {
+constexpr BusService KDynDnsService = {
     .interface = "com.corvane.orsm.dyndns",
     .path = "/dyndns",
     .description = KDynDnsDescription,
@@ -223,6 +222,6 @@ static constexpr BusService KService = {
 };
 
 bool enableDbusForDynDns(struct event_base* base) {
-    iDynDnsMessageBus = offerService(KService, base);
+    iDynDnsMessageBus = offerService(KDynDnsService, base);
     return iDynDnsMessageBus != nullptr;
 }

@@ -4,10 +4,12 @@
 #include <dbus/dbus.h>
 #include <event2/event.h>
 
-#include "common/msg_bus/message_bus.h"
 #include "common/text/text.h"
+#include "src/services/bus_service.h"
 
 extern message_bus* iDynDnsMessageBus;  // null while the service is not offered; released by the public bus interface
+
+extern const BusService KDynDnsService;
 
 /// Offers the service on `base`; false when any of it failed (logged, nothing left behind). Main thread, before the bus
 /// thread runs.

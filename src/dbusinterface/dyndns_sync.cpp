@@ -8,7 +8,7 @@
 #include "src/dbusinterface/dyndns_registration.h"
 #include "src/dbusinterface/gateway_client.h"
 #include "src/dbusinterface/service_store.h"
-#include "src/dyndnsrequest.h"
+#include "src/requests/dyndnsrequest.h"
 
 static constexpr char KLogCategory[] = "orvoservicemanager";
 static constexpr char KLogModule[] = "src/dbusinterface";

@@ -7,7 +7,7 @@
 #include "src/dbusinterface/dyndns_state.h"
 #include "src/dbusinterface/dyndns_sync.h"
 #include "src/dbusinterface/service_store.h"
-#include "src/dyndnsrequest.h"
+#include "src/requests/dyndnsrequest.h"
 
 static constexpr char KLogCategory[] = "orvoservicemanager";
 static constexpr char KLogModule[] = "src/dbusinterface";
@@ -50,6 +50,8 @@ static void onHomeAutomationIdChanged(const char* id) {
     synchronizeDynDnsConfiguration();
 }
 
+// The first value starts nothing: an unfinished synchronization goes on with the HA-ID, and a finished one is not made
+// again at each start.
 static void onHomeAutomationEnable(const char* value) {
     const TriState previous = iHomeAutomationEnable;
     iHomeAutomationEnable = triStateOf(value);
@@ -79,39 +81,38 @@ static void onDynDnsEnableChanged(const char* value) {
 namespace {
 
 struct Reaction {
+    EventCode code;
     OneTextFormat line;
-    void (*react)(const char* value);  // null: the event is ignored without a line
+    void (*react)(const char* value);
 };
 
 }  // namespace
 
-// By event code.
+// An event without a row is ignored without a line.
 static constexpr Reaction KReactions[] = {
-    {"Application server URL init value: %s", onApplicationServerInit     },
-    {"Application server URL changed: %s",    onApplicationServerChanged  },
-    {{},                                      nullptr                     },
-    {"Communication server URL changed: %s",  onCommunicationServerChanged},
-    {"HA-ID value: %s",                       onHomeAutomationIdInit      },
-    {"HA-ID value: %s",                       onHomeAutomationIdChanged   },
-    {"HA enable: %s",                         onHomeAutomationEnable      },
-    {"HA enable: %s",                         onHomeAutomationEnable      },
-    {"DNS server status: %s",                 onDnsServerStatus           },
-    {"DNS server status: %s",                 onDnsServerStatus           },
-    {{},                                      nullptr                     },
-    {"CG-NAT status: %s",                     onCgNatStatus               },
-    {"CG-NAT status: %s",                     onCgNatStatus               },
-    {"DynDNS enable: %s",                     onDynDnsEnableInit          },
-    {"DynDNS enable: %s",                     onDynDnsEnableChanged       },
+    {EVENT_APP_SERVER_URL_INIT,       "Application server URL init value: %s", onApplicationServerInit     },
+    {EVENT_APP_SERVER_URL_CHANGED,    "Application server URL changed: %s",    onApplicationServerChanged  },
+    {EVENT_COMM_SERVER_URL_CHANGED,   "Communication server URL changed: %s",  onCommunicationServerChanged},
+    {EVENT_HA_ID_INIT,                "HA-ID value: %s",                       onHomeAutomationIdInit      },
+    {EVENT_HA_ID_CHANGED,             "HA-ID value: %s",                       onHomeAutomationIdChanged   },
+    {EVENT_HA_ENABLE_INIT,            "HA enable: %s",                         onHomeAutomationEnable      },
+    {EVENT_HA_ENABLE_CHANGED,         "HA enable: %s",                         onHomeAutomationEnable      },
+    {EVENT_DNS_SERVER_STATUS_INIT,    "DNS server status: %s",                 onDnsServerStatus           },
+    {EVENT_DNS_SERVER_STATUS_CHANGED, "DNS server status: %s",                 onDnsServerStatus           },
+    {EVENT_CGNAT_STATUS_INIT,         "CG-NAT status: %s",                     onCgNatStatus               },
+    {EVENT_CGNAT_STATUS_CHANGED,      "CG-NAT status: %s",                     onCgNatStatus               },
+    {EVENT_DYNDNS_ENABLE_INIT,        "DynDNS enable: %s",                     onDynDnsEnableInit          },
+    {EVENT_DYNDNS_ENABLE_CHANGED,     "DynDNS enable: %s",                     onDynDnsEnableChanged       },
 };
-static_assert(sizeof KReactions / sizeof *KReactions == EVENT_COUNT);
 
 void reactToEvent(const EventRecord& record) {
     if (record.code >= EVENT_COUNT) {
         LOG(WARN, "Unknown event");
         return;
     }
-    const Reaction& reaction = KReactions[record.code];
-    if (!reaction.react) return;
-    LOG_TEXT(LEVEL_INFO, reaction.line, record.value);
-    reaction.react(record.value);
+    for (const Reaction& reaction : KReactions) {
+        if (reaction.code != record.code) continue;
+        LOG_TEXT(LEVEL_INFO, reaction.line, record.value);
+        return reaction.react(record.value);
+    }
 }

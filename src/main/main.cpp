@@ -14,7 +14,6 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <span>
 
 #include "common/conffile/conffile.h"
 #include "common/gate/gate.h"
@@ -22,13 +21,16 @@
 #include "pcblib/pcbclient.h"
 #include "src/dbusinterface/event_pipe.h"
 #include "src/dbusinterface/gateway_client.h"
-#include "src/dbusinterface/public_interface.h"
 #include "src/dbusinterface/service_store.h"
-#include "src/dyndnsrequest.h"
+#include "src/main/cgnat_check.h"
+#include "src/main/daemonize.h"
 #include "src/main/data_model_watch.h"
+#include "src/main/event_writer.h"
 #include "src/main/pidfile.h"
+#include "src/main/public_interface.h"
 #include "src/main/startup_config.h"
-#include "src/orvoservicesinfo.h"
+#include "src/orvoservicesinfo/orvoservicesinfo.h"
+#include "src/requests/dyndnsrequest.h"
 
 static constexpr char KLogCategory[] = "orvoservicemanager";
 static constexpr char KLogModule[] = "src/main";
@@ -120,15 +122,12 @@ static void limitTheEnd(int status) {
 // The end of the process once the bus thread lives, which may be anywhere, a server request included. Returning from
 // main would run the libraries' exit handlers beside that request; so what is released is released here, behind the
 // gate that the bus thread never passes again, and the process ends at once.
-[[noreturn]] static void endProcess(int status, std::span<request_t* const> requests) {
+[[noreturn]] static void endProcess(int status) {
     closeGateForever();
     limitTheEnd(status);
     putConnectionModeBack(iPcbContext);
-    for (request_t* request : requests) {
-        freePcbRequestObject(request);
-    }
-    freePcbRequestObject(iRequestWanChangeNotify);
-    releasePendingCgNatChecks();
+    releaseParameterWatch();
+    releaseCgNatCheck();
     destroyPcbDataModelClient();
     cleanRequestsEngine();
     cleanOrvoServicesInfo();
@@ -186,20 +185,11 @@ static void onObjectChanged(const char* path, object_t* object) {
     setPcbFunctionCallback(pcbFunctionCallback);
     setPcbRequestLostCallback(pcbRequestLost);
 
-    request_t* const requests[] = {
-        listenToChangesInPcbObject("OrvoService.HomeAutomation"),
-        listenToChangesInPcbObject("NMC.HomeAutomation"),
-        listenToChangesInPcbObject("DNS.Server"),
-        listenToChangesInPcbObject(getPcbObjectPathForDynDns()),
-        executeWanChangeQuery("closeQuery"),
-        executeWanChangeQuery("openQuery"),
-    };
-    bool complete = true;
-    for (const request_t* request : requests) {
-        complete = complete && request;
-    }
-    const bool ended = complete && startPcbDataModelEventLoop();
-    endProcess(ended ? 0 : 1, requests);
+    // Both are made whatever becomes of the first: each failure has its line.
+    const bool watches = watchParameters();
+    const bool queries = startWanQuery();
+    const bool ended = watches && queries && startPcbDataModelEventLoop();
+    endProcess(ended ? 0 : 1);
 }
 
 // Everything behind the pid file; comes back, with the exit status, only while there is no bus thread.
@@ -226,7 +216,7 @@ static int serve() {
     }
     loadOrvoServiceData();
     sem_post(&iStoreLoaded);
-    if (!createPcbDataModelClient()) endProcess(1, {});
+    if (!createPcbDataModelClient()) endProcess(1);
 
     handleSignal(SIGALRM, endAtTheLimit);
     handleEndSignals(endLoop);

@@ -3,10 +3,10 @@
 #include <cstdio>
 #include <cstring>
 
-#include "common/log/log_settings.h"
+#include "common/log_settings/log_settings.h"
 #include "common/text/text.h"
-#include "src/dyndnsrequest.h"
-#include "src/orvoservicesinfo.h"
+#include "src/orvoservicesinfo/orvoservicesinfo.h"
+#include "src/requests/dyndnsrequest.h"
 
 namespace {
 

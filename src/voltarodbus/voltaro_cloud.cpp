@@ -4,11 +4,12 @@
 
 #include <cstring>
 #include <initializer_list>
+#include <utility>
 
 #include "common/json/json.h"
 #include "common/log/one_text_format.h"
-#include "src/dyndnsrequest.h"
-#include "src/httprequest.h"
+#include "src/requests/dyndnsrequest.h"
+#include "src/requests/httprequest.h"
 
 static constexpr char KLogCategory[] = "orvoservicemanager";
 static constexpr char KLogModule[] = "src/voltarodbus";
@@ -36,6 +37,7 @@ struct Needed {
 
 // A server's answer that has a status.
 struct Answer {
+    OwnedText body;
     OwnedJson json;      // null when the answer cannot be used
     const char* status;  // not empty; belongs to the tree
 };
@@ -45,7 +47,7 @@ struct Answer {
 static bool isOk(const Answer& answer) { return strcmp(answer.status, "ok") == 0; }
 
 // Whether all texts are there and not empty; the first that is not is logged.
-static bool areGiven(std::initializer_list<Needed> all) {
+static bool requireTexts(std::initializer_list<Needed> all) {
     for (const Needed& needed : all) {
         if (needed.text && *needed.text) continue;
         LOG(ERROR, "%s", needed.missingLine);
@@ -54,8 +56,8 @@ static bool areGiven(std::initializer_list<Needed> all) {
     return true;
 }
 
-static bool arePlugArgumentsGiven(const char* token, const char* switchId) {
-    return areGiven({
+static bool requirePlugArguments(const char* token, const char* switchId) {
+    return requireTexts({
         {getVoltaroServerUrl(), "Voltaro server url is empty"},
         {token,                 "Voltaro auth token is empty"},
         {switchId,              "Voltaro switch id is empty" },
@@ -78,13 +80,14 @@ static const char* nonEmptyText(const cJSON* object, const char* name) {
     return text && *text ? text : nullptr;
 }
 
-static Answer readAnswer(const char* url, const OwnedText& body) {
+static Answer readAnswer(const char* url, OwnedText body) {
     if (!body) {
         LOG(ERROR, "Error while executing request %s", url);
         return {};
     }
     LOG(INFO, "Request returned OK");
-    Answer answer = {parseJson(body.get()), nullptr};
+    Answer answer = {std::move(body), nullptr, nullptr};
+    answer.json = parseJson(answer.body.get());
     answer.status = nonEmptyText(answer.json.get(), "status");
     if (!answer.status) answer.json.reset();
     return answer;
@@ -102,7 +105,7 @@ static OwnedText copyOfToken(const Answer& answer) {
 
 OwnedText loginToVoltaro(const char* email, const char* password) {
     LOG(INFO, "Login to Voltaro");
-    if (!areGiven({
+    if (!requireTexts({
             {getVoltaroServerUrl(), "Voltaro server url is empty"    },
             {email,                 "Voltaro login email is empty"   },
             {password,              "Voltaro login password is empty"},
@@ -123,8 +126,8 @@ OwnedText loginToVoltaro(const char* email, const char* password) {
         return nullptr;
     }
     LOG(DEBUG, "URL encoded form: %s", form.get());
-    const OwnedText body = curlPostV2(url.get(), form.get(), getPathToServerCABundleFile(), KFormHeaders);
-    const Answer answer = readAnswer(url.get(), body);
+    const Answer answer =
+        readAnswer(url.get(), curlPostV2(url.get(), form.get(), getPathToServerCABundleFile(), KFormHeaders));
     if (!answer.json) return nullptr;
     if (!isOk(answer)) {
         LOG(ERROR, "Auth request returned error %s", answer.status);
@@ -143,34 +146,30 @@ static OwnedJson makeHeaders(const char* token) {
     return headers;
 }
 
-// Sends a form to a plug resource; `url` receives where to. The answer's body, or null (logged by readAnswer unless the
-// request could not be built).
-static OwnedText postPlugForm(const char* path, const char* token, const OwnedText& form, OwnedText* url) {
+// Sends a form to a plug resource; what goes wrong is logged.
+static Answer postPlugForm(const char* path, const char* token, const OwnedText& form) {
     if (!form) {
         LOG(ERROR, "Cannot allocate memory for URL encoded form");
-        return nullptr;
+        return {};
     }
     const OwnedJson headers = makeHeaders(token);
-    if (!headers) return nullptr;
-    *url = makeUrl(path);
-    if (!*url) return nullptr;
-    return curlPostV1(url->get(), form.get(), getPathToServerCABundleFile(), headers.get());
+    if (!headers) return {};
+    const OwnedText url = makeUrl(path);
+    if (!url) return {};
+    return readAnswer(url.get(), curlPostV1(url.get(), form.get(), getPathToServerCABundleFile(), headers.get()));
 }
 
 OwnedText getSwitchDetails(const char* token, const char* switchId) {
     LOG(INFO, "Get switch details");
-    if (!arePlugArgumentsGiven(token, switchId)) return nullptr;
-    OwnedText url;
-    OwnedText body = postPlugForm("/api/device", token, formatText("id=%s&minimal=false", switchId), &url);
-    if (!url) return nullptr;
-    const Answer answer = readAnswer(url.get(), body);
+    if (!requirePlugArguments(token, switchId)) return nullptr;
+    Answer answer = postPlugForm("/api/device", token, formatText("id=%s&minimal=false", switchId));
     if (!answer.json) return nullptr;
     if (!isOk(answer)) {
         LOG(ERROR, "Request returned error %s", answer.status);
         return nullptr;
     }
     LOG(INFO, "Get switch details OK");
-    return body;
+    return std::move(answer.body);
 }
 
 // What toggling comes to: the action that leads to the other state. False when the present state cannot be read.
@@ -217,14 +216,11 @@ static OwnedText copyOfState(const Answer& answer) {
 OwnedText changeStateOfSwitch(const char* token, const char* switchId, SwitchAction action, SwitchChangeError* error) {
     LOG(INFO, "Change state of switch");
     *error = SWITCH_ERROR_NONE;
-    if (!arePlugArgumentsGiven(token, switchId)) return nullptr;
+    if (!requirePlugArguments(token, switchId)) return nullptr;
     if (action == SWITCH_ACTION_TOGGLE && !resolveToggle(token, switchId, &action)) return nullptr;
 
-    OwnedText url;
     const char* on = action == SWITCH_ACTION_ON ? "true" : "false";
-    const OwnedText body = postPlugForm("/api/device/switch", token, formatText("id=%s&on=%s", switchId, on), &url);
-    if (!url) return nullptr;
-    const Answer answer = readAnswer(url.get(), body);
+    const Answer answer = postPlugForm("/api/device/switch", token, formatText("id=%s&on=%s", switchId, on));
     if (!answer.json) return nullptr;
     if (isOk(answer)) return copyOfState(answer);
     LOG(ERROR, "Request returned error %s", answer.status);

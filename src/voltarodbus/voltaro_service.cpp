@@ -5,11 +5,10 @@
 #include "common/json/json.h"
 #include "common/log/log.h"
 #include "common/text/text.h"
-#include "src/bus_service.h"
 #include "src/dbusinterface/dyndns_state.h"
 #include "src/dbusinterface/service_store.h"
-#include "src/descriptions.h"
-#include "src/dyndnsrequest.h"
+#include "src/requests/dyndnsrequest.h"
+#include "src/services/descriptions.h"
 #include "src/voltarodbus/voltaro_cloud.h"
 
 static constexpr char KLogCategory[] = "orvoservicemanager";
@@ -45,14 +44,20 @@ static constexpr NamedAction KActions[] = {
     {"toggle", SWITCH_ACTION_TOGGLE},
 };
 
-// By SwitchChangeError.
-static constexpr const char* KChangeErrorReplies[] = {KServerConnectionError, KSwitchIsOffline, KAlreadyHasSuchState};
+static Refusal refusalOf(SwitchChangeError error) {
+    switch (error) {
+        case SWITCH_ERROR_NONE: return KServerConnectionError;
+        case SWITCH_ERROR_NOT_CONNECTED: return KSwitchIsOffline;
+        case SWITCH_ERROR_NOT_ALLOWED: return KAlreadyHasSuchState;
+    }
+    return KServerConnectionError;
+}
 
-// ----- The account of the gateway, the steps that Set and Get share. Each gives null for success, else the reply.
+// ----- The account of the gateway: the steps that Set and Get share
 
 // Takes the account out of the server's answer; `account` receives its tree, in which email and password are texts that
 // are not empty.
-static const char* readAccount(const char* body, OwnedJson* account) {
+static Refusal readAccount(const char* body, OwnedJson* account) {
     const OwnedJson answer = parseJson(body);
     const char* status = jsonTextMember(answer.get(), "status");
     if (!status) return KServerInternalError;
@@ -73,7 +78,7 @@ static const char* readAccount(const char* body, OwnedJson* account) {
     return nullptr;
 }
 
-static const char* loginToPairedAccount(OwnedText* token) {
+static Refusal loginToPairedAccount(OwnedText* token) {
     const char* haId = getHomeAutomationId();
     if (!*haId) {
         LOG(WARN, "HA-ID not available");
@@ -86,7 +91,7 @@ static const char* loginToPairedAccount(OwnedText* token) {
     }
     LOG(DEBUG, "getParamsForHaId OK: %s", body.get());
     OwnedJson account;
-    if (const char* reply = readAccount(body.get(), &account)) return reply;
+    if (const Refusal refusal = readAccount(body.get(), &account)) return refusal;
     *token = loginToVoltaro(jsonTextMember(account.get(), "email"), jsonTextMember(account.get(), "password"));
     if (!*token) {
         LOG(ERROR, "Cannot login to Voltaro");
@@ -122,10 +127,10 @@ static const char* setSwitch(DBusMessage* message, bool* done) {
         return KActionNotDefined;
     }
     OwnedText token;
-    if (const char* reply = loginToPairedAccount(&token)) return reply;
+    if (const Refusal refusal = loginToPairedAccount(&token)) return refusal;
     SwitchChangeError error = SWITCH_ERROR_NONE;
     const OwnedText state = changeStateOfSwitch(token.get(), switchId, action->action, &error);
-    if (!state) return KChangeErrorReplies[error];
+    if (!state) return refusalOf(error);
     LOG(DEBUG, "changeStateOfSwitch OK: %s", state.get());
     *done = true;
     return strcmp(state.get(), "on") == 0 ? KOn : KOff;
@@ -140,8 +145,8 @@ static void answerSet(MethodCall& call) {
 
 // ----- Get
 
-// Checks the cloud's answer once more and finds the plug's data in it: null for success, else the reply.
-static const char* readPlug(const cJSON* details, cJSON** device) {
+// Checks the cloud's answer once more and finds the plug's data in it.
+static Refusal readPlug(const cJSON* details, cJSON** device) {
     if (!details) return KServerInternalError;
     const char* status = jsonTextMember(details, "status");
     if (!status) {
@@ -173,20 +178,20 @@ static OwnedText plugReply(cJSON* device) {
     return printJson(reply.get());
 }
 
-// The reply to Get: `built` receives it when it is made for this call; the result is null then, else a fixed reply.
-static const char* getSwitch(const char* switchId, OwnedText* built) {
+// `built` receives the reply to Get.
+static Refusal getSwitch(const char* switchId, OwnedText* built) {
     if (!switchId || !*switchId) {
         LOG(ERROR, "Missing dbus method argument: switchId");
         return KSwitchNotFound;
     }
     OwnedText token;
-    if (const char* reply = loginToPairedAccount(&token)) return reply;
+    if (const Refusal refusal = loginToPairedAccount(&token)) return refusal;
     const OwnedText details = getSwitchDetails(token.get(), switchId);
     if (!details) return KServerConnectionError;
     LOG(DEBUG, "getSwitchDetails OK: %s", details.get());
     const OwnedJson parsed = parseJson(details.get());
     cJSON* device = nullptr;
-    if (const char* reply = readPlug(parsed.get(), &device)) return reply;
+    if (const Refusal refusal = readPlug(parsed.get(), &device)) return refusal;
     *built = plugReply(device);
     return *built ? nullptr : KOutOfMemory;
 }
@@ -194,7 +199,7 @@ static const char* getSwitch(const char* switchId, OwnedText* built) {
 static void answerGet(MethodCall& call) {
     LOG(INFO, "Voltaro Get requested");
     OwnedText built;
-    if (const char* fixed = getSwitch(call.firstArgument, &built)) return replyText(call, fixed);
+    if (const Refusal refusal = getSwitch(call.firstArgument, &built)) return replyText(call, refusal);
     replyText(call, built.get());
     LOG(INFO, "Voltaro Get finished");
 }
@@ -219,16 +224,16 @@ static void answerEnableBackend(MethodCall& call) {
 // ----- The service
 
 static constexpr Method KMethods[] = {
-    {"Set",           answerSet          },
-    {"Get",           answerGet          },
-    {"EnableBackend", answerEnableBackend},
+    {"Set",           "ss", true, answerSet          },
+    {"Get",           "s",  true, answerGet          },
+    {"EnableBackend", "b",  true, answerEnableBackend},
 };
 
 void handleVoltaroMethodCall(message_bus* bus, const char* method, const char* firstArgument, DBusMessage* call) {
     dispatchMethodCall(KMethods, bus, method, firstArgument, call);
 }
 
-static constexpr BusService KService = {
+constexpr BusService KVoltaroService = {
     .interface = "com.corvane.orsm.voltaro",
     .path = "/voltaro",
     .description = KVoltaroDescription,
@@ -240,7 +245,7 @@ static constexpr BusService KService = {
 };
 
 int enableDbusForVoltaro(struct event_base* base) {
-    iVoltaroMessageBus = offerService(KService, base);
+    iVoltaroMessageBus = offerService(KVoltaroService, base);
     return iVoltaroMessageBus != nullptr;
 }
 

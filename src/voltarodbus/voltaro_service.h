@@ -4,7 +4,9 @@
 #include <dbus/dbus.h>
 #include <event2/event.h>
 
-#include "common/msg_bus/message_bus.h"
+#include "src/services/bus_service.h"
+
+extern const BusService KVoltaroService;
 
 /// Offers the service on `base`: 1, or 0 when any of it failed (logged, nothing left behind). Main thread, before the
 /// bus thread runs.

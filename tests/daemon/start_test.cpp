@@ -74,15 +74,13 @@ TEST(StartUp, WithoutItsBusesItsNameOrItsPidFileItEndsWithOne) {
         fails(line, "ERROR Error setting listeners");
     };
     failsOnBus("", "<allow own=\"*\"/>", " WARN failed to request message bus name: com.corvane.orsm. Error:");
-    for (int rules = 0; rules < 9; ++rules) {  // a rule a method
-        failsOnBus("<limit name=\"max_match_rules_per_connection\">" + std::to_string(rules) + "</limit></busconfig>",
-                   "</busconfig>", " WARN Failed to dbus_bus_add_match: ");
-    }
+    failsOnBus("<limit name=\"max_match_rules_per_connection\">8</limit></busconfig>", "</busconfig>",
+               " WARN Failed to dbus_bus_add_match: ");  // a rule a method, of which there are nine
 
     std::filesystem::create_directory(KPidFile);
     EXPECT_EQ(startDaemon(configuration)->wait(), 1);
-    EXPECT_EQ(log.count("OrvoServiceManager version 0.4.0"), 13U);
-    EXPECT_EQ(log.count("ERROR Cannot enable dbus"), 12U);
+    EXPECT_EQ(log.count("OrvoServiceManager version 0.4.0"), 5U);
+    EXPECT_EQ(log.count("ERROR Cannot enable dbus"), 4U);
 }
 
 TEST(StartUp, TakesTheBusNameOverOrWaitsForItAndKeepsIt) {

@@ -14,7 +14,7 @@ static Target* iTarget;
 int LLVMFuzzerInitialize(int*, char***) {
     const std::map<std::string, Target*> targets{
         {"configuration", fuzzConfiguration},
-        {"calls",         fuzzCalls        }, // a marshalled message, or a method's letter and a line an argument
+        {"calls",         fuzzCalls        }, // a marshalled message
         {"answers",       fuzzAnswers      }, // the letter of what asks the servers, and a line an answer
         {"records",       fuzzRecords      }, // what stands in the event pipe
     };

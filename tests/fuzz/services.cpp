@@ -12,11 +12,12 @@
 #include "src/dbusinterface/event_pipe.h"
 #include "src/dbusinterface/event_record.h"
 #include "src/dbusinterface/service_store.h"
-#include "src/dyndnsrequest.h"
-#include "src/httprequest.h"
-#include "src/orvoservicesinfo.h"
+#include "src/orvoservicesinfo/orvoservicesinfo.h"
+#include "src/requests/dyndnsrequest.h"
+#include "src/requests/httprequest.h"
 #include "src/voltarodbus/voltaro_service.h"
 #include "tests/fuzz/fuzz.h"
+#include "tests/world/bus_client.h"
 
 static std::string_view iAnswers;  // of the servers, a line each; a request without one fails
 static int iReplies;               // that were sent
@@ -47,26 +48,13 @@ void saveOrvoServiceDataThrough(PcbContext*) {}
 
 namespace {
 
-struct Offered {
-    const char *interface, *method;
-    message_bus_method_callback handler;
+// What asks the servers, and its arguments.
+struct Asking {
+    const char *path, *method;
+    world::BusArguments arguments;
 };
 
 }  // namespace
-
-static constexpr char KDynDns[] = "com.corvane.orsm.dyndns", KVoltaro[] = "com.corvane.orsm.voltaro",
-                      KInfo[] = "com.corvane.orsm.orvoservicesinfo";
-static constexpr Offered KMethods[] = {
-    {KDynDns,  "IsEnabled",     handleDynDnsMethodCall          },
-    {KDynDns,  "GetName",       handleDynDnsMethodCall          },
-    {KDynDns,  "IsNameTaken",   handleDynDnsMethodCall          },
-    {KDynDns,  "Configure",     handleDynDnsMethodCall          },
-    {KDynDns,  "SetEnabled",    handleDynDnsMethodCall          },
-    {KVoltaro, "Set",           handleVoltaroMethodCall         },
-    {KVoltaro, "Get",           handleVoltaroMethodCall         },
-    {KVoltaro, "EnableBackend", handleVoltaroMethodCall         },
-    {KInfo,    "Get",           handleOrvoServicesInfoMethodCall},
-};
 
 // The state in which every input begins.
 static void startOver(const char* haId, TriState all) {
@@ -85,38 +73,22 @@ static void startOver(const char* haId, TriState all) {
 static void makeCall(DBusMessage* call) {
     bool taken = false;
     iReplies = 0;
-    for (const auto& method : KMethods) {
-        listener only{copyText(method.method), nullptr};
-        message_bus service{};
-        service.name = copyText(method.interface);
-        service.methodCallback = method.handler;
-        service.methodListeners = &only;
-        taken = taken || handle_message(nullptr, call, &service) == DBUS_HANDLER_RESULT_HANDLED;
+    for (const BusService* service : {&KDynDnsService, &KVoltaroService, &KOrvoServicesInfoService}) {
+        for (const Method& method : service->methods) {
+            listener only{copyText(method.name), nullptr};
+            message_bus bus{};
+            bus.name = copyText(service->interface);
+            bus.methodCallback = service->handler;
+            bus.methodListeners = &only;
+            taken = taken || handle_message(nullptr, call, &bus) == DBUS_HANDLER_RESULT_HANDLED;
+        }
     }
     require(iReplies == (taken && !dbus_message_get_no_reply(call) ? 1 : 0));
 }
 
-// A message from a method's letter, and a line for each argument whose first letter is its type.
-static OwnedMessage buildCall(std::string_view text) {
-    const auto& method = KMethods[static_cast<unsigned char>(takeLine(&text)[0] - 'a') % std::size(KMethods)];
-    OwnedMessage call(dbus_message_new_method_call("com.corvane.orsm", "/x", method.interface, method.method));
-    dbus_message_set_serial(call.get(), 1);
-    while (!text.empty()) {
-        const std::string line = takeLine(&text);
-        const char* value = line.c_str() + !line.empty();
-        const dbus_bool_t flag = *value == 't';
-        if (line[0] == 'b') dbus_message_append_args(call.get(), DBUS_TYPE_BOOLEAN, &flag, DBUS_TYPE_INVALID);
-        if (line[0] != 's' || !dbus_validate_utf8(value, nullptr)) continue;
-        dbus_message_append_args(call.get(), DBUS_TYPE_STRING, &value, DBUS_TYPE_INVALID);
-    }
-    return call;
-}
-
 void fuzzCalls(std::string_view bytes) {
     startOver("id", TRI_TRUE);
-    const bool isMessage = bytes.starts_with(DBUS_LITTLE_ENDIAN) || bytes.starts_with(DBUS_BIG_ENDIAN);
-    const OwnedMessage call(isMessage ? dbus_message_demarshal(bytes.data(), static_cast<int>(bytes.size()), nullptr)
-                                      : buildCall(bytes).release());
+    const OwnedMessage call(dbus_message_demarshal(bytes.data(), static_cast<int>(bytes.size()), nullptr));
     // What the first request of each method needs to succeed, and what the cloud says then.
     iAnswers = R"({"status":"SUCCESS","available":true,"params":"{\"email\":\"e@x\",\"password\":\"p&w\"}"}
 {"status":"ok","authToken":"t"}
@@ -126,12 +98,24 @@ void fuzzCalls(std::string_view bytes) {
 }
 
 void fuzzAnswers(std::string_view bytes) {
-    static constexpr const char* KCalls[] = {"c\nsName", "d\nbt\nsName", "f\nsid\nson", "f\nsid\nstoggle", "g\nsid"};
+    static const Asking KCalls[] = {
+        {"/dyndns",  "IsNameTaken", {"Name"}        },
+        {"/dyndns",  "Configure",   {true, "Name"}  },
+        {"/voltaro", "Set",         {"id", "on"}    },
+        {"/voltaro", "Set",         {"id", "toggle"}},
+        {"/voltaro", "Get",         {"id"}          },
+    };
     startOver("id", TRI_TRUE);
     const size_t chosen = static_cast<unsigned char>(takeLine(&bytes)[0] - 'a') % (std::size(KCalls) + 2);
     iAnswers = bytes;
-    if (chosen < std::size(KCalls)) return makeCall(buildCall(KCalls[chosen]).get());
-    chosen == std::size(KCalls) ? (void)setupDynDnsOnServer() : runDynDnsSyncStep(-1, 0, nullptr);
+    if (chosen >= std::size(KCalls)) {
+        return chosen == std::size(KCalls) ? (void)setupDynDnsOnServer() : runDynDnsSyncStep(-1, 0, nullptr);
+    }
+    const auto& [path, method, arguments] = KCalls[chosen];
+    const std::string interface = std::string("com.corvane.orsm.") + (path + 1);
+    const OwnedMessage call(world::BusClient::message(path, interface, method, arguments));
+    dbus_message_set_serial(call.get(), 1);
+    makeCall(call.get());
 }
 
 void fuzzRecords(std::string_view bytes) {

@@ -11,7 +11,7 @@
 #include "src/dbusinterface/event_reactions.h"
 #include "src/dbusinterface/gateway_client.h"
 #include "src/dbusinterface/service_store.h"
-#include "src/dyndnsrequest.h"
+#include "src/requests/dyndnsrequest.h"
 #include "tests/world/cloud.h"
 #include "tests/world/test_log.h"
 #include "tests/world/wrap.h"

@@ -1,4 +1,4 @@
-#include "src/httprequest.h"
+#include "src/requests/httprequest.h"
 
 #include <curl/curl.h>
 #include <gtest/gtest.h>

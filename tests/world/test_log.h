@@ -7,7 +7,7 @@
 #include <sstream>
 
 #include "common/conffile/conffile.h"
-#include "common/log/log_settings.h"
+#include "common/log_settings/log_settings.h"
 #include "tests/world/world.h"
 
 namespace world {

@@ -1,10 +1,10 @@
-#include "src/dbusinterface/public_interface.h"
+#include "src/main/public_interface.h"
 
 #include "common/msg_bus/message_bus.h"
 #include "src/dbusinterface/dyndns_service.h"
 #include "src/dbusinterface/dyndns_sync.h"
 #include "src/dbusinterface/service_store.h"
-#include "src/orvoservicesinfo.h"
+#include "src/orvoservicesinfo/orvoservicesinfo.h"
 #include "src/voltarodbus/voltaro_service.h"
 
 static constexpr char KSystemBusAddress[] = "unix:path=/var/run/dbus/system_bus_socket";

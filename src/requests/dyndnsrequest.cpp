@@ -1,10 +1,10 @@
-#include "src/dyndnsrequest.h"
+#include "src/requests/dyndnsrequest.h"
 
 #include <utility>
 
 #include "common/json/json.h"
 #include "common/log/log.h"
-#include "src/httprequest.h"
+#include "src/requests/httprequest.h"
 
 #define DYNDNS_PATH "/hm/dyndns"
 #define STARDEVICE_PATH "/hm/stardevice/"
@@ -26,7 +26,7 @@ static void store(char*& setting, OwnedText value) {
 }
 
 // Logs `message` when `value` is missing.
-static bool isGiven(const char* value, const char* message) {
+static bool requireText(const char* value, const char* message) {
     if (!value) LOG(ERROR, "%s", message);
     return value != nullptr;
 }
@@ -62,16 +62,16 @@ const char* getPathToServerCABundleFile() { return iPathToServerCABundleFile; }
 const char* getVoltaroServerUrl() { return iVoltaroServerUrl; }
 
 OwnedText verifyDynDnsName(const char* name) {
-    if (!isGiven(iApplicationServerUrl, "Missing Dyn DNS server url")) return nullptr;
-    if (!isGiven(name, "Missing name")) return nullptr;
+    if (!requireText(iApplicationServerUrl, "Missing Dyn DNS server url")) return nullptr;
+    if (!requireText(name, "Missing name")) return nullptr;
     const OwnedText url = formatText("%s" DYNDNS_PATH "/verify?name=%s", iApplicationServerUrl, name);
-    if (!isGiven(url.get(), "Out of memory")) return nullptr;
+    if (!requireText(url.get(), "Out of memory")) return nullptr;
     return curlGet(url.get(), iPathToServerCABundleFile);
 }
 
 OwnedText getDynDnsConfiguration(const char* haId) {
-    if (!isGiven(iApplicationServerUrl, "Missing Dyn DNS server url")) return nullptr;
-    if (!isGiven(haId, "Missing HA-ID")) return nullptr;
+    if (!requireText(iApplicationServerUrl, "Missing Dyn DNS server url")) return nullptr;
+    if (!requireText(haId, "Missing HA-ID")) return nullptr;
     const OwnedText url = formatText("%s" DYNDNS_PATH "?haId=%s", iApplicationServerUrl, haId);
     if (!url) return nullptr;
     return curlGet(url.get(), iPathToServerCABundleFile);
@@ -86,9 +86,9 @@ static OwnedJson makeConfigurationJson(const DynDnsConfiguration& configuration)
 }
 
 OwnedText setDynDnsConfiguration(const DynDnsConfiguration& configuration) {
-    if (!isGiven(iApplicationServerUrl, "Missing Dyn DNS server url")) return nullptr;
-    if (!isGiven(configuration.name, "Missing name")) return nullptr;
-    if (!isGiven(configuration.haId, "Missing HA-ID")) return nullptr;
+    if (!requireText(iApplicationServerUrl, "Missing Dyn DNS server url")) return nullptr;
+    if (!requireText(configuration.name, "Missing name")) return nullptr;
+    if (!requireText(configuration.haId, "Missing HA-ID")) return nullptr;
     OwnedJson object = makeConfigurationJson(configuration);
     if (!object) {
         LOG(ERROR, "Cannot create json object");
@@ -96,15 +96,15 @@ OwnedText setDynDnsConfiguration(const DynDnsConfiguration& configuration) {
     }
     const OwnedText body = printJson(object.get());
     object.reset();
-    if (!isGiven(body.get(), "Cannot create json string")) return nullptr;
+    if (!requireText(body.get(), "Cannot create json string")) return nullptr;
     const OwnedText url = formatText("%s" DYNDNS_PATH "/set", iApplicationServerUrl);
-    if (!isGiven(url.get(), "Out of memory")) return nullptr;
+    if (!requireText(url.get(), "Out of memory")) return nullptr;
     return curlPostV2(url.get(), body.get(), iPathToServerCABundleFile, JSON_HEADERS);
 }
 
 OwnedText getParamsForHaId(const char* haId) {
-    if (!isGiven(iApplicationServerUrl, "Missing app server url")) return nullptr;
-    if (!isGiven(haId, "Missing HA-ID")) return nullptr;
+    if (!requireText(iApplicationServerUrl, "Missing app server url")) return nullptr;
+    if (!requireText(haId, "Missing HA-ID")) return nullptr;
     const OwnedText url = formatText("%s" STARDEVICE_PATH "%s/params", iApplicationServerUrl, haId);
     if (!url) return nullptr;
     return curlGet(url.get(), iPathToServerCABundleFile);

@@ -1,4 +1,4 @@
-#include "platform/pcb/owned.h"
+#include "platform/pcb/buffer.h"
 
 #include <cstring>
 

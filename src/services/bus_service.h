@@ -4,25 +4,31 @@
 #include <dbus/dbus.h>
 #include <event2/event.h>
 
-#include <memory>
 #include <span>
 
 #include "common/msg_bus/message_bus.h"
+#include "common/owned/owned.h"
 
-struct ReleaseUnanswered {
-    void operator()(DBusMessage* message) const { message_bus_send_no_reply(nullptr, message); }
-};
+/// Releases a call that nobody answers; its client is left to its own time-out.
+inline void releaseUnanswered(DBusMessage* call) { message_bus_send_no_reply(nullptr, call); }
+using UnansweredCall = Owned<DBusMessage, releaseUnanswered>;
 
 /// A call that waits for its one answer. Answering takes the message out, so it cannot be answered twice; a call that
-/// goes out of scope unanswered is released, and its client is left to its own time-out.
+/// goes out of scope unanswered is released.
 struct MethodCall {
     message_bus* bus;
     const char* firstArgument;  // null when it has no text form; belongs to the message
-    std::unique_ptr<DBusMessage, ReleaseUnanswered> message;
+    UnansweredCall message;
 };
 
+/// The reply that stands for a failure of a step; null when there is none and the next step may follow.
+using Refusal = const char*;
+
+/// A method of a service. Its description and the bus policy say the same of it; a test holds them against each other.
 struct Method {
     const char* name;
+    const char* arguments;  // the types of what it takes, as D-Bus writes them
+    bool isGuarded;         // it changes something or asks a server: for root and the group only
     void (*answer)(MethodCall& call);
 };
 

@@ -4,7 +4,7 @@
 #include <dbus/dbus.h>
 #include <event2/event.h>
 
-#include "common/msg_bus/message_bus.h"
+#include "src/services/bus_service.h"
 
 /// Stores a copy of `text` as the service's answer, or nothing for null. 1 stored, 0 when memory is short (the old text
 /// stays). Main thread, before the bus thread runs.
@@ -12,6 +12,8 @@
 
 /// Releases the stored text. Only while the bus thread does not answer calls.
 void cleanOrvoServicesInfo();
+
+extern const BusService KOrvoServicesInfoService;
 
 /// Offers the service on `base`: 1, or 0 when any of it failed (logged, nothing left behind). Main thread, before the
 /// bus thread runs.

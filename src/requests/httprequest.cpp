@@ -1,4 +1,4 @@
-#include "src/httprequest.h"
+#include "src/requests/httprequest.h"
 
 #include <curl/curl.h>
 #include <resolv.h>
@@ -17,15 +17,8 @@ static constexpr uint32_t KFirstCapacity = 1024;
 static constexpr long KConnectTimeoutSeconds = 30;
 static constexpr long KTransferTimeoutSeconds = 30;
 
-struct CleanUpHandle {
-    void operator()(CURL* handle) const { curl_easy_cleanup(handle); }
-};
-using Handle = std::unique_ptr<CURL, CleanUpHandle>;
-
-struct FreeHeaderList {
-    void operator()(curl_slist* list) const { curl_slist_free_all(list); }
-};
-using HeaderList = std::unique_ptr<curl_slist, FreeHeaderList>;
+using Handle = Owned<CURL, curl_easy_cleanup>;
+using HeaderList = Owned<curl_slist, curl_slist_free_all>;
 
 // The body received so far; `data` always has room for a zero byte behind it.
 struct ResponseBuffer {

@@ -1,4 +1,4 @@
-#include "common/log/log_settings.h"
+#include "common/log_settings/log_settings.h"
 
 #include <sys/stat.h>
 #include <syslog.h>

@@ -1,31 +1,10 @@
-// Owned structs and growing byte buffers, without the C++ runtime library.
+// Pieces of texts and growing byte buffers, without the C++ runtime library.
 #pragma once
 
 #include <cstddef>
-#include <cstdlib>
-#include <memory>
-#include <new>
 #include <string_view>
 
 #include "common/text/text.h"
-
-template <class T>
-struct DestroyAndFree {
-    void operator()(T* thing) const {
-        if (!thing) return;
-        thing->~T();
-        free(thing);
-    }
-};
-template <class T>
-using Owned = std::unique_ptr<T, DestroyAndFree<T>>;
-
-/// A new T with its default values; null when memory is short. Any thread.
-template <class T>
-[[nodiscard]] Owned<T> makeOwned() {
-    void* memory = malloc(sizeof(T));
-    return Owned<T>(memory ? new (memory) T{} : nullptr);
-}
 
 /// A copy of `text` that may come without a zero behind it; null when memory is short. Any thread.
 [[nodiscard]] OwnedText copyPiece(std::string_view text);

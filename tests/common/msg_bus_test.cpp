@@ -1,5 +1,9 @@
 // The bus objects on a real bus, with a client on a connection of its own and callbacks that answer as they are asked
 // to.
+#include <poll.h>
+#include <sys/socket.h>
+
+#include <thread>
 #include <vector>
 
 #include "common/msg_bus/message_bus_internal.h"
@@ -101,6 +105,29 @@ TEST_F(MessageBus, CallsAndSignalsGoOutAndTheirEndIsReported) {
     offer({}, "com.corvane.nobody", nullptr);
     EXPECT_EQ(message_bus_call_method(bus, "/test", KName, "Last"), 1);
     expectNotes({"Last -"});
+}
+
+TEST_F(MessageBus, AnswersEveryCallAlsoWhenTheBusIsSlowToRead) {
+    offer({});
+    int socket = -1;
+    dbus_connection_get_socket(bus->connection.get(), &socket);
+    const int fewReplies = 1;
+    setsockopt(socket, SOL_SOCKET, SO_SNDBUF, &fewReplies, sizeof fewReplies);
+    for (int burst = 0; burst < 6; ++burst) {
+        std::vector<DBusPendingCall*> calls(100);
+        for (DBusPendingCall*& pending : calls) {
+            pending = send(newCall("Unknown"));
+        }
+        letBusHandOver();
+        daemon->send(SIGSTOP);
+        const std::jthread waker([&] {
+            poll(nullptr, 0, 50);  // the replies are being written meanwhile
+            daemon->send(SIGCONT);
+        });
+        for (DBusPendingCall* pending : calls) {
+            ASSERT_EQ(replyTo(pending), DBUS_ERROR_UNKNOWN_METHOD);
+        }
+    }
 }
 
 TEST_F(MessageBus, ACallThatNobodyAnswersEndsInTime) {

@@ -1,9 +1,8 @@
-#include "src/orvoservicesinfo.h"
+#include "src/orvoservicesinfo/orvoservicesinfo.h"
 
 #include "common/log/log.h"
 #include "common/text/text.h"
-#include "src/bus_service.h"
-#include "src/descriptions.h"
+#include "src/services/descriptions.h"
 
 static constexpr char KLogCategory[] = "orvoservicemanager";
 static constexpr char KLogModule[] = "src/orvoservicesinfo";
@@ -31,7 +30,7 @@ static void answerGet(MethodCall& call) {
 }
 
 static constexpr Method KMethods[] = {
-    {"Get", answerGet},
+    {"Get", "", false, answerGet},
 };
 
 void handleOrvoServicesInfoMethodCall(message_bus* bus, const char* method, const char* firstArgument,
@@ -39,7 +38,7 @@ void handleOrvoServicesInfoMethodCall(message_bus* bus, const char* method, cons
     dispatchMethodCall(KMethods, bus, method, firstArgument, call);
 }
 
-static constexpr BusService KService = {
+constexpr BusService KOrvoServicesInfoService = {
     .interface = "com.corvane.orsm.orvoservicesinfo",
     .path = "/orvoservicesinfo",
     .description = KOrvoServicesInfoDescription,
@@ -51,7 +50,7 @@ static constexpr BusService KService = {
 };
 
 int enableDbusForOrvoServicesInfo(struct event_base* base) {
-    iOrvoServicesInfoMessageBus = offerService(KService, base);
+    iOrvoServicesInfoMessageBus = offerService(KOrvoServicesInfoService, base);
     return iOrvoServicesInfoMessageBus != nullptr;
 }
 

@@ -1,4 +1,4 @@
-#include "src/bus_service.h"
+#include "src/services/bus_service.h"
 
 #include <cstring>
 
@@ -26,7 +26,7 @@ static DBusHandlerResult answerIntrospection(DBusConnection* connection, DBusMes
         return DBUS_HANDLER_RESULT_NOT_YET_HANDLED;
     }
     if (dbus_message_get_no_reply(call)) return DBUS_HANDLER_RESULT_HANDLED;
-    const std::unique_ptr<DBusMessage, ReleaseUnanswered> reply(dbus_message_new_method_return(call));
+    const UnansweredCall reply(dbus_message_new_method_return(call));
     const bool sent =
         reply && dbus_message_append_args(reply.get(), DBUS_TYPE_STRING, &service->description, DBUS_TYPE_INVALID) &&
         dbus_connection_send(connection, reply.get(), nullptr);
@@ -63,7 +63,7 @@ message_bus* offerService(const BusService& service, struct event_base* base) {
 void dispatchMethodCall(std::span<const Method> methods, message_bus* bus, const char* method,
                         const char* firstArgument, DBusMessage* message) {
     const InsideGate inside;
-    MethodCall call = {bus, firstArgument, std::unique_ptr<DBusMessage, ReleaseUnanswered>(message)};
+    MethodCall call = {bus, firstArgument, UnansweredCall(message)};
     LOG(INFO, "Method call: %s.%s", method, firstArgument);
     for (const Method& known : methods) {
         if (strcmp(known.name, method) == 0) return known.answer(call);

@@ -1,0 +1,23 @@
+// Whether the gateway is behind carrier-grade NAT: the query that reports a new WAN address, and the checks that ask
+// again. What they find goes into the event pipe. Main thread.
+#pragma once
+
+#include "pcblib/pcbclient.h"
+
+/// Closes the query that an earlier run may have left and opens a new one, whose object is watched once its number is
+/// known. False when one of the calls could not be sent (logged).
+[[nodiscard]] bool startWanQuery();
+
+/// Whether this parameter is the one that holds the WAN addresses.
+[[nodiscard]] bool isWanAddress(const char* path, const char* parameter);
+
+/// Asks for CG-NAT; in the loop. The second is left out, with a line, while one of its own is not answered yet.
+void checkCgNatAtStart();
+void checkCgNatAgain();
+
+/// The data-model client's callbacks for results of functions, and for a call that could not be sent and is released.
+void pcbFunctionCallback(const char* path, const char* function, const char* result);
+void pcbRequestLost(request_t* request);
+
+/// Releases everything; outside the loop.
+void releaseCgNatCheck();

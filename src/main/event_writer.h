@@ -1,0 +1,8 @@
+// The write end of the event pipe: the main thread's side of it.
+#pragma once
+
+extern int* iPipeForPcbChanges;  // the event pipe's descriptors, read end first
+
+/// Writes one record to the event pipe; a value (null for none) of more than 1023 bytes is logged and not sent. Waits
+/// while the pipe is full, until there is room or the data-model loop is to end. Main thread.
+void sendValueThroughPipe(unsigned code, const char* value);

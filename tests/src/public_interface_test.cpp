@@ -1,0 +1,50 @@
+// The bus interface as a whole: what its methods' rows say elsewhere, and what a start that fails leaves.
+#include "src/main/public_interface.h"
+
+#include <gtest/gtest.h>
+
+#include "src/dbusinterface/dyndns_service.h"
+#include "src/dbusinterface/service_store.h"
+#include "src/orvoservicesinfo/orvoservicesinfo.h"
+#include "src/voltarodbus/voltaro_service.h"
+#include "tests/world/world.h"
+
+TEST(Methods, AreDescribedAndGuardedAsTheirRowsSay) {
+    const std::string policy = world::readFile(ORSM_SOURCE_FOLDER "/dbus/com.corvane.orsm.conf");
+    for (const BusService* service : {&KDynDnsService, &KVoltaroService, &KOrvoServicesInfoService}) {
+        std::string described;
+        for (const Method& method : service->methods) {
+            described += std::string(method.name) + "(" + method.arguments + ") ";
+            const std::string rule = std::string("\"") + service->path + "\" send_member=\"" + method.name + "\"";
+            EXPECT_EQ(policy.find(rule) != std::string::npos, method.isGuarded) << rule;
+        }
+        // The same from the description: each argument of a method has its type before its direction.
+        std::string rows, text = service->description;
+        for (size_t at = text.find("<method name=\""); at != std::string::npos; at = text.find("<method name=\"", at)) {
+            at += strlen("<method name=\"");
+            rows += text.substr(at, text.find('"', at) - at) + "(";
+            const size_t end = text.find("</method>", at);
+            for (size_t in = text.find("\" direction=\"in\"", at); in < end;
+                 in = text.find("\" direction=\"in\"", in + 1)) {
+                rows += text[in - 1];
+            }
+            rows += ") ";
+        }
+        EXPECT_EQ(rows, described) << service->path;
+    }
+}
+
+TEST(PublicInterface, LeavesNothingBehindWhenAServiceIsRefused) {
+    std::string configuration = world::readFile(ORSM_SOURCE_FOLDER "/tests/world/bus.conf");
+    // Enough for the first service and one method of the second.
+    configuration.replace(configuration.find("</busconfig>"), std::string::npos,
+                          "<limit name=\"max_match_rules_per_connection\">6</limit></busconfig>");
+    world::writeFile("/var/run/bus.conf", configuration);
+    const auto dbus = world::startDbusDaemon("/var/run/bus.conf"), bus = world::startPcbBus();
+    event_base* const base = event_base_new();
+    EXPECT_FALSE(enableDbusPublicInterface(base));
+    EXPECT_EQ(event_base_get_num_events(base, EVENT_BASE_COUNT_ADDED), 0);
+    EXPECT_EQ(iDynDnsMessageBus, nullptr);
+    EXPECT_EQ(iBusPcbClient, nullptr);
+    event_base_free(base);
+}
