@@ -1,9 +1,6 @@
 #include "common/conffile/conffile.h"
 
 #include <gtest/gtest.h>
-#include <sys/ioctl.h>
-
-#include <thread>
 
 #include "tests/world/world.h"
 
@@ -44,17 +41,4 @@ TEST(ConfigFile, ReadsTheSamePairsFromBytesAndFromTheFirst4095OfAFile) {
         EXPECT_EQ(render(configFileLoad("/media/test.conf")), text.size() >= 4096 ? cut : pairs);
     }
     EXPECT_STREQ(configFileValue(configFileLoadFromBytes("a=1\nb=x\na=2", 11).get(), "a"), "2");
-}
-
-TEST(ConfigFile, ReadsAPipeToItsEnd) {
-    int ends[2];
-    ASSERT_EQ(pipe(ends), 0);
-    std::thread writer([&] {
-        int unread = write(ends[1], "a=1\nb", 5) == 5;
-        EXPECT_TRUE(world::waitFor([&] { return ioctl(ends[0], FIONREAD, &unread) == 0 && unread == 0; }));
-        EXPECT_EQ(write(ends[1], "=2", 2), 2);
-        close(ends[1]);
-    });
-    EXPECT_EQ(render(configFileLoad(("/proc/self/fd/" + std::to_string(ends[0])).c_str())), "[b|2][a|1]");
-    writer.join();
 }

@@ -185,13 +185,3 @@ TEST_F(MessageBus, AReplyThatCannotBeSentIsAnErrorForTheClient) {
     EXPECT_EQ(replyTo(send(newCall("Echo", {false}))), "false");
     EXPECT_EQ(daemon->output().find("Rejected send message"), std::string::npos);  // a reply that nobody asked for
 }
-
-TEST_F(MessageBus, ACallThatAFreedObjectLeftGoesToTheNext) {
-    offer({});
-    DBusPendingCall* meanwhile = send(newCall("Two"));
-    letBusHandOver();
-    EXPECT_EQ(message_bus_request_name(bus, KName), 1);  // reads the call, which nobody handles yet
-    message_bus_free(&bus);
-    offer({"Two"});
-    EXPECT_EQ(replyTo(meanwhile), "true");
-}

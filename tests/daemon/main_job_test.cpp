@@ -131,19 +131,16 @@ TEST(MainJob, ChangesDuringASlowRequestAllArriveInOrder) {
     EXPECT_EQ(gateway.end(), 0);
 }
 
-TEST(MainJob, GoesOnAndEndsAlthoughNobodyReadsItsOutput) {
+TEST(MainJob, GoesOnAndEndsAlthoughNobodyReadsItsLogAndNoFileMayGrow) {
     Gateway gateway;
-    writeFile("/var/run/orsm.conf",
-              daemonConfiguration(gateway.cloud->url(), gateway.cloud->caPath(), "logger.stdout=true\n"));
-    const std::string command = "mkfifo output; exec " + binary("orvoservicemanager") + " -c orsm.conf 3<>output >&3";
-    gateway.daemon = std::make_unique<Process>(std::vector<std::string>{"sh", "-c", "cd /var/run; " + command});
-    gateway.log.next("CG-NAT status: false");
-    setOften("NMC.HomeAutomation", "HA-ID", 1, 8, std::string(7000, 'x'));
-    gateway.settle();
-    // Nor does it mind a file that may not grow.
+    ASSERT_EQ(mkfifo(KDaemonLog, 0600), 0);
+    gateway.launch();
+    BusClient client;
+    ASSERT_TRUE(waitFor([&] { return client.call("/dyndns", "", "SetEnabled", {true}) == "true"; }));
     const rlimit nothing = {0, 0};
     EXPECT_EQ(prlimit(gateway.daemon->pid(), RLIMIT_FSIZE, &nothing, nullptr), 0);
-    EXPECT_EQ(BusClient().call("/dyndns", "", "IsEnabled"), R"({"status":"OK","result":false})");
+    EXPECT_EQ(client.call("/voltaro", "", "EnableBackend", {true}), "true");
+    EXPECT_EQ(client.call("/dyndns", "", "IsEnabled"), R"({"status":"OK","result":true})");
     EXPECT_EQ(gateway.end(), 0);
 }
 

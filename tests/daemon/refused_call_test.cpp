@@ -1,10 +1,11 @@
-// Calls that the system refuses while the daemon starts.
+// Calls that the system refuses while the daemon starts, and one during which its end is asked for.
 #include <gtest/gtest.h>
 
 #include <cstring>
 
 #include "tests/daemon/daemon.h"
 #include "tests/daemon/steering.h"
+#include "tests/world/bus_client.h"
 
 using namespace world;
 
@@ -31,4 +32,21 @@ TEST(RefusedCall, EndsTheStart) {
         EXPECT_TRUE(waitFor([] { return !exists(KPidFile); }));
         EXPECT_EQ(daemon->output(), strcmp(call, "epoll_wait") == 0 ? "[warn] epoll_wait: Too many open files\n" : "");
     }
+}
+
+TEST(EndDuringASave, ComesAfterIt) {
+    Gateway gateway;
+    gateway.start("orvoservicemanager-steered");
+    for (int call = 1; call <= 9; ++call) {  // of the save
+        gateway.set("OrvoService.Voltaro", "Enable", "false");
+        unlink(KStore);
+        strike(call, KEnd);
+        BusClient().call("/voltaro", "", "EnableBackend", {true});
+        EXPECT_EQ(gateway.daemon->wait(), 0);
+        EXPECT_NE(readFile(KStore).find("object Voltaro {\n        bool Enable = \"true\""), std::string::npos) << call;
+        EXPECT_FALSE(exists(std::string(KStore) + ".new"));
+        strike(0, 0);
+        gateway.start("orvoservicemanager-steered");
+    }
+    EXPECT_EQ(gateway.end(), 0);
 }

@@ -25,9 +25,5 @@ TEST(Release, NeedsOnlyTheLibrariesOfAGateway) {
     ASSERT_EQ(world::run({ORSM_STRIP, "-o", "/var/run/stripped", ORSM_DAEMON}), 0);
     const uintmax_t size = std::filesystem::file_size("/var/run/stripped");
     EXPECT_LE(size, sizeof(void*) == 4 ? 150U * 1024 : 200U * 1024);
-    printf("figure: the program: %ju bytes stripped; needs", size);
-    for (const std::string& library : needed) {
-        printf(" %s", library.c_str());
-    }
-    puts("");
+    printf("figure: the program: %ju bytes stripped\n", size);
 }

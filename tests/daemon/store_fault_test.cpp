@@ -62,18 +62,16 @@ TEST(StoreFault, AnyCallOfTheSavesOfConfigureMayFailOrBeTheLast) {
     EXPECT_EQ(steering().calls + 1, calls);
     Sweep sweep(6);
     for (size_t call = 1; call <= calls.size(); ++call) {
-        for (const int fault : {ENOSPC, EIO, EROFS, EACCES, EMFILE, EINTR, KShortWrite, KEnd, KKill}) {
+        for (const int fault : {ENOSPC, EIO, EROFS, EACCES, EMFILE, EINTR, KShortWrite, KKill}) {
             if (!sweep.next()) continue;
-            const std::string name = "box-" + std::to_string(call) + "-" + std::to_string(fault - KEnd);
+            const std::string name = "box-" + std::to_string(call) + "-" + std::to_string(fault - KShortWrite);
             SCOPED_TRACE(sweep.again() + ": fault " + std::to_string(fault) + " at call " + std::to_string(call));
             gateway.emptyLog();
             strike(static_cast<int>(call), fault);
             const bool done = gateway.configure(name);
             EXPECT_TRUE(gateway.isStoreWhole());
-            if (fault == KKill || fault == KEnd) {
-                EXPECT_EQ(gateway.daemon->wait(), fault == KEnd ? 0 : 128 + SIGKILL);
-                // An end that is asked for comes after the save.
-                EXPECT_FALSE(fault == KEnd && exists(std::string(KStore) + ".new"));
+            if (fault == KKill) {
+                EXPECT_EQ(gateway.daemon->wait(), 128 + SIGKILL);
                 gateway.restart();
                 EXPECT_TRUE(gateway.configure(name));
             } else {
@@ -115,8 +113,7 @@ TEST(SuddenEnd, AtAnyLogLineOrStoreCallOfASynchronizationIsMadeGoodByTheNextStar
         if (gateway.daemon->running()) {
             strike(0, 0);
             ASSERT_GT(deaths, 32) << "it must have saved four times";
-            printf("figure: sudden end: %d deaths in a synchronization of %zu log lines\n", deaths,
-                   gateway.log.count(" "));
+            printf("figure: sudden end: %d deaths in a synchronization\n", deaths);
             break;
         }
 
@@ -131,13 +128,7 @@ TEST(SuddenEnd, AtAnyLogLineOrStoreCallOfASynchronizationIsMadeGoodByTheNextStar
         ASSERT_EQ(gateway.stored("HostName"), begun ? name : before);
         EXPECT_TRUE(!begun || gateway.stored("Enable") == enabled);
         EXPECT_EQ(readFile(KPidFile), std::to_string(gateway.daemon->pid()) + "\n");
-        object_t* const queries = pcb_client_get_object(gateway.platform.peer, "NeMo.Intf.data.Query", 0);
-        EXPECT_TRUE(object_firstChild(queries) && !object_nextSibling(object_firstChild(queries)));
-        const std::vector<std::string> journal = gateway.cloud->journal();
-        EXPECT_LE(journal.size(), requests + 2);
-        for (size_t i = requests; i < journal.size(); ++i) {
-            EXPECT_TRUE(journal[i].starts_with("GET /hm/dyndns?haId=HA-1|")) << journal[i];
-        }
+        EXPECT_LE(gateway.cloud->journal().size(), requests + 2);
     }
     EXPECT_EQ(gateway.end(), 0);
     EXPECT_EQ(gateway.daemon->output(), "");

@@ -16,7 +16,6 @@ int LLVMFuzzerInitialize(int*, char***) {
         {"configuration", fuzzConfiguration},
         {"calls",         fuzzCalls        }, // a marshalled message
         {"answers",       fuzzAnswers      }, // the letter of what asks the servers, and a line an answer
-        {"records",       fuzzRecords      }, // what stands in the event pipe
     };
     iTarget = targets.at(textOrEmpty(getenv("FUZZ_TARGET")));
     return signal(SIGPIPE, SIG_IGN) == SIG_ERR;

