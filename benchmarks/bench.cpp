@@ -1,5 +1,5 @@
 // The figures of ./bench, on one page: each beside what it can be held against in the same run. What is compared is
-// measured in turns, so that a busy machine disturbs both alike. BENCH_ROUNDS (30) sets how many turns.
+// measured in turns, so that a busy machine disturbs both alike. ORSM_BENCH_ROUNDS (30) sets how many turns.
 #include <curl/curl.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -30,7 +30,7 @@ static constexpr char KInfoText[] = R"({"status":"OK","services":["dyndns","volt
 static constexpr char KIsEnabledText[] = R"({"status":"OK","result":false})";
 
 static int rounds() {
-    const char* wanted = getenv("BENCH_ROUNDS");
+    const char* wanted = getenv("ORSM_BENCH_ROUNDS");
     return wanted ? std::max(1, std::stoi(wanted)) : 30;
 }
 

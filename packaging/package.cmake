@@ -33,6 +33,10 @@ the daemon runs on a desk.")
 include(CPack)
 
 # What Debian wants to find with a package.
+file(STRINGS ${CMAKE_SOURCE_DIR}/packaging/changelog newest LIMIT_COUNT 1)
+if(NOT newest MATCHES "^orvoservicemanager \\(${PROJECT_VERSION}\\) ")
+  message(FATAL_ERROR "packaging/changelog does not begin with version ${PROJECT_VERSION}")
+endif()
 file(COPY_FILE ${CMAKE_SOURCE_DIR}/packaging/changelog ${CMAKE_BINARY_DIR}/changelog)
 execute_process(COMMAND gzip -9nf ${CMAKE_BINARY_DIR}/changelog COMMAND_ERROR_IS_FATAL ANY)
 set(daemon_package orvoservicemanager)

@@ -35,7 +35,7 @@
 static constexpr char KLogCategory[] = "orvoservicemanager";
 static constexpr char KLogModule[] = "src/main";
 
-static constexpr const char* KOrsmVersion = "0.4.0";
+static constexpr const char* KOrsmVersion = ORSM_VERSION;
 static constexpr const char* KOrsmPidFileName = "/var/run/orvoservicemanager.pid";
 
 // How long the bus thread waits for the first values of the watched parameters.

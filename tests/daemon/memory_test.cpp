@@ -1,5 +1,5 @@
 // Short memory: every allocation that the daemon makes on a path fails once, with the three behind it, and with all
-// behind it. STARVE=CLASS:PATTERN:NUMBER runs a single case.
+// behind it.
 #include <gtest/gtest.h>
 #include <unistd.h>
 

@@ -1,5 +1,5 @@
-// Years of work in a row: what the daemon holds must not grow. A slice by default; SWEEP=all makes it 100 000 HTTPS
-// requests, 1 000 000 bus calls and 200 000 notifications.
+// Years of work in a row: what the daemon holds must not grow. A slice by default; ORSM_SWEEP=all makes it 100 000
+// HTTPS requests, 1 000 000 bus calls and 200 000 notifications.
 #include <gtest/gtest.h>
 
 #include <algorithm>

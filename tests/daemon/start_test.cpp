@@ -27,7 +27,7 @@ TEST(CommandLine, OrConfigurationThatCannotBeUsedIsExplained) {
               "serverrequests.applicationserver=u\n");
     writeFile("/var/run/line", "no equals sign\n");
     const std::pair<std::vector<std::string>, std::string> cases[] = {
-        {{"-v"},                   "Version: 0.4.0\n"            },
+        {{"-v"},                   "Version: " ORSM_VERSION "\n" },
         {{},                       usage                         },
         {{"-v", "x"},              usage                         },
         {{"-c"},                   usage                         },
@@ -79,7 +79,7 @@ TEST(StartUp, WithoutItsBusesItsNameOrItsPidFileItEndsWithOne) {
 
     std::filesystem::create_directory(KPidFile);
     EXPECT_EQ(startDaemon(configuration)->wait(), 1);
-    EXPECT_EQ(log.count("OrvoServiceManager version 0.4.0"), 5U);
+    EXPECT_EQ(log.count("OrvoServiceManager version " ORSM_VERSION), 5U);
     EXPECT_EQ(log.count("ERROR Cannot enable dbus"), 4U);
 }
 

@@ -1,4 +1,4 @@
-// What libFuzzer calls, and the targets that are files. The environment variable FUZZ_TARGET names the target.
+// What libFuzzer calls, and the targets that are files. The environment variable ORSM_FUZZ_TARGET names the target.
 #include "tests/fuzz/fuzz.h"
 
 #include <csignal>
@@ -17,7 +17,7 @@ int LLVMFuzzerInitialize(int*, char***) {
         {"calls",         fuzzCalls        }, // a marshalled message
         {"answers",       fuzzAnswers      }, // the letter of what asks the servers, and a line an answer
     };
-    iTarget = targets.at(textOrEmpty(getenv("FUZZ_TARGET")));
+    iTarget = targets.at(textOrEmpty(getenv("ORSM_FUZZ_TARGET")));
     return signal(SIGPIPE, SIG_IGN) == SIG_ERR;
 }
 

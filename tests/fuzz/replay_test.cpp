@@ -11,7 +11,7 @@ TEST(Fuzz, EveryInputOfTheCorporaPasses) {
     for (const auto& file : std::filesystem::recursive_directory_iterator(ORSM_SOURCE_FOLDER "/tests/fuzz/corpus")) {
         if (file.is_directory()) continue;
         fprintf(stderr, "%s\n", file.path().c_str());  // the last one of a run that fails is the one
-        setenv("FUZZ_TARGET", file.path().parent_path().filename().c_str(), 1);
+        setenv("ORSM_FUZZ_TARGET", file.path().parent_path().filename().c_str(), 1);
         LLVMFuzzerInitialize(nullptr, nullptr);
         const std::string bytes = world::readFile(file.path());
         LLVMFuzzerTestOneInput(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size());

@@ -95,10 +95,10 @@ static std::string setting(const char* variable) {
 
 Sweep::Sweep(unsigned oneIn)
     : oneIn_(isWhole() ? 1 : oneIn),
-      seed_(setting("SEED").empty() ? 1 : static_cast<unsigned>(std::stoul(setting("SEED")))),
+      seed_(setting("ORSM_SEED").empty() ? 1 : static_cast<unsigned>(std::stoul(setting("ORSM_SEED")))),
       random_(seed_) {}
 
-bool Sweep::isWhole() { return setting("SWEEP") == "all"; }
+bool Sweep::isWhole() { return setting("ORSM_SWEEP") == "all"; }
 
 bool Sweep::next() {
     if (testing::Test::HasFailure()) return false;

@@ -44,8 +44,8 @@ int run(std::vector<std::string> arguments, std::string* output = nullptr);
 /// The path of a program of this build, such as binary("pcb-bus").
 std::string binary(const std::string& name);
 
-/// Which cases of a sweep run: every one with SWEEP=all, otherwise a sample of one in `oneIn`, the same each time;
-/// SEED=NUMBER draws another.
+/// Which cases of a sweep run: every one with ORSM_SWEEP=all, otherwise a sample of one in `oneIn`, the same each time;
+/// ORSM_SEED=NUMBER draws another.
 class Sweep {
   public:
     explicit Sweep(unsigned oneIn);
@@ -53,7 +53,7 @@ class Sweep {
     /// Whether the next case runs; none does once the test has failed.
     bool next();
     /// For the trace of a failure: what draws this sample again, and the case's number in it.
-    std::string again() const { return "SEED=" + std::to_string(seed_) + ", case " + std::to_string(number_); }
+    std::string again() const { return "ORSM_SEED=" + std::to_string(seed_) + ", case " + std::to_string(number_); }
     /// How many have run, of how many.
     std::string count() const { return std::to_string(taken_) + " of " + std::to_string(number_); }
 

@@ -1,0 +1,17 @@
+# Sourced by ./test and the tools that build for it.
+. tools/packages.sh
+
+# build PRESET [ARGUMENT...]: configures and builds; says what the tools say only when they fail.
+build() {
+  mkdir -p build
+  { cmake --preset "$1" -DBUILD_TESTING=ON && cmake --build --preset "$@"; } >"build/$1.log" 2>&1 ||
+    { cat "build/$1.log"; exit 1; }
+}
+
+# run_tests FOLDER CTEST_ARGUMENT...: ends with ctest's status, after the figures that the tests have printed.
+run_tests() {
+  local status=0 log=$1/Testing/Temporary/LastTest.log
+  ctest --test-dir "$@" || status=$?
+  [ ! -f "$log" ] || printf '\nFigures:\n%s\n' "$(sed -n 's/^figure: /  /p' "$log" | sort -u)"
+  exit $status
+}
