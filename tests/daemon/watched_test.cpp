@@ -33,8 +33,14 @@ TEST(Watched, EveryParameterReachesTheBusThreadAndNoOtherDoes) {
 // What makes the daemon ask for carrier-grade NAT again, and what it makes of the answer.
 TEST(Watched, CgNatIsCheckedAgainAndToldWhenItChanged) {
     Gateway gateway;
-    gateway.start();
-    EXPECT_TRUE(waitFor([&] { return gateway.log.count("Listening to changes in: NeMo.Intf.data.Query.1") == 1; }));
+    gateway.set("DNS.Server", "Status", "0");
+    gateway.launch();
+    gateway.log.next("Listening to changes in: NeMo.Intf.data.Query.1");
+    gateway.settle();
+    EXPECT_EQ(gateway.log.count("FUNCTION=hasFlag"), 0U) << "asked before there is a DNS server";
+    gateway.set("DNS.Server", "Status", "1");
+    gateway.log.next("CG-NAT status: false");
+    gateway.set("DNS.Server", "Status", "0");
     const std::tuple<const char*, const char*, const char*, const char*> cases[] = {
         {"cgnat", "DNS.Server",     "Status",    "CG-NAT status: true" },
         {"",      "NeMo.Intf.data", "Addresses", "CG-NAT status: false"},
@@ -56,5 +62,8 @@ TEST(Watched, CgNatIsCheckedAgainAndToldWhenItChanged) {
     gateway.log.next("Previous CG-NAT check is still pending!");
     gateway.log.next("CG-NAT status: true");
     EXPECT_EQ(gateway.log.count("CG-NAT status: "), 4U);
+    gateway.set("DNS.Server", "Status", "true");
+    gateway.log.next("FUNCTION=hasFlag");
+    EXPECT_EQ(gateway.log.count("FUNCTION=hasFlag"), 6U) << "one at a time";
     EXPECT_EQ(gateway.end(), 0);
 }

@@ -171,8 +171,9 @@ TEST_F(Client, DefersWorkAndDoesItNewestFirst) {
     setPcbFunctionCallback([](const char*, const char* function, const char*) {
         receive(function);
         if (iReceived.size() == 2) {
-            freePcbRequestObjectAsync(first);
-            freePcbRequestObjectAsync(second);
+            for (request_t* request : {first, first, second}) {  // twice is once
+                freePcbRequestObjectAsync(request);
+            }
             listenToChangesInPcbObjectAsync(copyText("OrvoService.Voltaro"));
         }
     });
