@@ -42,7 +42,7 @@ static bool switchModeOn(const char* mode) {
     return true;
 }
 
-static bool isConnectedNow() {
+static bool checkConnection() {
     LOG(DEBUG, "Checking GatewayClient connection status");
     const OwnedText status = easyGetPcbParamAsString(iBusPcbClient, KGatewayClientObject, KConnectionStatus);
     if (!status) {
@@ -83,7 +83,7 @@ bool waitForGatewayClientConnection() {
             LOG(ERROR, "GatewayClient still cannot connect to ApplicationServer - giving up");
             return switched;
         }
-        if (isConnectedNow()) return switched;
+        if (checkConnection()) return switched;
         sleepUntilNextPoll();
     }
 }

@@ -172,7 +172,6 @@ void pcbParamChanged(const char* path, const char* parameter, const char* oldVal
     sendValueThroughPipe(code, newValue);
 
     if (code != EVENT_DNS_SERVER_STATUS_CHANGED && code != EVENT_WAN_ADDRESS_CHANGED) return;
-    // Also of an address only "true" and "1" ask: the check is made when the status of the DNS server becomes true, and
-    // an address reports itself like that.
+    // One rule for both: only "true" or "1" asks again. A list of addresses is neither.
     if (isDataModelTrue(newValue)) checkCgNatAgain();
 }

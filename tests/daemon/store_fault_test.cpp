@@ -54,7 +54,9 @@ struct StoredGateway : SteeredGateway {
 }  // namespace
 
 TEST(StoreFault, AnyCallOfTheSavesOfConfigureMayFailOrBeTheLast) {
-    const std::string calls = "uowscroscuowscroscuowscrosc";
+    // Unlink, open, write, sync, close and rename the new file; open, sync and close its folder. Configure saves
+    // thrice.
+    const std::string save = "uowscrosc", calls = save + save + save;
     StoredGateway gateway;
     strike(99, KKill);
     EXPECT_TRUE(gateway.configure("box"));
