@@ -18,6 +18,9 @@ TEST(Layers, EveryIncludeIsAllowedAndNoneClosesACircle) {
         std::istringstream words(line.substr(folder.size() + 1));
         while (words >> allowed) {
             EXPECT_TRUE(layers.contains(allowed)) << line << ": " << allowed << " does not stand above";
+            layers[folder].insert(allowed);
+            // On a gateway the platform's own library stands there, and brings nothing of ours.
+            if (allowed == "platform/pcb" && !folder.starts_with("platform/")) continue;
             layers[folder].insert(layers[allowed].begin(), layers[allowed].end());
         }
     }
