@@ -1,6 +1,7 @@
 // Linked into the steered daemon: its timers pass quicker, a call for its store or its log is the last one, or fails,
 // or writes half, and a call of its start is refused.
 #include <event2/event.h>
+#include <poll.h>
 #include <pthread.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
@@ -24,7 +25,11 @@ static bool isStruck(char call, const char* file) {
     page.calls[number % 100] = call;
     if (number != page.call || (page.fault == KShortWrite && call != 'w')) return false;
     if (page.fault == KKill) kill(getpid(), SIGKILL);
-    if (page.fault == KEnd) return kill(getpid(), SIGTERM) != 0;
+    if (page.fault == KEnd) {
+        kill(getpid(), SIGTERM);
+        poll(nullptr, 0, 1500);  // longer than an end that does not wait
+        return false;
+    }
     // A write that was cut short or interrupted goes on, and the folder has nothing to say when it is closed.
     const bool harmless =
         call == 'w' ? page.fault == KShortWrite || page.fault == EINTR : call == 'c' && strcmp(file, "/media") == 0;
@@ -68,6 +73,8 @@ static bool isRefused(const char* call) {
 }
 
 WRAP(pid_t, fork) { return isRefused("fork") ? -1 : __real_fork(); }
+
+WRAP(unsigned, alarm, unsigned seconds) { return isRefused("alarm") ? 0 : __real_alarm(seconds); }
 
 WRAP(pid_t, setsid) { return isRefused("setsid") ? -1 : __real_setsid(); }
 

@@ -44,16 +44,21 @@ TEST(Installed, EachComponentHoldsExactlyItsFiles) {
                                       share + "man/man1/pcb-ctl.1.gz", share + "orvoservicemanager/gateway.odl",
                                       doc + "-desk/changelog.gz", doc + "-desk/copyright"}));
     EXPECT_EQ(install("procd"), (Words{"755 /etc/init.d/orvoservicemanager"}));
-    // clang-format off
     const Words expected = {
-        "755 /usr/sbin/orvoservicemanager", "644 /etc/orvoservicemanager.conf",
-        "644 /usr/lib/systemd/system/orvoservicemanager.service", "644 /usr/lib/sysusers.d/orvoservicemanager.conf",
-        dbus + "system.d/com.corvane.orsm.conf", dbus + "system-services/com.corvane.orsm.service",
-        interface + "dyndns.xml", interface + "voltaro.xml", interface + "orvoservicesinfo.xml",
-        share + "man/man8/orvoservicemanager.8.gz", share + "man/man5/orvoservicemanager.conf.5.gz",
-        doc + "/changelog.gz", doc + "/copyright",
+        "755 /usr/sbin/orvoservicemanager",
+        "644 /etc/orvoservicemanager.conf",
+        "644 /usr/lib/systemd/system/orvoservicemanager.service",
+        "644 /usr/lib/sysusers.d/orvoservicemanager.conf",
+        dbus + "system.d/com.corvane.orsm.conf",
+        dbus + "system-services/com.corvane.orsm.service",
+        interface + "dyndns.xml",
+        interface + "voltaro.xml",
+        interface + "orvoservicesinfo.xml",
+        share + "man/man8/orvoservicemanager.8.gz",
+        share + "man/man5/orvoservicemanager.conf.5.gz",
+        doc + "/changelog.gz",
+        doc + "/copyright",
     };
-    // clang-format on
     EXPECT_EQ(install("daemon"), expected);
 }
 

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include "common/msg_bus/message_bus_internal.h"
 #include "src/dbusinterface/dyndns_service.h"
 #include "src/dbusinterface/service_store.h"
 #include "src/orvoservicesinfo/orvoservicesinfo.h"
@@ -44,7 +45,12 @@ TEST(PublicInterface, LeavesNothingBehindWhenAServiceIsRefused) {
     event_base* const base = event_base_new();
     EXPECT_FALSE(enableDbusPublicInterface(base));
     EXPECT_EQ(event_base_get_num_events(base, EVENT_BASE_COUNT_ADDED), 0);
-    EXPECT_EQ(iDynDnsMessageBus, nullptr);
+    for (const char* path : {"/dyndns", "/voltaro"}) {
+        void* object = nullptr;
+        const OwnedConnection shared(dbus_bus_get(DBUS_BUS_SESSION, nullptr));
+        dbus_connection_get_object_path_data(shared.get(), path, &object);
+        EXPECT_EQ(object, nullptr) << path;
+    }
     EXPECT_EQ(iBusPcbClient, nullptr);
     event_base_free(base);
 }
