@@ -64,7 +64,7 @@ double cpuOf(pid_t process) {
     return clock_getcpuclockid(process, &clock) == 0 ? microseconds(clock) : NAN;
 }
 
-// The sum of the numbers behind the rows that end with `row`.
+// The sum of the numbers that follow the rows that end with `row`.
 static long sumOfRows(const std::string& file, const std::string& row) {
     std::istringstream lines(world::readFile(file));
     long sum = 0;

@@ -1,5 +1,5 @@
 // The daemon's client of the gateway's data model: contexts and parameters, subscriptions and the event loop, function
-// calls. It stands on the platform's libraries. The singleton client, the subscriptions, the loop, the queues and the
+// calls. It uses the platform's client library. The singleton client, the subscriptions, the loop, the queues and the
 // asynchronous functions belong to the main thread; a context made with easyCreatePcbDataModelClient belongs to the
 // thread that uses it. Failures are logged here, except short memory where the result says it; operations report 1
 // for success and 0 for failure.
@@ -46,7 +46,7 @@ object_t* easyGetPcbObject(PcbContext* context, const char* path);
 
 /// Walks the parameters of `object`: the one after `*cursor` (the first for a null cursor), which becomes the cursor;
 /// null at the end. `*name` belongs to the library, `*value` is a new text; both are null when there is no parameter,
-/// the value also when memory is short. The context's thread.
+/// the value also when out of memory. The context's thread.
 parameter_t* easyGetPcbParamNext(object_t* object, parameter_t** cursor, const char** name, OwnedText* value);
 
 /// The value of one parameter of a fetched or delivered object; null when it has none of that name. The object's
@@ -137,7 +137,7 @@ void setPcbRequestLostCallback(PcbRequestLostCallback callback);
 /// A function call to be filled and sent, or null. Released by its owner like a subscription.
 [[nodiscard]] request_t* prepareToExecutePcbFunction(const char* path, const char* function);
 
-/// Adds a named parameter to a prepared call: nonzero, or 0 when memory is short, one of the three is null or the call
+/// Adds a named parameter to a prepared call: nonzero, or 0 when out of memory, one of the three is null or the call
 /// was sent already.
 [[nodiscard]] int addStringParameter(request_t* request, const char* name, const char* value);
 
@@ -169,5 +169,5 @@ const char* easyExecutePcbFunction(PcbContext* context, const char* path, const 
 /// The handler of an asynchronous call's reply items; always 1.
 int handleAsyncFunctionReturn(request_t* request, reply_item_t* item);
 
-/// The result JSON of a function return; null for an item of another kind, or when memory is short.
+/// The result JSON of a function return; null for an item of another kind, or when out of memory.
 [[nodiscard]] OwnedText functionExecutionResultToJson(reply_item_t* item);

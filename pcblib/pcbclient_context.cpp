@@ -12,7 +12,7 @@ static int iPcbLibraryUsers;
 
 namespace {
 
-// SIGTERM and SIGINT stay the program's, whatever the library makes of them in this scope.
+// Restores the program's handlers of SIGTERM and SIGINT at the end of its scope, in case the library replaced them.
 struct KeepEndSignals {
     KeepEndSignals() {
         sigaction(SIGTERM, nullptr, &terminate_);
@@ -36,7 +36,7 @@ struct KeepEndSignals {
     struct sigaction terminate_, interrupt_;
 };
 
-// Makes both wait.
+// Blocks SIGTERM and SIGINT for its scope.
 struct DelayEndSignals {
     DelayEndSignals() {
         sigset_t both;
@@ -61,7 +61,7 @@ static bool initLibrary() {
     return connection_initLibrary();
 }
 
-// Connecting may take 5 s, too long for a signal to wait. One that came to the library instead has set its flag.
+// Connecting may take 5 s, too long to block the signals. A signal that the library took has set the library's flag.
 static peer_info_t* connectToBus(pcb_t* pcb) {
     peer_info_t* peer = nullptr;
     bool lost = false;

@@ -16,7 +16,7 @@ request_t* prepareToExecutePcbFunction(const char* path, const char* function) {
     return keepRequest(request_create_executeFunction(path, function, KCallAsynchronous));
 }
 
-// Adds what `fill` puts into a variant; nothing when there is no request, no name, nothing to put in, or `fill` fails.
+// Adds the value that `fill` puts into a variant. 0 without a request, a name or content, or when `fill` fails.
 template <class Value, class Fill>
 static int addParameter(request_t* request, const char* name, Value* content, const Fill& fill) {
     if (!request || !name || !content) return 0;
@@ -31,7 +31,7 @@ int addStringParameter(request_t* request, const char* name, const char* value) 
 int addMapParameter(request_t* request, const char* name, variant_map_t* map) {
     return addParameter(request, name, map, [](auto* to, auto* from) {
         if (!variant_setMapMove(to, from)) return false;
-        (void)variant_map_initialize(from);  // a library need not leave a map behind
+        (void)variant_map_initialize(from);  // a library may leave it uninitialised
         return true;
     });
 }
@@ -108,7 +108,7 @@ static bool addArguments(cJSON* result, List* arguments) {
     return true;
 }
 
-// Null when memory is short: a result that lacks a member would look like another answer.
+// Null when out of memory: a result that lacks a member would look like another answer.
 static OwnedText functionReturnToJson(reply_item_t* item) {
     const OwnedJson result(cJSON_CreateObject());
     const OwnedText returned = textOf(reply_item_returnValue(item));
@@ -149,7 +149,7 @@ static int handleSyncFunctionReturn(request_t* request, reply_item_t* item) {
     return 1;
 }
 
-// One wait, whatever it brings: events that are not the answer use it up.
+// Waits once. An event that is not the answer ends the wait, too.
 static void waitForResult(connection_info_t* connection) {
     ConnectionList connections(connection);
     if (!connection) pcb_error = KErrorNotConnected;

@@ -8,7 +8,7 @@
 [[maybe_unused]] static constexpr char KLogCategory[] = "orvoservicemanager";
 [[maybe_unused]] static constexpr char KLogModule[] = "pcblib/pcbclient";
 
-/// A request that nothing was kept for.
+/// A request that keepRequest has not taken over.
 using OwnedRequest = Owned<request_t, request_destroy>;
 
 /// A variant on the stack that releases what it holds; `ready` says whether it can be used.
@@ -46,7 +46,7 @@ void drainPendingWork();
 /// calls, which are their owners'. Main thread, outside the loop.
 void releasePendingWork();
 
-/// Queues a call for drainPendingWork: false when memory is short.
+/// Queues a call for drainPendingWork: false when out of memory.
 [[nodiscard]] bool pushPendingExecution(request_t* request);
 
 /// Logs why a request could not be created.
@@ -69,5 +69,5 @@ void logWaitFailure();
 /// Logs an error item.
 void logErrorItem(reply_item_t* item);
 
-/// Makes the loop come round to the queues.
+/// Wakes the loop, so that it drains the queues.
 void wakeEventLoop();

@@ -175,7 +175,7 @@ static void walkThrough(void (*walk)(notification_t*), reply_item_t* item) {
 }
 
 int clientHandleReplyItem(request_t*, reply_item_t* item) {
-    const int type = reply_item_type(item);  // a library's own enumeration would have its other members named here
+    const int type = reply_item_type(item);  // as int, since -Wswitch-enum wants all members of an enumeration
     switch (type) {
         case KReplyObject: reportObject(reply_item_object(item)); break;
         case KReplyNotification: walkThrough(walkThroughChangedParameters, item); break;

@@ -41,7 +41,7 @@ static OwnedConfig makeConfig(size_t contentSize) {
     return config;
 }
 
-// The text of a field that begins behind its opening quote: up to the closing one, or to the end without it.
+// The text of a quoted field, from after its opening quote up to the closing one, or to the end when there is none.
 static char* unquote(char* const text) {
     char* to = text;
     for (const char* from = text; *from && *from != '"'; ++from) {
@@ -122,7 +122,7 @@ OwnedConfig configFileLoad(const char* path) {
 
 OwnedConfig configFileLoadFromBytes(const void* bytes, size_t length) {
     LOG(INFO, "parsing configuration from server");
-    // A length that its field cannot hold is more than there is memory for.
+    // A length that does not fit its field asks for more memory than there is.
     OwnedConfig config = makeConfig(length < UINT32_MAX ? length + 1 : SIZE_MAX);
     if (!config) return nullptr;
     if (!bytes) {

@@ -26,8 +26,8 @@ void configFileFree(ConfigFile* config);
 
 using OwnedConfig = Owned<ConfigFile, configFileFree>;
 
-/// Reads the file at `path`, a pipe until its writers have closed it; what stands behind its first 4095 bytes is
-/// ignored. Null, and a line in the log, when the path is null, the file cannot be opened or read, a line holds no "=",
+/// Reads the first 4095 bytes of the file at `path` and ignores the rest. A pipe is read until its writers have closed
+/// it. Null, and a line in the log, when the path is null, the file cannot be opened or read, a line holds no "=",
 /// or memory is short. An empty file is a configuration without pairs.
 [[nodiscard]] OwnedConfig configFileLoad(const char* path);
 
@@ -39,7 +39,7 @@ using OwnedConfig = Owned<ConfigFile, configFileFree>;
 /// a line in the log, when the key or the configuration is null or has no pairs.
 const char* configFileValue(const ConfigFile* config, const char* key);
 
-/// Walks all pairs, the text's last line first: the head for a null `current`, else the one behind it; null at the end
+/// Walks all pairs, the text's last line first: the head for a null `current`, else the next one; null at the end
 /// and for a null configuration.
 const ConfigPair* configFileNextKVPair(const ConfigFile* config, const ConfigPair* current);
 

@@ -15,9 +15,9 @@ using OwnedJson = Owned<cJSON, cJSON_Delete>;
 /// `object` is null, has no such member, or the member is no text. The text belongs to the tree. Any thread.
 const char* jsonTextMember(const cJSON* object, const char* name);
 
-/// Adds the member `key` to `object`: `text` as a JSON string, or JSON null for a null text. False when memory is short
+/// Adds the member `key` to `object`: `text` as a JSON string, or JSON null for a null text. False when out of memory
 /// (the object stays as it was). Any thread.
 [[nodiscard]] bool addJsonStringOrNull(cJSON* object, const char* key, const char* text);
 
-/// Prints `tree` without white space into a new text; null when memory is short. Any thread.
+/// Prints `tree` without white space into a new text; null when out of memory. Any thread.
 [[nodiscard]] OwnedText printJson(const cJSON* tree);

@@ -67,7 +67,7 @@ void reloadLogOnHangup(void (*reload)()) {
     signal(SIGHUP, noteHangup);
 }
 
-// A hang-up that comes during a reload is left to the next call, so the reload's own lines never start another.
+// A SIGHUP during a reload is left to the next call, so that the lines of a reload never start another one.
 static void reloadIfAsked() {
     if (iReloading || !iHangupSeen.exchange(false)) return;
     iReloading = true;
@@ -107,7 +107,7 @@ static char* end(Line& line) { return line.text + line.length; }
 // What may still be printed at the end, the zero byte included.
 static size_t room(const Line& line) { return sizeof line.text - line.length; }
 
-// Takes in what a printf at the end has printed, from its result; false when it failed.
+// Adds to the length what a printf at the end has printed; false when that failed.
 static bool extend(Line& line, int printed) {
     if (printed < 0) return false;
     line.length += std::min(static_cast<size_t>(printed), room(line) - 1);
@@ -127,7 +127,7 @@ static const char* dateAndTime(time_t second) {
     return text;
 }
 
-// What a message quotes must not pass for another line of the log, or steer a terminal that shows it.
+// A text inside a message must not look like another log line, or control a terminal that shows it.
 static void clean(char* text, size_t length) {
     for (size_t i = 0; i < length; ++i) {
         const auto byte = static_cast<unsigned char>(text[i]);
@@ -148,8 +148,8 @@ __attribute__((format_arg(1))) static const char* beginningOf(const char* format
     return room;
 }
 
-// Puts a format's own line breaks back: each stands where the message ends when its format ends there. One behind the
-// format's first 255 bytes stays a blank.
+// Puts a format's own line breaks back: each goes where the message would end if its format ended there. One after
+// the format's first 255 bytes stays a blank.
 __attribute__((format(printf, 3, 0))) static void restoreBreaks(char* message, size_t length, const char* format,
                                                                 va_list arguments) {
     char beginning[256];
@@ -177,7 +177,7 @@ static void beginLine(Line& line, int level, const char* file, ssize_t lineNumbe
     extend(line, snprintf(end(line), room(line), "file: %s, line: %zd - ", file, lineNumber));
 }
 
-// A printf format here, not in the header: LOG has checked it, and hands it on from where it is no literal any more.
+// Declared as a printf format here and not in the header: callers use LOG, which has checked the literal.
 __attribute__((format(printf, 5, 6))) void _log(const char* category, int level, const char* file, ssize_t line,
                                                 const char* format, ...) {
     const KeepErrno keep;

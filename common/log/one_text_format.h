@@ -3,7 +3,7 @@
 
 #include "common/log/log.h"
 
-/// Not defined, and no constant expression: naming it is how a bad format stops the compiler.
+/// Not defined and not a constant expression: a bad format calls it, and does not compile.
 void aTablesFormatHasExactlyOneTextConversion();
 
 /// A format with exactly one conversion, "%s". Anything else does not compile.

@@ -24,7 +24,7 @@ static constexpr char KDefaultFolder[] = "/var/log";
 
 namespace {
 
-// An output whose reader is gone is a failure like any other, and silent: for its scope no SIGPIPE reaches the process.
+// Blocks SIGPIPE for its scope: an output whose reader is gone fails silently, like any other failing output.
 struct WithoutBrokenPipe {
     WithoutBrokenPipe() {
         sigemptyset(&signal_);
@@ -46,8 +46,8 @@ struct WithoutBrokenPipe {
 
 }  // namespace
 
-// One write call a line, so that the lines of several writers never mix; a buffered stream would split the long ones.
-// Made again only when a signal cut it before its first byte.
+// One write call per line, so that lines of several writers never mix. It is repeated only when a signal interrupted it
+// before its first byte.
 static void writeOnce(int file, const Line& line) {
     while (write(file, line.text, line.length) < 0 && errno == EINTR) {
     }
@@ -58,9 +58,9 @@ static constexpr int KLookEvery = 10;   // ms
 
 namespace {
 
-// What an output knows of the reader of its pipe, terminal or socket. One that takes nothing for KPatience has stopped:
-// until it reads again, what finds no room is dropped at once. Without an end to the wait, the log's lock would hold
-// both threads, and the end of the process.
+// The state of the reader of a pipe, terminal or socket. A reader that takes nothing for KPatience has stopped. Until
+// it reads again, a line that finds no room is dropped at once. An endless wait would hold the log's lock, and with it
+// both threads and the end of the process.
 struct Reader {
     bool stopped = false;
     int unread = 0;           // in a pipe, when a line last began to wait, or was dropped
@@ -97,11 +97,11 @@ static bool hasRoom(int pipe, size_t length) {
 
 // Waits until the pipe takes the line with one write; false when its reader has stopped.
 static bool waitForRoom(int pipe, Reader& reader, size_t length) {
-    // Room is no sign of life: a short line still finds it where a long one does not.
+    // Some room does not mean that the reader reads: a short line may fit where a long one does not.
     if (reader.stopped && unreadIn(pipe) < reader.unread) reader.stopped = false;
     for (int waited = reader.stopped ? KPatience : 0; !hasRoom(pipe, length); waited += KLookEvery) {
         const int unread = unreadIn(pipe);
-        // A reader that took byte after byte would hold the log for hours: only a page counts.
+        // Only a page counts as progress: a reader that takes single bytes would hold the log for hours.
         if (reader.unread - unread >= PIPE_BUF) waited = 0;
         reader.stopped = waited >= KPatience;
         if (reader.stopped || waited == 0) reader.unread = unread;
@@ -116,7 +116,7 @@ static ssize_t writeSome(int file, const char* text, size_t length) {
     if ((fcntl(file, F_GETFL) & O_NONBLOCK) != 0) return write(file, text, length);
     const ssize_t sent = send(file, text, length, MSG_DONTWAIT);
     if (sent >= 0 || errno != ENOTSOCK) return sent;
-    // A terminal that could not be opened a second time: room for one byte is all that poll promises.
+    // The terminal could not be opened a second time, and poll promises room for one byte only.
     return hasSomeRoom(file) ? write(file, text, 1) : 0;
 }
 
@@ -145,7 +145,7 @@ static size_t writeWhileRead(int file, Reader& reader, const char* text, size_t 
 }
 
 static void writeInPieces(int file, Reader& reader, const Line& line) {
-    // The rest of a torn line is lost. The next one begins on a line of its own, where its date is looked for.
+    // The rest of a torn line is lost. The next line starts on a new line, so that its date stands in front.
     if (reader.insideLine && writeWhileRead(file, reader, "\n", 1) == 0) return;
     const size_t written = writeWhileRead(file, reader, line.text, line.length);
     reader.insideLine = written > 0 && written < line.length;
@@ -163,13 +163,13 @@ static void writeTo(int file, Reader& reader, const Line& line) {
     }
 }
 
-// Opening never waits: the name may be a pipe's that nobody reads. A terminal does not become the process's own.
+// Opening never waits, also for a pipe that nobody reads. A terminal does not become the controlling terminal.
 static constexpr int KToWrite = O_WRONLY | O_APPEND | O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
 
 static void writeToStandardOutput(const Line& line) {
-    fflush(stdout);  // what the program printed before stands before
-    // Others share its description and find it blocking, as it was; a terminal with room for a part of the line would
-    // hold this thread, so it is opened a second time.
+    fflush(stdout);  // what the program printed earlier comes first
+    // Other programs share the file description, so it stays blocking. A terminal with room for a part of the line
+    // would then block this thread, so it is opened a second time.
     const int again = isatty(STDOUT_FILENO) ? open("/proc/self/fd/1", KToWrite) : -1;
     writeTo(again >= 0 ? again : STDOUT_FILENO, iStandardOutputReader, line);
     if (again >= 0) close(again);
@@ -193,7 +193,7 @@ static bool formatRotatedPath(char (&path)[PATH_MAX], const char* folder, int in
 }
 
 static void rotate(const char* folder) {
-    // The log is held meanwhile, so the count is bounded; a count that allows no file at all means the current one.
+    // The count is bounded because the log is locked meanwhile. A count below 1 means the current file only.
     const int last = std::clamp(iLogSettings.maxFileCount, 1, 1000) - 1;
     char to[PATH_MAX];
     char from[PATH_MAX];

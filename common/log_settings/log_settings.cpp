@@ -45,7 +45,7 @@ static void reset() {
 }
 
 static void reloadFromFile() {
-    // A pipe or terminal would have to be waited for, with the log held.
+    // Reading a pipe or terminal could block while the log is locked.
     struct stat status = {};
     if (stat(KReloadFileName, &status) == 0 && !S_ISREG(status.st_mode)) {
         LOG(WARN, "not an ordinary file: %s", KReloadFileName);

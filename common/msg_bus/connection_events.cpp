@@ -11,7 +11,7 @@ static constexpr char KLogModule[] = "common/msg_bus/message_bus";
 
 static void schedule_dispatch(message_bus* bus) {
     event* dispatch = bus->dispatchEvent.get();
-    // Should memory be too short for the timer, the next activity of the connection arms it.
+    // When this fails (out of memory), the next activity on the connection arms it.
     if (!event_pending(dispatch, EV_TIMEOUT, nullptr)) (void)armTimer(dispatch, 0, 0);
 }
 
@@ -19,8 +19,7 @@ static void dispatch_status_changed(DBusConnection*, DBusDispatchStatus status, 
     if (status == DBUS_DISPATCH_DATA_REMAINS) schedule_dispatch(static_cast<message_bus*>(data));
 }
 
-// Null once the connection is lost: to look at libdbus's own last message would end the process before anybody handles
-// it.
+// Null once the connection is lost: libdbus ends the process when its own last message is looked at.
 static DBusMessage* firstMessage(DBusConnection* connection) {
     if (!dbus_connection_get_is_connected(connection)) return nullptr;
     DBusMessage* first = dbus_connection_borrow_message(connection);
@@ -28,8 +27,8 @@ static DBusMessage* firstMessage(DBusConnection* connection) {
     return first;
 }
 
-// Dispatches the first message and says what is left. When memory was short for it, libdbus puts it back and reports
-// that data remains: it would be tried again at once, for ever.
+// Dispatches the first message and says what is left. When libdbus is out of memory for it, libdbus puts it back and
+// reports that data remains. The caller would then try it again at once, forever.
 static DBusDispatchStatus dispatchFirst(DBusConnection* connection) {
     DBusMessage* message = firstMessage(connection);
     const OwnedMessage held(message ? dbus_message_ref(message) : nullptr);  // no other message gets its address
@@ -45,10 +44,10 @@ static void handle_dispatch(evutil_socket_t, short, void* data) {
     while (left == DBUS_DISPATCH_DATA_REMAINS) {
         left = dispatchFirst(connection);
     }
-    // A write event fires once for each time that libdbus switches it on. What the socket did not take then would stay
-    // in the queue until somebody happens to send again.
+    // A write event fires once each time libdbus switches it on. Without this flush, what the socket did not take then
+    // would stay in the queue until the next message is sent.
     if (dbus_connection_has_messages_to_send(connection)) dbus_connection_flush(connection);
-    // The message is already read from the socket, and nobody reports that memory is there again.
+    // The message is already read from the socket, and nothing reports free memory: try again after a second.
     if (left == DBUS_DISPATCH_NEED_MEMORY ||
         dbus_connection_get_dispatch_status(connection) == DBUS_DISPATCH_NEED_MEMORY) {
         (void)armTimer(bus->dispatchEvent.get(), 1, 0);
@@ -106,8 +105,8 @@ static dbus_bool_t add_watch(DBusWatch* watch, void* data) {
     OwnedEvent event(event_new(bus->base, dbus_watch_get_unix_fd(watch), eventFlagsOf(watch), handle_watch, watch));
     if (!event) return FALSE;
     dbus_watch_set_data(watch, bus, nullptr);
-    // Also while the watch is off: the one write event that comes for it also dispatches what blocking calls have read
-    // before the loop runs, of which nobody tells.
+    // Added also while the watch is off: its first write event then dispatches the messages that blocking calls have
+    // read before the loop runs. Nothing else reports those.
     if (event_add(event.get(), nullptr) != 0) return FALSE;
     return keepEvent(&bus->watches, std::move(event), watch);
 }

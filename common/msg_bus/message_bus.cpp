@@ -1,5 +1,4 @@
-// The bus objects themselves: made on the shared connection, given a well-known name and things to listen for,
-// released.
+// Bus objects: creating them on the shared connection, requesting a well-known name, adding listeners, releasing.
 #include "common/msg_bus/message_bus.h"
 
 #include "common/log/log.h"
@@ -15,8 +14,8 @@ OwnedConnection openSharedConnection(DBusBusType type) {
     return connection;
 }
 
-// Stands on the connection once for each object, with nothing to tell them apart. libdbus ends the process once the
-// message is handled, so nothing is released here.
+// Each object adds this filter once; the entries are identical. libdbus ends the process after this message, so nothing
+// is released here.
 static DBusHandlerResult handle_disconnected(DBusConnection*, DBusMessage* message, void*) {
     if (!dbus_message_is_signal(message, DBUS_INTERFACE_LOCAL, "Disconnected")) {
         return DBUS_HANDLER_RESULT_NOT_YET_HANDLED;
@@ -52,7 +51,7 @@ static void releaseBus(message_bus* raw) {
     // A filter that was never added makes libdbus end the process.
     if (bus->hasFilter) dbus_connection_remove_filter(connection, handle_disconnected, nullptr);
     if (bus->path && !dbus_connection_unregister_object_path(connection, bus->path.get())) {
-        // Memory is short: the path still leads to the record, which listens to nothing any more and has to stay.
+        // Out of memory: the path still points to the record, so the record stays, without listeners.
         (void)bus.release();
     }
 }
@@ -121,12 +120,12 @@ void message_bus_limit_descriptors(message_bus* bus) {
 
 static bool add_match_rule(message_bus* bus, const char* name) {
     const OwnedText rule = formatText("type='signal',interface='%s',member='%s'", bus->name.get(), name);
-    if (!rule) {  // short memory here reads as it does when the library itself runs out of it
+    if (!rule) {  // out of memory: log the text that libdbus logs
         LOG(WARN, "Failed to dbus_bus_add_match: %s", DBUS_ERROR_NO_MEMORY);
         return false;
     }
     LOG(DEBUG, "Adding listener for %s", rule.get());
-    // Checked here too: a name that is not UTF-8 would end the process, and one with a quote make another rule.
+    // libdbus aborts on a name that is not UTF-8; a quote in the name would change the rule.
     BusError error;
     if (dbus_validate_interface(bus->name.get(), &error.raw) && dbus_validate_member(name, &error.raw)) {
         dbus_bus_add_match(bus->connection.get(), rule.get(), &error.raw);

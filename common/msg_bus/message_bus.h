@@ -1,5 +1,5 @@
 // The daemon's services on D-Bus: objects with a name, a path, the methods they listen for and one callback per kind of
-// traffic. All objects of the process stand on one shared connection, which is driven by the libevent base that they
+// traffic. All objects of the process use one shared connection, which is driven by the libevent base that they
 // are created with. Objects are created, configured and freed while no other thread uses the bus; from the start of the
 // thread that runs the base on, everything else happens on that thread (the bus thread). Failures are logged here, at
 // WARN; operations report 1 for success and 0 for failure.
@@ -24,7 +24,7 @@ using message_bus_method_callback = void (*)(message_bus* bus, const char* name,
 using message_bus_method_call_callback = void (*)(message_bus* bus, const char* name, const char* reply);
 
 /// Sets the address of the bus that objects created later connect to, such as "unix:path=/run/bus", in the environment
-/// (DBUS_SESSION_BUS_ADDRESS): 0, or -1 when memory is short. Once, before the first object; no other thread running.
+/// (DBUS_SESSION_BUS_ADDRESS): 0, or -1 when out of memory. Once, before the first object; no other thread running.
 int message_bus_set_dbus_socket(const char* address);
 
 /// A new object on the shared connection, served by `base`, or null. `name` is the interface it answers to and the
@@ -47,9 +47,9 @@ void message_bus_free(message_bus** bus);
 [[nodiscard]] int message_bus_add_method_listener(message_bus* bus, const char* name);
 [[nodiscard]] int message_bus_add_signal_listener(message_bus* bus, const char* name);
 
-/// From now on no message is read while another one that holds file descriptors waits to be handled. No method takes
-/// any: clients could fill the process's table with them, and libdbus gives a connection up when it finds no place.
-/// Once nothing blocks for an answer of the bus any more, which would wait as well.
+/// From now on no message is read while another one that holds file descriptors waits to be handled. Otherwise clients
+/// could fill the process's descriptor table, and libdbus would drop the connection; no method takes descriptors. Call
+/// it after the last blocking call to the bus: the answer to such a call could wait, too.
 void message_bus_limit_descriptors(message_bus* bus);
 
 /// Sets the one callback of its kind; a message for which there is a listener but no callback counts as not handled.

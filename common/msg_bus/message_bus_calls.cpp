@@ -9,11 +9,11 @@
 static constexpr char KLogCategory[] = "message_bus";
 static constexpr char KLogModule[] = "common/msg_bus/message_bus";
 
-// A bus drops whoever sends a message of more than 32 MiB, so a longer text fails as a reply; the rest is for the
-// header.
+// The bus drops a client that sends a message of more than 32 MiB, so a longer text is refused as a reply. 4 KiB are
+// left for the header.
 static constexpr size_t KLongestText = 32UL * 1024 * 1024 - 4096;
 
-// Texts from servers and from the data model hold any byte, and libdbus ends the process on what is not UTF-8.
+// Texts from servers and from the data model may hold any byte, and libdbus aborts on a text that is not UTF-8.
 static bool isSendable(const char* text) {
     return text && strnlen(text, KLongestText + 1) <= KLongestText && dbus_validate_utf8(text, nullptr);
 }
@@ -89,7 +89,7 @@ static bool readArgument(DBusMessage* message, const Argument& argument, void* v
         LOG(WARN, "No arguments");
         return false;
     }
-    // Only an argument behind the first can be missing when there are any.
+    // When there are arguments, only one after the first can be missing.
     if (argument.missing && !dbus_message_iter_next(&arguments)) {
         LOG(WARN, "%s", argument.missing);
         return false;
@@ -122,7 +122,7 @@ const char* get_second_argument_string_value(DBusMessage* message) { return read
 
 // --- Replies ---
 
-// The bus may be slow to read, which must not hold up the end of the process.
+// The bus may read slowly; that must not delay the end of the process.
 static void flush(message_bus* bus) {
     const OutsideGate outside;
     dbus_connection_flush(bus->connection.get());
@@ -145,8 +145,8 @@ static OwnedMessage newError(DBusMessage* call) {
     return OwnedMessage(dbus_message_new_error(call, DBUS_ERROR_FAILED, "The reply could not be sent"));
 }
 
-// Releases the call whatever happens. `value` is null when it cannot go onto the bus. A client that wants no reply is
-// sent none: the bus would refuse it and complain in its log.
+// Always releases the call. `value` is null when it cannot be sent over the bus. A client that wants no reply gets
+// none: the bus would refuse it and log that.
 static int sendReply(message_bus* bus, DBusMessage* raw, int type, const void* value) {
     const OwnedMessage call(raw);
     const bool wanted = call && !dbus_message_get_no_reply(call.get());
@@ -179,7 +179,7 @@ struct method_reply_context {
     method_reply_context* next;
 };
 
-// The calls of all objects that wait for their reply: an object must not be gone when its reply comes.
+// The calls of all objects that wait for a reply, so that an object can cancel its own when it is freed.
 static method_reply_context* iWaitingCalls = nullptr;
 
 static void releaseContext(void* data) {
@@ -209,8 +209,8 @@ static void reportReply(const method_reply_context* context, const char* text) {
     if (bus->methodCallCallback) bus->methodCallCallback(bus, context->method.get(), text);
 }
 
-// The reference on the starter bus stands for the length of the callback. libdbus keeps such a connection open behind
-// it; nobody reads that one, so its loss is noticed, and ends the process, on the connection that is served.
+// Holds a reference on the starter bus during the callback. libdbus keeps that connection open afterwards. Nobody reads
+// it; a lost bus is noticed on the connection that is served, and ends the process there.
 static void handle_method_reply(DBusPendingCall* pending, void* data) {
     const auto* context = static_cast<const method_reply_context*>(data);
     const OwnedConnection starter = openSharedConnection(DBUS_BUS_STARTER);
@@ -246,7 +246,7 @@ static OwnedPendingCall sendCall(message_bus* bus, DBusMessage* message) {
     return OwnedPendingCall(call);  // null as well when the connection is lost
 }
 
-// The call waits for its reply from here on, and keeps the reference on itself. A failure leaves it to the caller.
+// From here on the call waits for its reply and owns the reference. On failure the caller still owns it.
 static bool awaitReply(message_bus* bus, const char* method, DBusPendingCall* call) {
     OwnedRecord<method_reply_context> context = newRecord<method_reply_context>();
     if (!context) return false;

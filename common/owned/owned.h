@@ -28,7 +28,7 @@ void deleteRecord(T* record) {
 template <class T>
 using OwnedRecord = Owned<T, deleteRecord<T>>;
 
-/// A new T with its default values, without the C++ runtime library; null when memory is short. Any thread.
+/// A new T with its default values, without the C++ runtime library; null when out of memory. Any thread.
 template <class T>
 [[nodiscard]] OwnedRecord<T> newRecord() {
     void* memory = malloc(sizeof(T));

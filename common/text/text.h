@@ -5,13 +5,13 @@
 
 using OwnedText = Owned<char, free>;
 
-/// Formats like printf into a new text; null when memory is short. Any thread.
+/// Formats like printf into a new text; null when out of memory. Any thread.
 [[nodiscard]] OwnedText formatText(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
-/// A copy of `text` (not null); null when memory is short. Any thread.
+/// A copy of `text` (not null); null when out of memory. Any thread.
 [[nodiscard]] OwnedText copyText(const char* text);
 
-/// A copy of `text` in `copy`, which is null for a null text. False, with a null `copy`, when memory is short. Any
+/// A copy of `text` in `copy`, which is null for a null text. False, with a null `copy`, when out of memory. Any
 /// thread.
 [[nodiscard]] bool duplicateStringOrNull(const char* text, OwnedText* copy);
 

@@ -32,7 +32,7 @@ void freeClients();
 /// an error; a client that cannot be told is dropped.
 bool sendFrame(Client* client, uint64_t id, OwnedJson frame);
 void sendError(Client* client, uint64_t id, uint32_t code, const char* path, const char* member);
-/// An answer with an id and nothing else; null when memory is short.
+/// An answer with an id and nothing else; null when out of memory.
 [[nodiscard]] OwnedJson newAnswer(uint64_t id);
 /// A client's right to set read-only parameters.
 bool isPlatform(const Client* client);
@@ -53,7 +53,7 @@ void notifyCustom(const char* path, const char* value);
 
 // ---- gateway.cpp: how the gateway behaves ----
 
-/// Sets a value, tells who watches it, and does what the gateway does then. False when memory is short.
+/// Sets a value, tells who watches it, and does what the gateway does then. False when out of memory.
 bool changeValue(object_t* object, parameter_t* parameter, const char* text);
 /// The gateway starts: a connection that was asked for is made.
 bool startGateway();
@@ -79,7 +79,7 @@ void cancelCalls(const Client* client);
 
 // ---- queries.cpp: the queries on the interfaces' data ----
 
-/// Opens a query and gives its number as a new text; null when memory is short.
+/// Opens a query and gives its number as a new text; null when out of memory.
 [[nodiscard]] OwnedText openQuery(object_t* data, const cJSON* arguments);
 /// Closes the queries that were opened with these arguments, if there are any.
 void closeQuery(object_t* data, const cJSON* arguments);

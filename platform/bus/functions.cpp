@@ -57,7 +57,7 @@ static Result runNotify(object_t*, const cJSON* arguments) {
     return {};
 }
 
-// Adds each argument, and each member of a map, as an out-argument of its own type; false when memory is short.
+// Adds each argument, and each member of a map, as an out-argument of its own type; false when out of memory.
 static bool addEchoes(cJSON* outArguments, const cJSON* arguments) {
     const cJSON* argument = nullptr;
     cJSON_ArrayForEach(argument, arguments) {

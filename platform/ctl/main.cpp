@@ -196,7 +196,7 @@ static bool call(const Session& session, char** words, int count) {
 
 static constexpr struct {
     const char* name;
-    int least, most;  // words behind it
+    int least, most;  // words after it
     bool (*run)(const Session& session, char** words, int count);
 } KCommands[] = {
     {"get",   2, 2,   get  },

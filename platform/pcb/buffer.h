@@ -6,7 +6,7 @@
 
 #include "common/text/text.h"
 
-/// A copy of `text` that may come without a zero behind it; null when memory is short. Any thread.
+/// A copy of `text` that need not be zero-terminated; null when out of memory. Any thread.
 [[nodiscard]] OwnedText copyPiece(std::string_view text);
 
 /// Bytes that grow at the end and are taken from the front.
@@ -19,9 +19,9 @@ struct Buffer {
     std::string_view content() const { return {bytes.get() + start, length}; }
 };
 
-/// Makes room for `more` bytes behind the content; false, and nothing changed, when memory is short.
+/// Makes room for `more` bytes after the content; false, and nothing changed, when out of memory.
 [[nodiscard]] bool bufferReserve(Buffer* buffer, size_t more);
-/// False, and nothing added, when memory is short.
+/// False, and nothing added, when out of memory.
 [[nodiscard]] bool bufferAppend(Buffer* buffer, std::string_view bytes);
 /// Takes bytes from the front.
 void bufferTake(Buffer* buffer, size_t count);

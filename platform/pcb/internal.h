@@ -60,11 +60,11 @@ int64_t deadlineIn(int64_t milliseconds);
 int millisecondsUntil(int64_t deadline);
 bool openConnection(connection_info_t* connection, const char* path, int64_t deadline);
 void closeConnection(connection_info_t* connection);
-/// Puts a frame behind what has to go, and sends what the socket takes. False when nothing of it goes.
+/// Appends a frame to what waits to be sent, and sends what the socket takes. False when none of it was queued.
 bool queueFrame(connection_info_t* connection, const cJSON* frame);
 /// Sends what the socket takes. False when the system refuses, with the rest still there, or the bus has gone.
 bool sendQueued(connection_info_t* connection);
-/// Reads what has come, up to a few MiB; false when memory is short, the rest waits in the socket.
+/// Reads what has come, up to a few MiB; false when out of memory, the rest waits in the socket.
 bool receive(connection_info_t* connection);
 /// Whether the bus has gone and nothing is left to be read, after a wait that gave these poll events.
 bool findLoss(connection_info_t* connection, int events);
@@ -76,9 +76,9 @@ bool parseReceived(connection_info_t* connection, uint64_t id, OwnedJson* answer
 OwnedJson takeKept(connection_info_t* connection);
 /// Sends a frame (null: memory was short) and waits for its answer, which is no error; else null with pcb_error.
 OwnedJson exchange(pcb_t* client, OwnedJson frame, int64_t deadline);
-/// A frame for an operation on a path; null when memory is short.
+/// A frame for an operation on a path; null when out of memory.
 OwnedJson newFrame(const char* operation, const char* path);
-/// The next id, added to the frame; 0 when memory is short.
+/// The next id, added to the frame; 0 when out of memory.
 uint64_t numberFrame(pcb_t* client, cJSON* frame);
 
 // ---- events.cpp ----
@@ -101,7 +101,7 @@ bool setOnBus(pcb_t* client, const char* path, const char* parameter, const char
 
 // ---- variant.cpp ----
 
-/// Null when memory is short.
+/// Null when out of memory.
 OwnedJson variantToJson(const variant_t* variant);
 /// Releases the entries; the map is empty afterwards.
 void releaseEntries(variant_map_t* map);

@@ -26,5 +26,5 @@ struct OdlFault {
 [[nodiscard]] OwnedRecord<object_t> readOdlFile(const char* path, uint32_t* error);
 
 /// Adds an object, inside the objects that enclose it, with what lies at most `depth` levels below it (-1: all); false
-/// when memory is short.
+/// when out of memory.
 [[nodiscard]] bool printOdl(const object_t* object, int depth, Buffer* buffer);

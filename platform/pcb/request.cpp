@@ -262,7 +262,7 @@ static bool readReturn(reply_item_t* item, const cJSON* frame) {
     return true;
 }
 
-// False when memory is short. An item without a type is nothing to hand on.
+// False when out of memory. An item without a type is nothing to hand on.
 static bool readItem(reply_item_t* item, const cJSON* frame, const request_t* request) {
     const cJSON* object = cJSON_GetObjectItemCaseSensitive(frame, KWireObject);
     if (jsonCount(frame, KWireError)) return readError(item, frame);

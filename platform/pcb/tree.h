@@ -44,24 +44,24 @@ struct object_t {
 /// none.
 object_t* findObject(object_t* root, const char* path);
 object_t* findChild(object_t* object, std::string_view name);
-/// As findObject, but makes what is missing on the way; null when memory is short, the path malformed or too deep.
+/// As findObject, but makes what is missing on the way; null when out of memory, the path malformed or too deep.
 object_t* makeObject(object_t* root, const char* path);
-/// A new object below `parent`; null when memory is short.
+/// A new object below `parent`; null when out of memory.
 object_t* addChild(object_t* parent, std::string_view name);
 /// Puts what lies below `from` in the place of what lies below `to`; `from` is empty afterwards.
 void moveContents(object_t* to, object_t* from);
 /// Takes an object out of its parent and frees it.
 void removeObject(object_t* object);
-/// A new parameter; null when memory is short.
+/// A new parameter; null when out of memory.
 parameter_t* addParameter(object_t* object, std::string_view name, ParameterType type, bool readOnly,
                           std::string_view value);
 bool setParameterText(parameter_t* parameter, const char* text);
 /// Whether `text` is a value of that type: a boolean takes "true", "false", "1" and "0".
 bool fitsType(ParameterType type, std::string_view text);
-/// The path from the root; null when memory is short.
+/// The path from the root; null when out of memory.
 [[nodiscard]] OwnedText objectPath(const object_t* object);
 
-/// An object with what lies at most `depth` levels below it (-1: all); null when memory is short.
+/// An object with what lies at most `depth` levels below it (-1: all); null when out of memory.
 [[nodiscard]] OwnedJson objectToJson(const object_t* object, int depth);
-/// Makes `object` what objectToJson wrote; false when memory is short or it is something else.
+/// Makes `object` what objectToJson wrote; false when out of memory or it is something else.
 [[nodiscard]] bool objectFromJson(object_t* object, const cJSON* json);

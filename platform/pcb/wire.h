@@ -60,12 +60,12 @@ inline uint64_t jsonCount(const cJSON* object, const char* name) {
     return static_cast<double>(count) == item->valuedouble ? count : 0;
 }
 
-/// Adds a member; false when memory is short.
+/// Adds a member; false when out of memory.
 [[nodiscard]] inline bool addJsonText(cJSON* object, const char* name, const char* text) {
     return cJSON_AddStringToObject(object, name, text);
 }
 
-/// Adds a member, which the object takes over; false when memory is short.
+/// Adds a member, which the object takes over; false when out of memory.
 [[nodiscard]] inline bool addJson(cJSON* object, const char* name, OwnedJson item) {
     if (!item || !cJSON_AddItemToObject(object, name, item.get())) return false;
     (void)item.release();  // the object holds it now

@@ -125,20 +125,19 @@ struct Order {
 };
 
 static constexpr Order KOrders[] = {
-    {"register", "HAID NAME [true|false]",                  "a registration, enabled or not",                                 3, 4, orderRegister},
-    {"forget",   "HAID",                                    "no registration",                                                2, 2, orderForget  },
-    {"take",     "NAME",                                    "a name that is taken by others",                                 2, 2, orderTake    },
-    {"free",     "NAME",                                    "and not any more",                                               2, 2, orderFree    },
-    {"account",  "HAID EMAIL PASSWORD",                     "pairs a smart-plug account",                                     4, 4, orderAccount },
-    {"unpair",   "HAID",                                    "no account",                                                     2, 2, orderUnpair  },
-    {"plug",     "ID STATE POWER [CONNECTED [SWITCHABLE]]", "a plug; POWER is JSON",                                          4, 6, orderPlug    },
-    {"fault",    "RESOURCE KIND [COUNT [VALUE...]]",        "for the next COUNT requests (1), 0 until cleared; orders queue", 3,
-     99,                                                                                                                            orderFault   },
-    {"clear",    "[RESOURCE]",                              "no fault any more",                                              1, 2, orderClear   },
-    {"release",  "",                                        "lets go what is held",                                           1, 1, orderRelease },
-    {"show",     "",                                        "what the servers know, and what waits",                          1, 1, orderShow    },
-    {"journal",  "",                                        "all requests so far, one line each",                             1, 1, orderJournal },
-    {"help",     "",                                        "this text",                                                      1, 1, orderHelp    },
+    {"register", "HAID NAME [true|false]",                  "a registration, enabled or not",   3, 4,  orderRegister},
+    {"forget",   "HAID",                                    "no registration",                  2, 2,  orderForget  },
+    {"take",     "NAME",                                    "a name that is taken by others",   2, 2,  orderTake    },
+    {"free",     "NAME",                                    "and not any more",                 2, 2,  orderFree    },
+    {"account",  "HAID EMAIL PASSWORD",                     "pairs a smart-plug account",       4, 4,  orderAccount },
+    {"unpair",   "HAID",                                    "no account",                       2, 2,  orderUnpair  },
+    {"plug",     "ID STATE POWER [CONNECTED [SWITCHABLE]]", "a plug; POWER is JSON",            4, 6,  orderPlug    },
+    {"fault",    "RESOURCE KIND [COUNT [VALUE...]]",        "for COUNT requests (1; 0: all)",   3, 99, orderFault   },
+    {"clear",    "[RESOURCE]",                              "no fault any more",                1, 2,  orderClear   },
+    {"release",  "",                                        "lets go what is held",             1, 1,  orderRelease },
+    {"show",     "",                                        "what is known, and what waits",    1, 1,  orderShow    },
+    {"journal",  "",                                        "all requests so far, a line each", 1, 1,  orderJournal },
+    {"help",     "",                                        "this text",                        1, 1,  orderHelp    },
 };
 
 std::string ordersHelp() {
@@ -186,7 +185,7 @@ static Words wordsOfPath(const std::string& path) {
     return words;
 }
 
-// A body holds each word behind its length and a colon: words may be long, and hold any byte.
+// In a body each word follows its length and a colon: words may be long, and hold any byte.
 static Words wordsOfBody(const std::string& body) {
     Words words;
     size_t begin = 0;

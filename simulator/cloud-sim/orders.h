@@ -11,7 +11,7 @@
 namespace cloudsim {
 
 /// Lets `server` carry out orders on `cloud`: GET /WORD/WORD..., each word percent-encoded, or a POST whose body holds
-/// each word behind its length and a colon, such as "4:take6:office". Answers 200 and the order's output, or 400 and
+/// each word after its length and a colon, such as "4:take6:office". Answers 200 and the order's output, or 400 and
 /// what is wrong with it.
 void serveOrders(httplib::Server& server, Cloud& cloud);
 

@@ -214,7 +214,7 @@ static std::string wireBytes(std::string composed, const Exchange& exchange) {
 
 // A request as it stood on the wire.
 struct Received {
-    std::string method, target, headers, body;  // each header behind the host's as a line, with "|" behind it
+    std::string method, target, headers, body;  // each header after the host's, followed by "|"
 };
 
 static Received takeApart(const std::string& bytes) {

@@ -20,7 +20,7 @@ struct Received;
 class TlsServer : public httplib::Server {
   public:
     /// Appends each request to the file journal in the cloud's directory, before its answer goes out, as one line:
-    /// method and target, every header behind the host's, and the body, with "|" between them. Prints one line for it.
+    /// method and target, every header after the host's, and the body, with "|" between them. Prints one line for it.
     /// Throws when the file cannot be opened. `cloud` and `certificates` must live longer.
     TlsServer(Cloud& cloud, const Certificates& certificates);
 

@@ -14,7 +14,7 @@ bool storeDynDnsEnable(bool enable) {
     if (!easySetPcbParamBoolValue(iBusPcbClient, getPcbObjectPathForDynDns(), getPcbParameterDynDnsEnable(), enable)) {
         return false;
     }
-    // Set before the data model reports the change, so that this write's own echo pushes nothing back to the server.
+    // Set before the data model reports this change, so that the report is not pushed back to the server.
     iDynDnsEnable = enable ? TRI_TRUE : TRI_FALSE;
     LOG(INFO, enable ? "DynDNS enable=true saved in PCB" : "DynDNS enable=false saved in PCB");
     return true;

@@ -60,7 +60,7 @@ OwnedText generateDbusResponseJson_StringResult(const char* status, const char* 
     return text;
 }
 
-// A lowered copy of a name; null when memory is short (logged).
+// A lowered copy of a name; null when out of memory (logged).
 static OwnedText lowered(const char* name) {
     OwnedText copy = copyText(name);
     if (!copy) {
@@ -176,7 +176,7 @@ static void answerConfigure(MethodCall& call) {
         return replyText(call, refusal);
     }
     if (const Refusal refusal = configureOnServer(enabled, name.get())) return replyText(call, refusal);
-    // The reply tells what the server accepted, whatever the data model says to it.
+    // The reply says what the server accepted, even when the data model refuses the values.
     if (!storeDynDnsEnable(enabled)) LOG(ERROR, "Cannot set DynDNS enable value in PCB");
     (void)storeDynDnsHostName(name.get());
     saveOrvoServiceData();

@@ -29,6 +29,6 @@ bool isLetterOrDigit(char character);
 /// `destination`, or null when either is null. Any thread.
 char* strtolower(const char* source, char* destination);
 
-/// The reply {"status":...,"result":...} with texts, or JSON null for null; null when memory is short (logged). Any
+/// The reply {"status":...,"result":...} with texts, or JSON null for null; null when out of memory (logged). Any
 /// thread.
 [[nodiscard]] OwnedText generateDbusResponseJson_StringResult(const char* status, const char* result);

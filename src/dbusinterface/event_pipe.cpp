@@ -32,7 +32,7 @@ int* createPipeForProvidingChangesInDataModel(struct event_base* base) {
     fcntl(iPipeEnds[0], F_SETFL, flags | O_NONBLOCK);
 
     iPipeWatcher = event_new(base, iPipeEnds[0], EV_READ | EV_PERSIST, handleEventPipeRecord, nullptr);
-    // An event that cannot be added is as good as none.
+    // An event that cannot be added is treated like one that cannot be made.
     if (!iPipeWatcher || event_add(iPipeWatcher, nullptr) != 0) {
         LOG(ERROR, "Failed to create event pipewatcher: %s", strerror(errno));
         if (iPipeWatcher) event_free(iPipeWatcher);

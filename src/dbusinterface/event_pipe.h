@@ -1,4 +1,4 @@
-// The event pipe: the one road from the main thread to the bus thread.
+// The read end of the event pipe, the only connection from the main thread to the bus thread.
 #pragma once
 
 #include <event2/event.h>
@@ -11,5 +11,5 @@
 /// Reads one record and reacts to it; the read end's callback. Holds the gate. Bus thread.
 void handleEventPipeRecord(evutil_socket_t readEnd, short, void*);
 
-/// Handles the records that the pipe holds now, ahead of whatever else waits for the loop. Bus thread.
+/// Handles the records that the pipe holds now, before anything else in the loop. Bus thread.
 void handleWaitingEventPipeRecords();

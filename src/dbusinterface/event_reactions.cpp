@@ -14,7 +14,7 @@ static constexpr char KLogModule[] = "src/dbusinterface";
 
 static void useApplicationServer(const char* url) {
     iApplicationServerUrlDefined = 1;
-    // A copy that cannot be made leaves the old address in use until the next change.
+    // Out of memory: the old address stays in use until the next change.
     if (*url) (void)setApplicationServerUrl(url);
 }
 

@@ -7,10 +7,10 @@
 /// connection mode to "on": the caller then calls setGatewayClienModeOnDemand after its request. Bus thread; blocks.
 [[nodiscard]] bool ensureGatewayClientIsConnected();
 
-/// Asks for a connection and waits until it stands, looking every 200 ms for about 10 s of wall-clock time, and never
-/// more than 12 s whatever the clock does, both counted from behind the save of the switched mode; only what is under
-/// way at that time comes on top (5 s an exchange). A connection that does not come is logged. Does not wait at all
-/// when the mode cannot be read. True when it switched the mode to "on". Bus thread; blocks.
+/// Asks for a connection and waits until it is up. Looks every 200 ms, for about 10 s of wall-clock time and at most 12
+/// s of monotonic time, both counted from after the save of the switched mode. An exchange that is under way then may
+/// add up to 5 s. A connection that does not come is logged. Does not wait at all when the mode cannot be read. True
+/// when it switched the mode to "on". Bus thread; blocks.
 [[nodiscard]] bool waitForGatewayClientConnection();
 
 /// Sets the connection mode back to "ondemand" and saves the tree; a failure is logged. Bus thread; blocks.

@@ -34,8 +34,8 @@ struct TextParameter {
 
 }  // namespace
 
-// A call on the query object with all of its parameters, or null: one that lacks a parameter would ask for something
-// else, and its answer be believed.
+// A call on the query object with all of its parameters, or null. A call that lacks one would ask for something else,
+// and its answer would be taken for this one's.
 static request_t* prepareQuery(const char* function, std::span<const TextParameter> parameters) {
     request_t* request = prepareToExecutePcbFunction(KQueryObject, function);
     for (const TextParameter& parameter : parameters) {
@@ -64,7 +64,7 @@ static request_t* startCgNatCheck() {
 }
 
 bool startWanQuery() {
-    // A daemon that ended without its orderly end has left its query open.
+    // A daemon that was killed has left its query open.
     iCloseQuery = executeWanChangeQuery("closeQuery");
     iOpenQuery = executeWanChangeQuery("openQuery");
     return iCloseQuery && iOpenQuery;
@@ -93,7 +93,7 @@ static void handleOpenQueryResult(const char* result) {
         return;
     }
     if (strlen(KQueryPathPrefix) + strlen(number) >= sizeof iPcbObjectPathForIntfDataQuery) {
-        // A cut path would name another query.
+        // A truncated path would name another query.
         LOG(ERROR, "Query number too long: %s", number);
         return;
     }

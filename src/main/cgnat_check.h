@@ -11,7 +11,8 @@
 /// Whether this parameter is the one that holds the WAN addresses.
 [[nodiscard]] bool isWanAddress(const char* path, const char* parameter);
 
-/// Asks for CG-NAT; in the loop. The second is left out, with a line, while one of its own is not answered yet.
+/// Asks whether the gateway is behind CG-NAT; called in the loop. checkCgNatAgain only logs a line while its own
+/// earlier check is not answered yet.
 void checkCgNatAtStart();
 void checkCgNatAgain();
 

@@ -6,7 +6,7 @@
 #include <cstdio>
 
 extern "C" int daemon(int keepDirectory, int keepStreams) {
-    // What sits in stdio now would be written by every process that comes out of a fork.
+    // Buffered output would be written once by each process that a fork makes.
     fflush(nullptr);
 
     pid_t child = fork();

@@ -95,7 +95,7 @@ static constexpr WatchedParameter KWatched[] = {
      },
 };
 
-static request_t* iSubscriptions[std::size(KWatched)];  // null behind the last
+static request_t* iSubscriptions[std::size(KWatched)];  // null after the last
 
 // Whether a row before this one is for the same object.
 static bool isSubscribed(const WatchedParameter* watched) {

@@ -17,11 +17,11 @@ static constexpr char KLogModule[] = "src/main";
 
 int* iPipeForPcbChanges;
 
-// A write of a record then is whole, or does not happen.
+// Writes of at most PIPE_BUF bytes are atomic: a record is written whole or not at all.
 static_assert(sizeof(EventRecord) <= PIPE_BUF);
 
-// Waits until the pipe takes a record, or is full and the loop is to end; true when there is room. A write that blocks
-// in a full pipe could not be left when SIGTERM arrives, so the signals are let in only while this waits.
+// Waits until the pipe has room for a record (true), or the loop is to end (false). A blocking write to a full pipe
+// could not be interrupted safely by SIGTERM, so the end signals are unblocked only during this wait.
 static bool waitForRoomInPipe() {
     sigset_t ends;
     sigemptyset(&ends);
@@ -35,7 +35,7 @@ static bool waitForRoomInPipe() {
         mayWait = !isPcbDataModelEventLoopEnding();
         const timespec atOnce = {};
         const int result = ppoll(&writeEnd, 1, mayWait ? nullptr : &atOnce, &before);
-        // Another failure than an interruption is left to the write, which reports it.
+        // The write reports any failure other than an interruption.
         ready = result > 0 || (result < 0 && errno != EINTR);
     }
     pthread_sigmask(SIG_SETMASK, &before, nullptr);

@@ -42,22 +42,22 @@ static constexpr const char* KOrsmPidFileName = "/var/run/orvoservicemanager.pid
 static constexpr int KFirstValuesMilliseconds = 5000;
 // How long the orderly end may take once the bus thread is stopped.
 static constexpr suseconds_t KEndMicroseconds = 800'000;
-// How long it may take from the signal on, whatever holds it up.
+// The longest time from the signal to the end of the process.
 static constexpr unsigned KLongestEndSeconds = 3;
 
-// Of the bus thread, whatever the C library's default (128 KiB with musl): an answer nested 999 levels deep takes 104
-// KB in the parser.
+// The bus thread's stack. The default is too small with musl (128 KiB): parsing an answer nested 999 levels deep takes
+// 104 KB.
 static constexpr size_t KStackSize = size_t{512} * 1024;
 
 static struct event_base* iEventBase;
 static pthread_t iDbusThread;
 static sem_t iStoreLoaded;         // posted once
-static int iFirstValuesSent = -1;  // readable from then on
+static int iFirstValuesSent = -1;  // an eventfd, readable once the first values are sent
 static std::atomic<int> iEndStatus = 0;
 
 extern "C" void __lsan_do_leak_check() __attribute__((weak));
 
-// Ends the process on the spot, also from a signal handler. Nothing that it has made outlives it but the pid file.
+// Removes the pid file and ends the process at once. Safe in a signal handler.
 [[noreturn]] static void endAtOnce(int status) {
     unlink(KOrsmPidFileName);
     _exit(status);
@@ -77,10 +77,10 @@ static void handleEndSignals(void (*handler)(int)) {
     handleSignal(SIGINT, handler);
 }
 
-// Until the data-model loop is there to be ended in order: start-up may be waiting for a bus that never answers.
+// Used until the data-model loop runs: start-up may be waiting for a bus that never answers.
 static void endDuringStartUp(int) { endAtOnce(0); }
 
-// A system log that has stopped reading may hold both threads before the end begins: then this is the end of it.
+// Used when the orderly end takes too long. A system log that has stopped reading can block both threads.
 static void endAtTheLimit(int) { endAtOnce(iEndStatus); }
 
 static void endLoop(int) {
@@ -88,15 +88,15 @@ static void endLoop(int) {
     endPcbDataModelEventLoop();
 }
 
-// What a parent has left blocked would never arrive.
+// A signal that the parent process has left blocked would never arrive.
 static void unblockSignals() {
     sigset_t none;
     sigemptyset(&none);
     pthread_sigmask(SIG_SETMASK, &none, nullptr);
 }
 
-// Signals are the main thread's: nothing that the bus thread waits for is ever cut short. Faults of its own code stay
-// deliverable.
+// The main thread handles all signals, so that none interrupts a wait of the bus thread. Signals of program faults stay
+// unblocked.
 static void blockSignals() {
     sigset_t all;
     sigfillset(&all);
@@ -108,7 +108,7 @@ static void blockSignals() {
 
 // ----- The end of the process
 
-// From now on the process ends on the spot when its orderly end takes too long, such as with a hung data model.
+// From now on the process ends at once when its orderly end takes too long, for example with a hung data model.
 static void limitTheEnd(int status) {
     iEndStatus = status;
     handleSignal(SIGALRM, endAtTheLimit);
@@ -119,9 +119,9 @@ static void limitTheEnd(int status) {
     setitimer(ITIMER_REAL, &limit, nullptr);
 }
 
-// The end of the process once the bus thread lives, which may be anywhere, a server request included. Returning from
-// main would run the libraries' exit handlers beside that request; so what is released is released here, behind the
-// gate that the bus thread never passes again, and the process ends at once.
+// Ends the process while the bus thread runs, which may be inside a server request. Returning from main would run the
+// libraries' exit handlers beside that request. So this closes the gate, which the bus thread then never passes again,
+// releases what there is to release, and ends the process at once.
 [[noreturn]] static void endProcess(int status) {
     closeGateForever();
     limitTheEnd(status);
@@ -141,8 +141,8 @@ static void limitTheEnd(int status) {
 
 // ----- The bus thread
 
-// A call that is served before the store is loaded could save the defaults over the stored file. One that is served
-// before the first values are known would not find the HA-ID, and its own change would be taken for a first value.
+// A call served before the store is loaded could save the defaults over the stored file. A call served before the first
+// values are known would not find the HA-ID, and its own change would be taken for a first value.
 static void awaitStart() {
     while (sem_wait(&iStoreLoaded) != 0 && errno == EINTR) {
     }
@@ -157,7 +157,7 @@ static void* dbusThreadLoop(void*) {
     awaitStart();
     while (event_base_dispatch(iEventBase) > 0) {
     }
-    // A process that nobody can reach must not go on: whoever supervises it starts it again.
+    // Nobody can reach this process any more. It ends, so that its supervisor starts a new one.
     LOG(ERROR, "Event loop of the bus thread has ended");
     endAtOnce(1);
 }
@@ -192,7 +192,7 @@ static void onObjectChanged(const char* path, object_t* object) {
     endProcess(ended ? 0 : 1);
 }
 
-// Everything behind the pid file; comes back, with the exit status, only while there is no bus thread.
+// The rest of the start, after the pid file. Returns the exit status only when it fails before the bus thread runs.
 static int serve() {
     iEventBase = event_base_new();
     if (!iEventBase) {
@@ -253,15 +253,15 @@ static int runDaemon(const char* configurationPath) {
     return status;
 }
 
-// A standard stream that is closed at the start would be the number of some socket later, and log lines would go there.
+// A closed standard stream would give its number to a socket later, and log lines would be written to that socket.
 static void occupyStandardStreams() {
     for (int stream = 0; stream <= 2; ++stream) {
         if (fcntl(stream, F_GETFD) < 0) (void)open("/dev/null", O_RDWR);
     }
 }
 
-// The memory of a long message or answer goes back to the system. By itself glibc keeps blocks as large as the largest
-// that was freed; and small ones, such as the nodes of a parsed answer, which it does not join when they are freed.
+// Makes glibc give the memory of a long message or answer back to the system. By default it keeps blocks up to the size
+// of the largest one freed, and does not merge freed small blocks, such as the nodes of a parsed answer.
 static void giveMemoryBack() {
 #if defined(M_MMAP_THRESHOLD) && defined(M_MXFAST)
     mallopt(M_MMAP_THRESHOLD, 128 * 1024);

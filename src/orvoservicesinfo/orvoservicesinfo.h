@@ -6,7 +6,7 @@
 
 #include "src/services/bus_service.h"
 
-/// Stores a copy of `text` as the service's answer, or nothing for null. 1 stored, 0 when memory is short (the old text
+/// Stores a copy of `text` as the service's answer, or nothing for null. 1 stored, 0 when out of memory (the old text
 /// stays). Main thread, before the bus thread runs.
 [[nodiscard]] int initOrvoServicesInfo(const char* text);
 

@@ -20,7 +20,7 @@ static constexpr long KTransferTimeoutSeconds = 30;
 using Handle = Owned<CURL, curl_easy_cleanup>;
 using HeaderList = Owned<curl_slist, curl_slist_free_all>;
 
-// The body received so far; `data` always has room for a zero byte behind it.
+// The body received so far; `data` always has room for a terminating zero byte.
 struct ResponseBuffer {
     uint32_t capacity;
     uint32_t length;
@@ -109,9 +109,9 @@ static bool setHeaders(CURL* handle, const cJSON* headers, HeaderList& list) {
 }
 
 static CURLcode transfer(CURL* handle) {
-    // Look-ups are to use the resolver configuration of now, not the one of the daemon's start.
+    // Read the resolver configuration again: it may have changed since the daemon started.
     if (res_init() != 0) LOG(WARN, "res_init() call failed");
-    // From here to the end of the scope the handle, the header list and the body alone are touched.
+    // Until the end of the scope this thread uses only the handle, the header list and the body.
     const OutsideGate outside;
     return curl_easy_perform(handle);
 }

@@ -4,7 +4,7 @@
 #include "common/json/json.h"
 #include "common/text/text.h"
 
-// What all four share. The result is the answer's body with a zero byte behind it (a body that holds a zero byte ends
+// What all four share. The result is the answer's body, zero-terminated (a body that holds a zero byte ends
 // there for its reader), or null when there was no complete answer; the reason is logged. `uri` goes out as it is; null
 // or empty fails. `caBundle` is the path of the certificates that the server is verified with: null means libcurl's own
 // store (logged), an empty one is a path like any other and fails. Bus thread only; blocks up to 30 s, and

@@ -18,7 +18,7 @@ static bool setListeners(message_bus* bus, std::span<const Method> methods) {
     return true;
 }
 
-// Answers ahead of the objects, to whose paths libdbus itself would answer without the interface.
+// Answers before libdbus does: its own answer for these paths would lack the interface.
 static DBusHandlerResult answerIntrospection(DBusConnection* connection, DBusMessage* call, void* data) {
     const auto* service = static_cast<const BusService*>(data);
     if (!dbus_message_is_method_call(call, DBUS_INTERFACE_INTROSPECTABLE, "Introspect") ||

@@ -166,7 +166,7 @@ static Refusal readPlug(const cJSON* details, cJSON** device) {
     return complete ? nullptr : KServerInternalError;
 }
 
-// The success reply; null when memory is short. The two values move over from the cloud's answer: neither copied, nor
+// The success reply; null when out of memory. The two values move over from the cloud's answer: neither copied, nor
 // referred to by nodes that the library loses when it runs out of memory.
 static OwnedText plugReply(cJSON* device) {
     const OwnedJson reply(cJSON_CreateObject());

@@ -101,13 +101,13 @@ TEST(Log, WritesTheSameLineToEveryOutputWithOneWriteEach) {
     EXPECT_EQ(recv(systemLog, received, sizeof received, MSG_DONTWAIT), -1);
 }
 
-TEST(Log, AMessageCannotForgeALineOrSteerATerminal) {
+TEST(Log, MessageCannotForgeALineOrControlATerminal) {
     configure(TO_FILE);
     LOG(ERROR, "%s: \n %s\n", "a\r\n2009\t\x1b[2J", "\x01\x1f\x7f\xc2\x80\xc2\x9f|\xc2\xa0\xc3\xa4\n");
     EXPECT_EQ(readFile(KFile).substr(24), "ERROR a  2009 ?[2J: \n ???????|\xc2\xa0\xc3\xa4 \n\n");
 }
 
-TEST(Log, RotatesAsManyFilesAsAreWanted) {
+TEST(Log, RotatesTheConfiguredNumberOfFiles) {
     umask(0);
     for (const int64_t count : {1LL, 2LL, -99999999999LL, 99999999999LL}) {
         const std::string folder = "/var/log/rotated." + std::to_string(count);
@@ -126,7 +126,7 @@ TEST(Log, RotatesAsManyFilesAsAreWanted) {
     }
 }
 
-TEST(Log, FilterTakesTheCategoryOverTheGlobalThreshold) {
+TEST(Log, CategoryThresholdOverridesGlobalThreshold) {
     // For a, b, c and a again the lowest level that passes; 5 always does, and a threshold outlives a reset.
     const std::pair<std::string, std::string> cases[] = {
         {"enabled=yes",                                                                "4444"},
@@ -152,7 +152,7 @@ TEST(Log, FilterTakesTheCategoryOverTheGlobalThreshold) {
     }
 }
 
-TEST(Log, APipeAsSmallAsALineTakesItAndFailingOutputsAreSilent) {
+TEST(Log, SmallPipeTakesALineAndFailingOutputsAreSilent) {
     signal(SIGPIPE, SIG_DFL);
     int ends[2];
     ASSERT_EQ(pipe(ends), 0);
@@ -187,7 +187,7 @@ static bool readMore(int file, std::string& text, int milliseconds) {
     return true;
 }
 
-TEST(Log, AReaderGetsEveryLineWholeAndIsWaitedForOnceWhenItStops) {
+TEST(Log, SlowReaderGetsWholeLinesAndStoppedReaderDelaysOnce) {
     const int console = dup(STDOUT_FILENO);
     const auto message = [](int number) { return std::to_string(number) + std::string(7900, 'x'); };
     for (const std::string kind : {"terminal file", "terminal", "pipe file"}) {
@@ -248,7 +248,7 @@ TEST(Log, AReaderGetsEveryLineWholeAndIsWaitedForOnceWhenItStops) {
     }
 }
 
-TEST(LogReload, IsTakenByTheNextCallEvenIfDroppedOrSwitchedOff) {
+TEST(LogReload, HappensAtTheNextCallEvenIfItsLineIsDropped) {
     ASSERT_EQ(chdir("/media"), 0);
     configure("category.unassigned=INFO" TO_FILE);
     const auto hangUp = [](const std::string& content) {

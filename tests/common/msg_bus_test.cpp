@@ -85,7 +85,7 @@ struct MessageBus : testing::Test {
     void letBusHandOver() { EXPECT_TRUE(dbus_bus_name_has_owner(client.connection(), KName, nullptr)); }
 };
 
-TEST_F(MessageBus, CallsAndSignalsGoOutAndTheirEndIsReported) {
+TEST_F(MessageBus, SendsCallsAndSignalsAndReportsReplies) {
     const auto expectNotes = [&](const Texts& notes) {
         EXPECT_TRUE(pumpUntil([&] { return iSeen.size() >= notes.size(); }));
         EXPECT_EQ(iSeen, notes);
@@ -107,7 +107,7 @@ TEST_F(MessageBus, CallsAndSignalsGoOutAndTheirEndIsReported) {
     expectNotes({"Last -"});
 }
 
-TEST_F(MessageBus, AnswersEveryCallAlsoWhenTheBusIsSlowToRead) {
+TEST_F(MessageBus, AnswersEveryCallWhenTheBusReadsSlowly) {
     offer({});
     int socket = -1;
     dbus_connection_get_socket(bus->connection.get(), &socket);
@@ -130,7 +130,7 @@ TEST_F(MessageBus, AnswersEveryCallAlsoWhenTheBusIsSlowToRead) {
     }
 }
 
-TEST_F(MessageBus, ACallThatNobodyAnswersEndsInTime) {
+TEST_F(MessageBus, UnansweredCallTimesOut) {
     offer({});
     DBusPendingCall* pending = nullptr;
     const OwnedMessage call = newCall("Slow");
@@ -145,7 +145,7 @@ TEST_F(MessageBus, ACallThatNobodyAnswersEndsInTime) {
     EXPECT_EQ(bus->timeouts, nullptr);
 }
 
-TEST_F(MessageBus, APathThatIsTakenOrNoneIsRefusedAndLeavesNothing) {
+TEST_F(MessageBus, RefusesATakenOrInvalidPath) {
     offer({});
     for (const char* path : {"/test", "no path", "/caf\xe9"}) {
         EXPECT_EQ(message_bus_new(base, KName, path), nullptr);
@@ -153,7 +153,7 @@ TEST_F(MessageBus, APathThatIsTakenOrNoneIsRefusedAndLeavesNothing) {
     }
 }
 
-TEST_F(MessageBus, ACallThatMemoryIsShortForIsTriedAgainLater) {
+TEST_F(MessageBus, RetriesACallAfterMemoryShortage) {
     offer({"Two"});
     static int refusals = 0;
     const auto refuse = [](DBusConnection*, DBusMessage* message, void*) {
@@ -166,7 +166,7 @@ TEST_F(MessageBus, ACallThatMemoryIsShortForIsTriedAgainLater) {
     EXPECT_EQ(replyTo(pending), "true");
 }
 
-TEST_F(MessageBus, AReplyThatCannotBeSentIsAnErrorForTheClient) {
+TEST_F(MessageBus, ClientGetsAnErrorWhenAReplyCannotBeSent) {
     offer({"Garbled", "Long", "Echo"});
     for (const char* refused : {"Garbled", "Long"}) {
         EXPECT_EQ(replyTo(send(newCall(refused))), DBUS_ERROR_FAILED);

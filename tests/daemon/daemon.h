@@ -14,7 +14,7 @@ constexpr char KDaemonLog[] = "/var/log/orsm.log";
 
 inline bool exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
 
-/// The configuration of a daemon that logs everything into KDaemonLog; `more` is put behind it.
+/// The configuration of a daemon that logs everything into KDaemonLog; `more` is appended.
 inline std::string daemonConfiguration(const std::string& server, const std::string& ca, const std::string& more = "") {
     return "serverrequests.pathtocabundlefile=" + ca + "\nserverrequests.applicationserver=" + server +
            "\nserverrequests.voltaroserver=" + server +

@@ -21,7 +21,7 @@ static void startHeldRequest(Gateway& gateway) {
     ASSERT_TRUE(waitFor([&] { return gateway.cloud->journal().size() == 1; }));
 }
 
-TEST(MainJob, KeepsTheRegistrationInAgreementAndNeverEchoesItBack) {
+TEST(MainJob, KeepsTheRegistrationInAgreementWithoutAnEcho) {
     Gateway gateway;
     gateway.cloud->order({"register", "HA-1", "first", "true"});
     gateway.cloud->order({"register", "HA-2", "second", "false"});
@@ -71,7 +71,7 @@ TEST(MainJob, KeepsTheRegistrationInAgreementAndNeverEchoesItBack) {
     EXPECT_EQ(gateway.end(), 0);
 }
 
-TEST(MainJob, EndsAtOnceWhileARequestIsHeldAndMoreChangesWaitThanThePipeHolds) {
+TEST(MainJob, EndsDuringARequestWithAFullPipe) {
     Gateway gateway;
     startHeldRequest(gateway);
     setOften("NMC.HomeAutomation", "HA-ID", 1, 200);
@@ -84,7 +84,7 @@ TEST(MainJob, EndsAtOnceWhileARequestIsHeldAndMoreChangesWaitThanThePipeHolds) {
     EXPECT_NE(readFile(KStore).find("ConnectionMode = \"ondemand\""), std::string::npos);
 }
 
-TEST(MainJob, ServesTheCallsOfTheFirstMomentWithAllThatItHasToKnow) {
+TEST(MainJob, FirstCallsWaitForStoreAndFirstValues) {
     Gateway gateway;
     gateway.set("NMC.HomeAutomation", "HA-ID", "HA-1");
     gateway.set("OrvoService.GatewayClient", "ConnectionMode", "on");
@@ -131,7 +131,7 @@ TEST(MainJob, ChangesDuringASlowRequestAllArriveInOrder) {
     EXPECT_EQ(gateway.end(), 0);
 }
 
-TEST(MainJob, GoesOnAndEndsAlthoughNobodyReadsItsLog) {
+TEST(MainJob, RunsWhenNobodyReadsItsLog) {
     Gateway gateway;
     ASSERT_EQ(mkfifo(KDaemonLog, 0600), 0);
     gateway.launch();
@@ -141,7 +141,7 @@ TEST(MainJob, GoesOnAndEndsAlthoughNobodyReadsItsLog) {
     EXPECT_EQ(gateway.end(), 0);
 }
 
-TEST(MainJob, GoesOnAndEndsAlthoughNoFileMayGrow) {
+TEST(MainJob, RunsWhenNoFileMayGrow) {
     Gateway gateway;
     gateway.start();
     const rlimit nothing = {0, 0};
@@ -151,7 +151,7 @@ TEST(MainJob, GoesOnAndEndsAlthoughNoFileMayGrow) {
     EXPECT_EQ(gateway.end(), 0);
 }
 
-TEST(LostBus, EndsItWithItsStatusAndNeverHoldsTheEndUp) {
+TEST(LostBus, EndsTheDaemonAndDoesNotDelayItsEnd) {
     for (const int row : {0, 1, 2, 3, 4, 5, 6, 7}) {
         const bool held = row & 1, messageBus = row & 2, killed = row & 4;
         SCOPED_TRACE(std::string(killed ? "killed " : "frozen ") + (messageBus ? "message bus" : "data model") +
@@ -174,7 +174,7 @@ TEST(LostBus, EndsItWithItsStatusAndNeverHoldsTheEndUp) {
     }
 }
 
-TEST(LostBus, AFrozenDataModelCostsTheCallsMadeMeanwhileAndNoOther) {
+TEST(LostBus, FrozenDataModelFailsOnlyTheCallsMadeMeanwhile) {
     Gateway gateway;
     gateway.start();
     BusClient client;
@@ -188,7 +188,7 @@ TEST(LostBus, AFrozenDataModelCostsTheCallsMadeMeanwhileAndNoOther) {
     EXPECT_EQ(gateway.end(), 0);
 }
 
-TEST(LostBus, AReplyThatAFrozenMessageBusDoesNotTakeWaitsForIt) {
+TEST(LostBus, ReplyWaitsWhileMessageBusIsFrozen) {
     for (const bool thawed : {true, false}) {
         writeFile(KDaemonLog, "");
         Gateway gateway;
@@ -212,7 +212,7 @@ TEST(LostBus, AReplyThatAFrozenMessageBusDoesNotTakeWaitsForIt) {
     }
 }
 
-TEST(Log, AHangUpSignalReloadsItsSettingsFromTheWorkingDirectory) {
+TEST(Log, HangupReloadsSettingsFromWorkingDirectory) {
     ASSERT_EQ(chdir("/var/run"), 0);
     Gateway gateway;
     gateway.start();

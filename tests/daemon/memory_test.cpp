@@ -1,5 +1,5 @@
-// Short memory: every allocation that the daemon makes on a path fails once, with the three behind it, and with all
-// behind it.
+// Out of memory: every allocation that the daemon makes on a path fails alone, then with the next three, then with all
+// that follow.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -116,7 +116,7 @@ class Memory : public testing::TestWithParam<Path> {};
 
 }  // namespace
 
-TEST_P(Memory, MayBeShortAnywhereOn) {
+TEST_P(Memory, ShortageAtAnyAllocationIsSurvived) {
     const Path& path = GetParam();
     Starving gateway;
     gateway.launch(KSteered);

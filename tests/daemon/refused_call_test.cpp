@@ -9,8 +9,8 @@
 
 using namespace world;
 
-// A start of which one call fails ends with status 1, its line, and nothing left behind.
-TEST(RefusedCall, EndsTheStart) {
+// A start in which one system call fails ends with status 1, logs its line, and leaves no pid file.
+TEST(RefusedCall, FailsTheStart) {
     LogReader log(KDaemonLog);
     const auto bus = startPcbBus(), dbus = startDbusDaemon();
     for (const auto& [call, detaches, line] : {
@@ -34,7 +34,7 @@ TEST(RefusedCall, EndsTheStart) {
     }
 }
 
-TEST(End, WaitsForASaveThatIsUnderWay) {
+TEST(End, WaitsForASave) {
     Gateway gateway;
     gateway.start("orvoservicemanager-steered");
     strike(3, KEnd);  // when the save writes

@@ -93,7 +93,7 @@ TEST_F(Services, CheckArgumentsAndConditionsInOrder) {
     EXPECT_TRUE(gateway_.cloud->journal().empty());
 }
 
-TEST_F(Services, DynDnsAsksTheServerAndKeepsAllThreeInAgreement) {
+TEST_F(Services, DynDnsKeepsServerDataModelAndStoreInAgreement) {
     gateway_.start();
     synchronize();
     gateway_.cloud->order({"take", "busy"});
@@ -174,7 +174,7 @@ TEST_F(Services, VoltaroSwitchesAndReadsPlugs) {
     EXPECT_NE(readFile(KStore).find("object Voltaro {\n        bool Enable = \"true\""), std::string::npos);
 }
 
-TEST_F(Services, SurviveWhateverAServerAnswersAndTellNobodyTheAccount) {
+TEST_F(Services, HandleBadServerAnswersAndKeepTheAccountSecret) {
     gateway_.launch("orvoservicemanager", "logger.level=INFO\n");
     gateway_.log.next("CG-NAT status: false");
     synchronize();
@@ -232,7 +232,7 @@ TEST_F(Services, SurviveWhateverAServerAnswersAndTellNobodyTheAccount) {
     }
 }
 
-TEST_F(Services, DescribeThemselvesAsTheInstalledFilesDo) {
+TEST_F(Services, DescriptionsEqualTheInstalledFiles) {
     gateway_.start();
     for (const std::string service : {"dyndns", "voltaro", "orvoservicesinfo"}) {
         EXPECT_EQ(client_.call("/" + service, DBUS_INTERFACE_INTROSPECTABLE, "Introspect"),
@@ -243,7 +243,7 @@ TEST_F(Services, DescribeThemselvesAsTheInstalledFilesDo) {
 
 static constexpr int KStandardInput = STDIN_FILENO;
 
-TEST_F(Services, AreNotEndedByDescriptorsThatClientsSend) {
+TEST_F(Services, SurviveFileDescriptorsFromClients) {
     gateway_.start();
     const rlimit few = {64, 64};
     ASSERT_EQ(prlimit(gateway_.daemon->pid(), RLIMIT_NOFILE, &few, nullptr), 0);

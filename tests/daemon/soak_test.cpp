@@ -21,7 +21,7 @@ static double kibibytes(const std::string& path, const std::string& row) {
     return std::stod(rows.substr(rows.find(row) + row.size()));
 }
 
-TEST(Soak, NeitherMemoryNorDescriptorsGrow) {
+TEST(Soak, MemoryAndDescriptorsDoNotGrow) {
     constexpr int KSteps = 50, KChangesAtOnce = 32;
     const double part = (Sweep::isWhole() ? 1 : 0.04) / KSteps;
     const int requests = static_cast<int>(100'000 * part), calls = static_cast<int>(1'000'000 * part),

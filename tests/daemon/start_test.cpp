@@ -10,7 +10,7 @@
 
 using namespace world;
 
-TEST(CommandLine, OrConfigurationThatCannotBeUsedIsExplained) {
+TEST(CommandLine, WrongUseAndWrongConfigurationAreExplained) {
     const std::string usage =
         "Usage:\n-c configuration-file-path - run with configuration from given path\n-v - prints version\n";
     std::string missing, all = "Configuration file broken or no required parameters given\n";
@@ -50,7 +50,7 @@ TEST(CommandLine, OrConfigurationThatCannotBeUsedIsExplained) {
     EXPECT_FALSE(exists(KPidFile));
 }
 
-TEST(StartUp, WithoutItsBusesItsNameOrItsPidFileItEndsWithOne) {
+TEST(StartUp, FailsWithoutBusesNameOrPidFile) {
     LogReader log(KDaemonLog);
     const std::string configuration = daemonConfiguration("https://127.0.0.1:1", "/none");
     const auto fails = [&](const char* first, const char* second) {
@@ -83,7 +83,7 @@ TEST(StartUp, WithoutItsBusesItsNameOrItsPidFileItEndsWithOne) {
     EXPECT_EQ(log.count("ERROR Cannot enable dbus"), 4U);
 }
 
-TEST(StartUp, TakesTheBusNameOverOrWaitsForItAndKeepsIt) {
+TEST(StartUp, TakesOverOrQueuesForTheBusName) {
     constexpr char KName[] = "com.corvane.orsm";
     for (const bool yields : {true, false}) {
         writeFile(KDaemonLog, "");
@@ -136,7 +136,7 @@ TEST(StartUp, DetachesWhenTheConfigurationAsksForIt) {
     EXPECT_TRUE(waitFor([] { return !exists(KPidFile); }));
 }
 
-TEST(StartUp, IsHeldUpByABusThatHangsButItsEndIsNot) {
+TEST(StartUp, CanBeEndedWhileABusHangs) {
     Gateway gateway;
     for (Process* hung : {gateway.dbus.get(), gateway.bus.get()}) {
         hung->send(SIGSTOP);

@@ -53,7 +53,7 @@ struct StoredGateway : SteeredGateway {
 
 }  // namespace
 
-TEST(StoreFault, AnyCallOfTheSavesOfConfigureMayFailOrBeTheLast) {
+TEST(StoreFault, StoreStaysWholeWhenACallFailsOrIsTheLast) {
     // Unlink, open, write, sync, close and rename the new file; open, sync and close its folder. Configure saves
     // thrice.
     const std::string save = "uowscrosc", calls = save + save + save;
@@ -93,7 +93,7 @@ TEST(StoreFault, AnyCallOfTheSavesOfConfigureMayFailOrBeTheLast) {
     printf("figure: store: %s faults at the calls of the saves of one Configure\n", sweep.count().c_str());
 }
 
-TEST(SuddenEnd, AtAnyLogLineOrStoreCallOfASynchronizationIsMadeGoodByTheNextStart) {
+TEST(SuddenEnd, NextStartFinishesAnInterruptedSynchronization) {
     StoredGateway gateway;
     gateway.heal("box");
     for (int call = 1, deaths = 0; !HasFailure(); ++call, ++deaths) {

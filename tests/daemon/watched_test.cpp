@@ -5,7 +5,7 @@
 
 using namespace world;
 
-TEST(Watched, EveryParameterReachesTheBusThreadAndNoOtherDoes) {
+TEST(Watched, EveryWatchedParameterReachesTheBusThread) {
     Gateway gateway;
     gateway.start();
     const auto reaches = [&](const char* object, const char* parameter, const std::string& value, const char* line,
@@ -31,7 +31,7 @@ TEST(Watched, EveryParameterReachesTheBusThreadAndNoOtherDoes) {
 }
 
 // What makes the daemon ask for carrier-grade NAT again, and what it makes of the answer.
-TEST(Watched, CgNatIsCheckedAgainAndToldWhenItChanged) {
+TEST(Watched, CgNatIsCheckedAgainAndChangesAreReported) {
     Gateway gateway;
     gateway.set("DNS.Server", "Status", "0");
     gateway.launch();

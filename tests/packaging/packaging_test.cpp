@@ -29,7 +29,7 @@ static Words found(const std::string& text, const char* pattern) {
     return {std::sregex_token_iterator(text.begin(), text.end(), regex, 1), std::sregex_token_iterator()};
 }
 
-// Installs a component into an empty folder: its files, each behind its mode.
+// Installs a component into an empty folder: its files, each with its mode in front.
 static Words install(const std::string& component) {
     std::filesystem::remove_all(KRoot);
     output({"env", "DESTDIR=" + KRoot, "cmake", "--install", ORSM_BUILD_FOLDER, "--component", component});
@@ -62,7 +62,7 @@ TEST(Installed, EachComponentHoldsExactlyItsFiles) {
     EXPECT_EQ(install("daemon"), expected);
 }
 
-TEST(Installed, TheUnitIsHardenedAndStartsTheProgramWithTheExampleConfiguration) {
+TEST(Installed, UnitIsHardenedAndStartsWithTheExampleConfiguration) {
     install("daemon");
     const std::string unit = KUnits + "orvoservicemanager.service";
     const std::string judged = output({"systemd-analyze", "security", "--offline=true", "--threshold=15", unit});
@@ -82,7 +82,7 @@ TEST(Installed, TheUnitIsHardenedAndStartsTheProgramWithTheExampleConfiguration)
     EXPECT_EQ(daemon.wait(), 0);
 }
 
-TEST(Installed, TheInitScriptTellsProcdToTryForEverAndToSendHangups) {
+TEST(Installed, InitScriptRestartsForeverAndSendsHangups) {
     install("procd");
     const std::string script = KRoot + "/etc/init.d/orvoservicemanager";
     EXPECT_EQ(output({"shellcheck", script}), "");
@@ -103,7 +103,7 @@ TEST(Manuals, AreWellFormed) {
 
 static constexpr int KStandardInput = STDIN_FILENO;
 
-TEST(Policy, OnlyRootAndTheGroupChangeSomethingOrReachAServerAndOnlyRootOwnsTheName) {
+TEST(Policy, GuardedMethodsAreForRootAndTheGroup) {
     writeFile("/var/run/group", "root:x:0:\norvoservice:x:5001:\nothers:x:5002:\n");
     writeFile("/var/run/passwd", "root:x:0:0::/:\nmember:x:1001:5001::/:\nother:x:1002:5002::/:\n");
     if (seteuid(1002) != 0 || seteuid(0) != 0 || mount("/var/run/group", "/etc/group", "", MS_BIND, nullptr) != 0 ||

@@ -50,7 +50,7 @@ struct Platform : testing::Test {
     Client client;
 };
 
-/// Sets one parameter to the numbers `from` to `to`, behind `prefix`, fast, as the platform.
+/// Sets one parameter, as the platform, to `prefix` followed by the numbers `from` to `to`, fast.
 inline void setOften(const char* object, const char* parameter, int from, int to, const std::string& prefix = "") {
     const Client platform("/var/run/pcb_sys", true);
     for (int i = from; i <= to; ++i) {

@@ -251,7 +251,7 @@ TEST_F(Client, SendsMapsAndHearsCustomNotifications) {
     }
 }
 
-TEST_F(Client, ItsLoopIsWokenAndStoppedByAThreadThenEndedForGoodByASignal) {
+TEST_F(Client, LoopIsStoppedByAThreadAndEndedByASignal) {
     std::atomic<bool> stopped = false;
     std::thread stopper([&] {
         // Stopped before it begins, a loop begins all the same.

@@ -36,7 +36,7 @@ struct Raw {
     }
 };
 
-TEST_F(Platform, BadFramesAreRefusedOrCloseTheirConnectionAndHarmNoOther) {
+TEST_F(Platform, BadFramesAreRefusedOrCloseTheConnection) {
     const Raw watch(R"({"id":1,"op":"subscribe","path":"OrvoService.DynDNS","flags":1024})"
                     "\n");
     EXPECT_EQ(watch.answer(), R"({"id":1})");
@@ -59,7 +59,7 @@ TEST_F(Platform, BadFramesAreRefusedOrCloseTheirConnectionAndHarmNoOther) {
     EXPECT_NE(watch.answer().find("\"alive\"]"), std::string::npos);
 }
 
-TEST_F(Platform, AWatcherHearsOfItsObjectUntilItCancelsAndIsDroppedWhenItDoesNotRead) {
+TEST_F(Platform, WatcherHearsItsOwnObjectAndMustRead) {
     world::writeFile("/var/run/two.odl", "object Q { object 1 { string X = \"\"; } object 10 { string X = \"\"; } }\n");
     bus.reset();
     bus = world::startPcbBus("/var/run/two.odl");
@@ -84,7 +84,7 @@ TEST_F(Platform, AWatcherHearsOfItsObjectUntilItCancelsAndIsDroppedWhenItDoesNot
     EXPECT_EQ(recv(watcher.socket, &byte, 1, MSG_DONTWAIT), -1) << "it hears of what it does not watch any more";
 }
 
-TEST_F(Platform, ASendThatTheSystemRefusesIsAFailureOfItsRequestAlone) {
+TEST_F(Platform, FailedSendFailsItsRequestOnly) {
     request_t* const refused = request_create_getObject("DNS.Server", -1, REQUEST_WATCH);
     iRefusedSends = 1;
     EXPECT_FALSE(pcb_sendRequest(client.pcb, client.peer, refused));
@@ -95,7 +95,7 @@ TEST_F(Platform, ASendThatTheSystemRefusesIsAFailureOfItsRequestAlone) {
     request_destroy(refused);
 }
 
-TEST_F(Platform, CtlPrintsValuesOrOneClearLine) {
+TEST_F(Platform, CtlPrintsValuesOrOneErrorLine) {
     const std::tuple<const char*, int, const char*> cases[] = {
         {"set NeMo.Intf.data Flags up,a=b",      0, ""                                                             },
         {"--socket /var/run/pcb_sys ls DNS",     0, "DNS.Server.Status=true\n"                                     },

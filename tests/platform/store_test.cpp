@@ -15,7 +15,7 @@ static std::string load(const Client& client, const char* path = "OrvoService") 
     return datamodel_load(object_datamodel(object), KFile, DATAMODEL_TEXT) ? "done" : error_string(pcb_error);
 }
 
-TEST_F(Platform, ASavedTreeHoldsEveryByteOfItsValues) {
+TEST_F(Platform, SavedTreeKeepsEveryByte) {
     std::string everyByte(255, '\1');
     std::iota(everyByte.begin(), everyByte.end(), '\1');
     client.set(KDynDns, "HostName", everyByte);
@@ -25,7 +25,7 @@ TEST_F(Platform, ASavedTreeHoldsEveryByteOfItsValues) {
     EXPECT_EQ(Client().get(KDynDns, "HostName"), everyByte);
 }
 
-TEST_F(Platform, ADamagedFileChangesNothingAndNamesItsLine) {
+TEST_F(Platform, DamagedFileChangesNothingAndNamesItsLine) {
     const std::string before = save(client, "OrvoService"), tooLong(size_t{1024} * 1024 + 1, 'x'), zero(1, '\0');
     const std::string good = "object OrvoService {\n    object DynDNS {\n        bool Enable = \"true\";\n";
     const std::pair<std::string, std::string> cases[] = {

@@ -65,7 +65,7 @@ static void react(EventCode code, const std::string& value) {
     reactToEvent(record);
 }
 
-TEST(SyncDecision, TheFirstTestThatAppliesDecides) {
+TEST(SyncDecision, FirstMatchingConditionDecides) {
     using enum SyncAction;
     const std::tuple<SyncState, SyncAction, int, const char*> cases[] = {
         {{"", 0, 0, 0, false},  SwitchOff,     LEVEL_WARN, "HA-ID is empty"                       },
@@ -119,7 +119,7 @@ class Sync : public testing::Test {
     std::unique_ptr<world::Cloud> cloud_ = world::startCloud();
 };
 
-TEST_F(Sync, RetriesGrowToAnHourCountFromTheFailureAndStartOverWithATrigger) {
+TEST_F(Sync, RetryDelayGrowsToAnHourAndRestartsWithATrigger) {
     react(EVENT_DNS_SERVER_STATUS_CHANGED, "");
     for (long retry = 1; retry <= 722; ++retry) {
         step();
@@ -176,7 +176,7 @@ TEST_F(Sync, SwitchesOffLocallyOnceAndOnlyIfItIsOn) {
     EXPECT_TRUE(cloud_->journal().empty());
 }
 
-TEST_F(Sync, TheGuardWaitsPutsTheModeBackAndGivesUpInTime) {
+TEST_F(Sync, GuardWaitsRestoresTheModeAndGivesUpInTime) {
     constexpr time_t KHour = 3600, KTenYears = 315'576'000;
     // The mode, whether a connection comes, whether the mode is switched, how far the wall clock jumps during the wait,
     // and how many seconds the wait takes.
@@ -212,7 +212,7 @@ TEST_F(Sync, TheGuardWaitsPutsTheModeBackAndGivesUpInTime) {
     log_.next("Get dyn dns configuration OK");
 }
 
-TEST_F(Sync, TakesWhatTheServerSaysOrKeepsWhatItHasAndTriesAgain) {
+TEST_F(Sync, StoresAnAnswerOrRetries) {
     set("OrvoService.GatewayClient", "ConnectionStatus", "true");
     // A fault or a body comes to this name and this switch; with a line of an error the step is tried again.
     const auto comesTo = [&](const std::string& answer, const char* name, const char* enable, const char* error) {

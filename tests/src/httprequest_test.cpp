@@ -44,7 +44,7 @@ struct Http : testing::Test {
     std::string ca_ = cloud_->caPath();
 };
 
-TEST_F(Http, GivesBodiesOfAnySizeAndStatusWhole) {
+TEST_F(Http, ReturnsBodiesOfAnySizeAndStatus) {
     for (const unsigned size : {0U, 1U, 1023U, 1024U, 1025U, 5000U, 8U << 20}) {
         std::string body(size, '\xFF');
         for (unsigned i = 0; i < size; i += 7) {
@@ -56,7 +56,7 @@ TEST_F(Http, GivesBodiesOfAnySizeAndStatusWhole) {
     }
 }
 
-TEST_F(Http, EachFailureIsLoggedAndTheNextRequestServed) {
+TEST_F(Http, EachFailureIsLoggedAndTheNextRequestSucceeds) {
     const std::tuple<const char*, const char*, const char*, bool> cases[] = {
         {"init",       "{}",                        "ERROR Cannot init curl",                 false},
         {"CAINFO",     "{}",                        "ERROR Cannot set CA bundle file",        false},
@@ -77,7 +77,7 @@ TEST_F(Http, EachFailureIsLoggedAndTheNextRequestServed) {
 
 // A fault of the server or of the connection ends its request with libcurl's own code and no other. What ends with 0 is
 // an answer.
-TEST_F(Http, EveryFaultOfAServerEndsItsRequestAlone) {
+TEST_F(Http, EveryConnectionFaultFailsItsRequestOnly) {
     const std::pair<int, std::vector<std::string>> cases[] = {
         {60, {"connection", "expired"}                                                          },
         {60, {"connection", "not-yet-valid"}                                                    },

@@ -10,7 +10,7 @@
 #include "src/voltarodbus/voltaro_service.h"
 #include "tests/world/world.h"
 
-TEST(Methods, AreDescribedAndGuardedAsTheirRowsSay) {
+TEST(Methods, MatchDescriptionAndPolicy) {
     const std::string policy = world::readFile(ORSM_SOURCE_FOLDER "/dbus/com.corvane.orsm.conf");
     for (const BusService* service : {&KDynDnsService, &KVoltaroService, &KOrvoServicesInfoService}) {
         std::string described;
@@ -35,7 +35,7 @@ TEST(Methods, AreDescribedAndGuardedAsTheirRowsSay) {
     }
 }
 
-TEST(PublicInterface, LeavesNothingBehindWhenAServiceIsRefused) {
+TEST(PublicInterface, FailedStartReleasesEverything) {
     std::string configuration = world::readFile(ORSM_SOURCE_FOLDER "/tests/world/bus.conf");
     // Enough for the first service and one method of the second.
     configuration.replace(configuration.find("</busconfig>"), std::string::npos,

@@ -23,7 +23,7 @@ class Cloud {
     void fault(const std::string& resource, const std::string& kind, unsigned count = 1, const std::string& value = "");
     /// Lets the next request of a resource be answered with an HTTP status and these bytes.
     void answer(const std::string& resource, int status, const std::string& body);
-    /// All requests so far as one text, a line each: method and target, every header behind the host's, the body; "|"
+    /// All requests so far as one text, a line each: method and target, every header after the host's, the body; "|"
     /// between them. And the lines one by one.
     std::string wire() const { return readFile(directory_ + "/journal"); }
     std::vector<std::string> journal() const;

@@ -65,11 +65,11 @@ class Sweep {
 std::string readFile(const std::string& path, size_t from = 0);
 void writeFile(const std::string& path, std::string_view content);
 
-/// Reads a growing log file from the front; each match is searched behind the one before.
+/// Reads a growing log file from the front; each search starts after the match before.
 class LogReader {
   public:
     explicit LogReader(std::string path) : path_(std::move(path)) {}
-    /// Waits for the next line that holds `text` and moves behind it; empty when none comes in time.
+    /// Waits for the next line that holds `text` and moves past it; empty when none comes in time.
     std::string next(std::string_view text);
     /// How many lines hold `text`, in the whole file.
     size_t count(std::string_view text) const;
