@@ -76,7 +76,7 @@ TEST_F(Platform, WatcherHearsItsOwnObjectAndMustRead) {
     EXPECT_EQ(send(watcher.socket, cancel.data(), cancel.size(), 0), static_cast<ssize_t>(cancel.size()));
     EXPECT_NE(watcher.answer().find("malformed request"), std::string::npos);
     const std::string large(1'000'000, 'x');
-    for (int change = 0; change < 70; ++change) {
+    for (unsigned change = 0; change < 70; ++change) {
         EXPECT_EQ(setter.set("Q.1", "X", large.substr(change % 2)), "done");
     }
     EXPECT_NE(bus->output().find("dropped: it does not read, 64 MiB wait"), std::string::npos);
