@@ -1,10 +1,13 @@
 # Sourced by ./test and the tools that build for it.
 . tools/packages.sh
 
+# How long a test may take.
+TEST_SECONDS=120
+
 # build PRESET [ARGUMENT...]: configures and builds; says what the tools say only when they fail.
 build() {
   mkdir -p build
-  { cmake --preset "$1" -DBUILD_TESTING=ON && cmake --build --preset "$@"; } >"build/$1.log" 2>&1 ||
+  { cmake --preset "$1" -DBUILD_TESTING=ON -DORSM_TEST_SECONDS=$TEST_SECONDS && cmake --build --preset "$@"; } >"build/$1.log" 2>&1 ||
     { cat "build/$1.log"; exit 1; }
 }
 

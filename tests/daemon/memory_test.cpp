@@ -19,7 +19,7 @@ struct Starving : SteeredGateway {
     bool second = true;
 
     Starving() : SteeredGateway(1000) {}
-    // While memory is short: waits until the daemon has come to rest, or `done` holds.
+    // While memory is short: waits until the daemon has come to rest or only tries again, or `done` holds.
     void untilHandled(const std::function<bool()>& done) const {
         if (!steering().starved) return;
         unsigned before = 0, still = 0;
@@ -27,7 +27,7 @@ struct Starving : SteeredGateway {
             const unsigned now = steering().allAllocations;
             still = now && now == before ? still + 1 : 0;
             before = now;
-            return still > 3 || done() || !daemon->running();
+            return still > 3 || steering().failed > 200 || done() || !daemon->running();
         }));
         steering().starved = 0;
     }
