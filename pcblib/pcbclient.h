@@ -131,6 +131,7 @@ using PcbFunctionCallback = void (*)(const char* path, const char* function, con
 /// Told of a queued request that could not be sent, right before it is released: its owner forgets it.
 using PcbRequestLostCallback = void (*)(request_t* request);
 
+/// Set the callbacks of all function calls; null for none.
 void setPcbFunctionCallback(PcbFunctionCallback callback);
 void setPcbRequestLostCallback(PcbRequestLostCallback callback);
 
@@ -141,13 +142,19 @@ void setPcbRequestLostCallback(PcbRequestLostCallback callback);
 /// was sent already.
 [[nodiscard]] int addStringParameter(request_t* request, const char* name, const char* value);
 
-/// A map to be filled and added to a call, or null; released with freeMapParameter whether it was added or not.
+/// A map to be filled and added to a call, or null when out of memory; released with freeMapParameter whether it was
+/// added or not.
 [[nodiscard]] variant_map_t* createMapParameter();
+
+/// Add an entry to a map; the texts (not null) are copied. Nonzero, or 0 when out of memory.
 [[nodiscard]] int addStringParameterToMap(variant_map_t* map, const char* key, const char* value);
 [[nodiscard]] int addIntParameterToMap(variant_map_t* map, const char* key, int value);
 [[nodiscard]] int addBoolParameterToMap(variant_map_t* map, const char* key, int flag);
+
 /// Moves the map's contents into a parameter of the call; nonzero, or 0.
 [[nodiscard]] int addMapParameter(request_t* request, const char* name, variant_map_t* map);
+
+/// Releases a map and what it still holds; null is ignored.
 void freeMapParameter(variant_map_t* map);
 
 /// Sends a prepared call; its result reaches the function callback. The request, or null after releasing it when it
