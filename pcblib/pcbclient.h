@@ -1,7 +1,7 @@
 // The daemon's client of the gateway's data model: contexts and parameters, subscriptions and the event loop, function
 // calls. It uses the platform's client library. The singleton client, the subscriptions, the loop, the queues and the
 // asynchronous functions belong to the main thread; a context made with easyCreatePcbDataModelClient belongs to the
-// thread that uses it. Failures are logged here, except short memory where the result says it; operations report 1
+// thread that uses it. Failures are logged here, except out of memory where the result says so; operations report 1
 // for success and 0 for failure.
 #pragma once
 
@@ -86,16 +86,17 @@ void setPcbCustomNotificationCallback(PcbCustomNotificationCallback callback);
 
 /// Subscribes to an object: it is delivered once, then every change of its parameters is notified, until the request is
 /// released. The request, to be released with freePcbRequestObject, or null. An unknown object shows later, as an error
-/// item. The two others deliver no object: only changes, only custom notifications.
+/// item. The second function delivers only changes, and the third only custom notifications.
 [[nodiscard]] request_t* listenToChangesInPcbObject(const char* path);
 [[nodiscard]] request_t* listenToNotificationsFromPcbObject(const char* path);
 [[nodiscard]] request_t* listenToCustomNotificationsFromPcbObject(const char* path);
 
-/// Queues a subscription like listenToChangesInPcbObject for the end of the loop's current pass; a null path is
-/// ignored. The request lives until the client is destroyed.
+/// Queues a subscription like listenToChangesInPcbObject for the end of the loop's current pass; takes `path` over,
+/// null is ignored. Out of memory: logged, and not subscribed. The request lives until the client is destroyed.
 void listenToChangesInPcbObjectAsync(OwnedText path);
 
-/// The handlers of reply items, and what they do with a notification; always 1.
+/// The handlers of reply items, always 1, and what they call for a notification (no result). Item and notification are
+/// valid during the call only. Main thread, in the loop.
 int clientHandleReplyItem(request_t* request, reply_item_t* item);
 int handleAsyncCustomNotifications(request_t* request, reply_item_t* item);
 void walkThroughChangedParameters(notification_t* notification);
@@ -105,7 +106,7 @@ void walkThroughNotificationParameters(notification_t* notification);
 void freePcbRequestObject(request_t* request);
 
 /// Queues a request (null is ignored) to be released at the end of the loop's current pass: the way out of a callback,
-/// the request's own included. Needs no memory.
+/// the request's own included. Needs no memory. A second release of the same request is ignored.
 void freePcbRequestObjectAsync(request_t* request);
 
 /// Runs until the bus connection is lost or the loop is stopped or ended; 1 then. Without a connection it returns 0 at
@@ -151,7 +152,8 @@ void setPcbRequestLostCallback(PcbRequestLostCallback callback);
 [[nodiscard]] int addIntParameterToMap(variant_map_t* map, const char* key, int value);
 [[nodiscard]] int addBoolParameterToMap(variant_map_t* map, const char* key, int flag);
 
-/// Moves the map's contents into a parameter of the call; nonzero, or 0.
+/// Moves the map's contents into a parameter of the call; the map is empty then, and still the caller's. Nonzero, or 0
+/// when out of memory, one of the three is null or the call was sent already.
 [[nodiscard]] int addMapParameter(request_t* request, const char* name, variant_map_t* map);
 
 /// Releases a map and what it still holds; null is ignored.

@@ -46,7 +46,7 @@ void drainPendingWork();
 /// calls, which are their owners'. Main thread, outside the loop.
 void releasePendingWork();
 
-/// Queues a call for drainPendingWork: false when out of memory.
+/// Queues a call for drainPendingWork; the call stays its owner's. False when out of memory. Main thread.
 [[nodiscard]] bool pushPendingExecution(request_t* request);
 
 /// Logs why a request could not be created.
@@ -57,10 +57,12 @@ void logCreateFailure();
 /// with nothing left. Main thread.
 [[nodiscard]] request_t* keepRequest(request_t* created);
 
-/// Sends a request through `context`; a failure is logged.
+/// Sends a request through `context` (not null); false after a failure, which is logged. The request stays the
+/// caller's. The context's thread.
 [[nodiscard]] bool sendRequest(PcbContext* context, request_t* request);
 
-/// Installs the handler of asynchronous calls and sends through the singleton; a failure is logged.
+/// Installs the handler of asynchronous calls and sends through the singleton; false after a failure, which is logged.
+/// The request stays the caller's. Main thread.
 [[nodiscard]] bool sendPreparedFunction(request_t* request);
 
 /// Logs why a wait failed.
@@ -69,5 +71,5 @@ void logWaitFailure();
 /// Logs an error item.
 void logErrorItem(reply_item_t* item);
 
-/// Wakes the loop, so that it drains the queues.
+/// Wakes the loop, so that it drains the queues; a failure shows in the line that is logged. Main thread.
 void wakeEventLoop();

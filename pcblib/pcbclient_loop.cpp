@@ -210,7 +210,7 @@ void listenToChangesInPcbObjectAsync(OwnedText path) {
         LOG(ERROR, "No memory to listen to %s", path.get());
         return;
     }
-    (void)path.release();  // the queue's from here on
+    (void)path.release();  // the queue owns it now
     wakeEventLoop();
 }
 

@@ -1,4 +1,4 @@
-// The seam to the platform's client library: <pcb.h>, and the library's numbers. On a desk that header is the
+// The interface to the platform's client library: <pcb.h>, and the library's numbers. On a desk that header is the
 // stand-in's. On a gateway it is the porter's own, in the folder that ORSM_PCB_INCLUDE names; it includes the
 // platform's headers, with C linkage, and fills what they lack. It must provide:
 //

@@ -31,7 +31,7 @@ using OwnedConfig = Owned<ConfigFile, configFileFree>;
 /// or memory is short. An empty file is a configuration without pairs.
 [[nodiscard]] OwnedConfig configFileLoad(const char* path);
 
-/// Parses a copy of `length` bytes; fails as configFileLoad does (null bytes are no content). A length of exactly 4096
+/// Parses a copy of `length` bytes; fails as configFileLoad does (null `bytes` fail, too). A length of exactly 4096
 /// loses its last byte, as a file does; other lengths lose nothing.
 [[nodiscard]] OwnedConfig configFileLoadFromBytes(const void* bytes, size_t length);
 

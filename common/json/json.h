@@ -7,7 +7,7 @@
 
 using OwnedJson = Owned<cJSON, cJSON_Delete>;
 
-/// Parses `text` (null gives null): the tree, or null when it is not JSON or memory is short. What follows the first
+/// Parses `text` (null gives null): the tree, or null when it is not JSON or out of memory. What follows the first
 /// JSON value is ignored. Any thread.
 [[nodiscard]] OwnedJson parseJson(const char* text);
 

@@ -141,7 +141,7 @@ static void clean(char* text, size_t length) {
     }
 }
 
-// The format's first `length` bytes, which the compiler then takes for the format that it has checked.
+// A copy of the format's first `length` bytes. The attribute makes the compiler treat it like the checked format.
 __attribute__((format_arg(1))) static const char* beginningOf(const char* format, size_t length, char* room) {
     memcpy(room, format, length);
     room[length] = '\0';

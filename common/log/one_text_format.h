@@ -1,4 +1,4 @@
-// A log format that stands in a table: checked at compile time although the call that uses it is not.
+// A log format that is kept in a table. It is checked at compile time, since the logging call cannot check it.
 #pragma once
 
 #include "common/log/log.h"

@@ -49,7 +49,8 @@ void message_bus_free(message_bus** bus);
 
 /// From now on no message is read while another one that holds file descriptors waits to be handled. Otherwise clients
 /// could fill the process's descriptor table, and libdbus would drop the connection; no method takes descriptors. Call
-/// it after the last blocking call to the bus: the answer to such a call could wait, too.
+/// it after the last blocking call to the bus: the answer to such a call could wait, too. Bus thread, before it
+/// runs the base.
 void message_bus_limit_descriptors(message_bus* bus);
 
 /// Sets the one callback of its kind; a message for which there is a listener but no callback counts as not handled.

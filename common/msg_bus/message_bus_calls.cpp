@@ -199,7 +199,7 @@ void cancel_method_calls(const message_bus* bus) {
             continue;
         }
         *link = context->next;
-        const OwnedPendingCall call(context->call);  // the context goes with it
+        const OwnedPendingCall call(context->call);  // also releases the context
         dbus_pending_call_cancel(call.get());
     }
 }

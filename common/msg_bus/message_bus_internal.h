@@ -22,7 +22,7 @@ struct BusError {
     BusError& operator=(const BusError&) = delete;
 };
 
-/// Hands `entry` over to the list, at its tail.
+/// Appends `entry` to the list, which owns it from now on. The thread that uses the list.
 template <class Record>
 void appendRecord(Record** list, OwnedRecord<Record> entry) {
     while (*list) {
@@ -81,5 +81,6 @@ void remove_dbus_event(dbus_event** list, const void* key);
 /// The object path's message function; `data` is the bus object. Bus thread.
 DBusHandlerResult handle_message(DBusConnection* connection, DBusMessage* message, void* data);
 
-/// Gives up the outgoing calls of the object that wait for their reply: no callback comes for them any more.
+/// Gives up the outgoing calls of the object that wait for their reply: no callback comes for them any more. While no
+/// thread runs the base.
 void cancel_method_calls(const message_bus* bus);

@@ -18,7 +18,7 @@ struct Release {
 template <class T, auto release>
 using Owned = std::unique_ptr<T, Release<release>>;
 
-/// Ends the life of a record that newRecord made.
+/// Destroys and frees a record that newRecord made (not null). Any thread.
 template <class T>
 void deleteRecord(T* record) {
     record->~T();

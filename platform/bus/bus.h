@@ -24,12 +24,12 @@ using OwnedEvent = Owned<event, event_free>;
 
 /// Serves a connection that was accepted.
 void serveClient(int socket);
-/// Closes a client's connection with a message on standard error; it is freed once the loop is back.
+/// Closes a client's connection with a message on standard error. The event loop frees the client later.
 void dropClient(Client* client, const char* reason);
 /// Frees all clients at the end.
 void freeClients();
-/// Sends a frame (null: memory was short): whether this frame is on its way. In the place of one that is too large goes
-/// an error; a client that cannot be told is dropped.
+/// Queues a frame for sending (null: out of memory); true when this frame was queued. Sends an error instead of a frame
+/// that is too large. A client that reads nothing, or for whom there is no memory, is dropped.
 bool sendFrame(Client* client, uint64_t id, OwnedJson frame);
 void sendError(Client* client, uint64_t id, uint32_t code, const char* path, const char* member);
 /// An answer with an id and nothing else; null when out of memory.
@@ -40,6 +40,8 @@ void introduceClient(Client* client, const char* name, bool platform);
 
 // ---- operations.cpp: what clients ask for ----
 
+/// Carries out one frame, which has an id and an operation, and sends its answer or an error. `frame` stays the
+/// caller's.
 void handleFrame(Client* client, const cJSON* frame);
 
 // ---- subscriptions.cpp ----
@@ -48,6 +50,7 @@ void subscribe(Client* client, uint64_t id, const cJSON* frame);
 void cancelSubscription(const Client* client, uint64_t id);
 /// Ends all subscriptions of a client.
 void cancelSubscriptions(const Client* client);
+/// Send a notification to every subscription that covers `path`. A client for whom there is no memory is dropped.
 void notifyChange(const char* path, const char* parameter, const char* oldText, const char* newText);
 void notifyCustom(const char* path, const char* value);
 
@@ -55,7 +58,7 @@ void notifyCustom(const char* path, const char* value);
 
 /// Sets a value, tells who watches it, and does what the gateway does then. False when out of memory.
 bool changeValue(object_t* object, parameter_t* parameter, const char* text);
-/// The gateway starts: a connection that was asked for is made.
+/// False when out of memory. The stop functions release what was started, also after a start that failed.
 bool startGateway();
 void stopGateway();
 /// The text of a parameter; null when it or its object does not exist.
@@ -64,8 +67,8 @@ const char* valueOf(const char* path, const char* parameter);
 void changeValueOf(const char* path, const char* parameter, const char* text);
 /// Whether a list of words, divided by blanks or commas, holds `word`.
 bool holdsWord(const char* words, const char* word);
-/// A parameter that holds milliseconds, from 0 to an hour: more count as an hour, and what is negative or no whole
-/// number as `otherwise`, as does a parameter that does not exist.
+/// The milliseconds that a parameter holds, at most an hour (a larger value counts as an hour). `otherwise` when the
+/// parameter does not exist, or holds a negative value or no whole number.
 long millisecondsOf(const char* path, const char* parameter, long otherwise);
 
 // ---- functions.cpp: the functions of objects ----
@@ -74,6 +77,7 @@ bool startFunctions();
 void stopFunctions();
 /// Calls a function, after the delay that is set; answers of calls come in their order.
 void callFunction(Client* client, uint64_t id, const cJSON* frame);
+/// Drop one call of a client that waits (an unknown id is ignored), or all of them: they get no answer.
 void cancelCall(const Client* client, uint64_t id);
 void cancelCalls(const Client* client);
 

@@ -69,7 +69,7 @@ static bool addEchoes(cJSON* outArguments, const cJSON* arguments) {
         const bool complete = item && addJsonText(item.get(), KWireName, argument->string) &&
                               addJson(item.get(), KWireValue, OwnedJson(cJSON_Duplicate(argument, false)));
         if (!complete || !cJSON_AddItemToArray(outArguments, item.get())) return false;
-        (void)item.release();  // the array's from here on
+        (void)item.release();  // the array owns it now
     }
     return true;
 }

@@ -19,8 +19,8 @@ Bus iBus;
 
 namespace {
 
-/// The right to serve a path: a lock on PATH.lock, held until the end of the process. The file stays, since a lock on
-/// a file that somebody removes keeps nobody away.
+/// The right to serve a path: a lock on PATH.lock, held until the end of the process. The file is never
+/// removed, because a lock on a removed file keeps no other bus away.
 struct PathLock {
     int file = -1;
 
@@ -73,7 +73,7 @@ static bool clearPath(const sockaddr_un& address) {
     if (lstat(address.sun_path, &status) != 0) return true;
     if (!S_ISSOCK(status.st_mode)) return complain("not a socket", address.sun_path);
     const int error = connectError(address);
-    // EAGAIN: a server that is there, whose queue is full.
+    // EAGAIN: a server listens there, but its queue is full.
     if (error == 0 || error == EAGAIN) return complain(KServed, address.sun_path);
     if (error != ECONNREFUSED) return complain(address.sun_path, strerror(error));
     return unlink(address.sun_path) == 0 || complain(address.sun_path, strerror(errno));

@@ -43,7 +43,7 @@ void subscribe(Client* client, uint64_t id, const cJSON* frame) {
     subscription->id = id;
     subscription->flags = flags;
     subscription->depth = depthOf(frame);
-    // Who hears of an error is told that the request is over.
+    // A client that gets an error instead of the answer knows that the request has ended.
     const bool answered = sendFrame(client, id, firstAnswer(id, flags, path, subscription->depth));
     const bool onlyObject = flags & REQUEST_OBJECT && !(flags & REQUEST_STAYS);
     if (!answered || onlyObject) return;

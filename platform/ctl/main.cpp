@@ -221,8 +221,8 @@ static bool runCommand(const char* socketPath, char** words, int count) {
     return false;
 }
 
-// Takes the places of standard streams that are closed, or the socket would take one, and what is printed go to the
-// bus. Writing there fails, as it would have done.
+// Opens /dev/null for closed standard streams. Otherwise the socket could get such a number, and output would go to the
+// bus. It is opened for reading, so that writing still fails.
 static void fillStandardStreams() {
     int file = 0;
     while (file >= 0 && file <= STDERR_FILENO) {

@@ -23,5 +23,5 @@ struct Buffer {
 [[nodiscard]] bool bufferReserve(Buffer* buffer, size_t more);
 /// False, and nothing added, when out of memory.
 [[nodiscard]] bool bufferAppend(Buffer* buffer, std::string_view bytes);
-/// Takes bytes from the front.
+/// Takes `count` bytes from the front; there are at least so many.
 void bufferTake(Buffer* buffer, size_t count);

@@ -105,7 +105,7 @@ bool queueFrame(connection_info_t* connection, const cJSON* frame) {
     text.get()[length] = '\n';  // in the place of its zero: a frame goes as a whole or not at all
     if (!bufferAppend(&connection->out, {text.get(), length + 1})) return fail(PCB_ERROR_NO_MEMORY);
     if (sendQueued(connection)) return true;
-    // A frame whose beginning went has to go whole, later.
+    // The rest of a partly sent frame stays queued and is sent later.
     if (connection->out.length > 0 && connection->out.length <= length) return true;
     connection->out.length -= std::min(connection->out.length, length + 1);
     return false;
@@ -172,7 +172,7 @@ bool parseReceived(connection_info_t* connection, uint64_t id, OwnedJson* answer
     while (true) {
         const size_t length = lineLength(connection);
         if (length == std::string_view::npos) {
-            // A bus that sends this is not one to go on with.
+            // A bus that sends so long a frame cannot be used further.
             if (connection->in.length > KMaxFrameLength) lose(connection);
             return true;
         }

@@ -86,8 +86,8 @@ static bool writeAll(int file, std::string_view bytes) {
     return true;
 }
 
-// Whatever stands in the place of the new file is taken away, never written through: a link leads elsewhere, and a pipe
-// has nobody who reads.
+// A file that already has the new file's name is removed and never written to: a link would lead elsewhere, and a pipe
+// would have no reader.
 static bool writeAndSync(const char* path, std::string_view bytes) {
     if (unlink(path) != 0 && errno != ENOENT) return false;
     const int file = open(path, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);

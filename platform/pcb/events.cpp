@@ -16,7 +16,7 @@ static constexpr size_t KMaxConnectionsInList = 32;
 
 static std::atomic<bool> terminated = false;
 static std::atomic<int> lostConnections = 0;
-// Whether a wait has said so: until then no loop ends of it, so that none ends without a word, whoever found the loss.
+// Whether a wait has reported the loss as its failure. Before that a loss ends no loop, so the loop can log it first.
 static std::atomic<bool> lossTold = false;
 // Opened by the first initialisation and open for good: a signal may come at any time.
 static std::atomic<int> wakeDescriptor = -1;
@@ -152,7 +152,7 @@ int connection_waitForEvents_r(llist_t* list, fd_set* readSet, fd_set* writeSet)
             return failedRound(PCB_ERROR_CONNECTION_LOST).ready;
         }
         if (round.woken && !connection_isTerminated()) {
-            // Taken by one; what ends the loop stays for every thread that waits.
+            // One thread takes a wake-up; the end of the loop wakes every thread that waits.
             uint64_t wakes = 0;
             (void)!read(wakeDescriptor, &wakes, sizeof wakes);
         }

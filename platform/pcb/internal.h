@@ -58,6 +58,8 @@ int64_t deadlineOfExchange();
 int64_t deadlineIn(int64_t milliseconds);
 /// How long poll may wait until then: 0 when the time is over.
 int millisecondsUntil(int64_t deadline);
+/// Connects to the socket at `path` before `deadline`; false with pcb_error. closeConnection drops all that waits, and
+/// may be called for a connection that is not open. The client's thread.
 bool openConnection(connection_info_t* connection, const char* path, int64_t deadline);
 void closeConnection(connection_info_t* connection);
 /// Appends a frame to what waits to be sent, and sends what the socket takes. False when none of it was queued.
@@ -73,6 +75,7 @@ bool holdsFrame(connection_info_t* connection);
 /// Parses what was received. The answer to `id` (0: none awaited) ends it and is given; frames of living requests are
 /// kept, others dropped. False with a frame that cannot be read: it is tried once more next time.
 bool parseReceived(connection_info_t* connection, uint64_t id, OwnedJson* answer);
+/// Takes out the oldest frame that is kept for the event loop; null when there is none.
 OwnedJson takeKept(connection_info_t* connection);
 /// Sends a frame (null: memory was short) and waits for its answer, which is no error; else null with pcb_error.
 OwnedJson exchange(pcb_t* client, OwnedJson frame, int64_t deadline);
@@ -83,20 +86,22 @@ uint64_t numberFrame(pcb_t* client, cJSON* frame);
 
 // ---- events.cpp ----
 
-/// Counts connections that are lost and not yet closed, and wakes whoever waits.
+/// Count connections that are lost and not yet closed. The first also wakes the threads that wait. Any thread.
 void countLostConnection();
 void forgetLostConnection();
 
 // ---- request.cpp ----
 
+/// The client's request with this id, which stays its owner's; null when there is none.
 request_t* findRequest(pcb_t* client, uint64_t id);
 /// Hands a frame to its request's handler, if it still lives.
 void dispatchFrame(pcb_t* client, const cJSON* frame);
-/// Frees its requests from a client that goes.
+/// Detaches all requests from a client that is destroyed; their owners still have them.
 void detachRequests(pcb_t* client);
 
 // ---- client.cpp ----
 
+/// Sets a parameter on the bus; false with pcb_error. Blocks for the exchange.
 bool setOnBus(pcb_t* client, const char* path, const char* parameter, const char* text);
 
 // ---- variant.cpp ----

@@ -1,4 +1,5 @@
-// What a caller owes the library. In the sanitizer builds a slip ends the process with one line that names the call.
+// Checks of what a caller must do. In the sanitizer builds a violation ends the process with one line that names the
+// call.
 #pragma once
 
 #ifdef ORSM_STRICT

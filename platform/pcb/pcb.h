@@ -51,7 +51,7 @@ enum {
     PCB_ERROR_TIMEOUT = 0x00010002,          // the bus did not answer in time
     PCB_ERROR_CONNECTION_LOST = 0x00010003,  // the bus closed the connection
     PCB_ERROR_NO_MEMORY = 0x00010004,
-    PCB_ERROR_INVALID_ARGUMENT = 0x00010005,  // null where something must be, a URI of another form, an unknown flag
+    PCB_ERROR_INVALID_ARGUMENT = 0x00010005,  // an empty value, a malformed URI, an unknown flag, a call out of order
     PCB_ERROR_CANNOT_CONNECT = 0x00010006,    // nobody listens at the address
     PCB_ERROR_UNREADABLE_FRAME = 0x00010007,  // an answer could not be read: malformed, or memory is short
     PCB_ERROR_FRAME_TOO_LARGE = 0x00010008,   // more than 16 MiB in one request or answer
@@ -121,6 +121,7 @@ void variant_cleanup(variant_t* variant);
 char* variant_char(const variant_t* variant);
 
 bool variant_map_initialize(variant_map_t* map);
+/// Add an entry at the end; key and text are copied. False when out of memory.
 bool variant_map_addChar(variant_map_t* map, const char* key, const char* text);
 bool variant_map_addInt32(variant_map_t* map, const char* key, int32_t number);
 bool variant_map_addBool(variant_map_t* map, const char* key, bool flag);
@@ -233,9 +234,11 @@ enum {
 /// during the call.
 typedef int (*request_reply_item_handler_t)(request_t* request, reply_item_t* item);
 
-/// A request for an object and what lies at most `depth` levels below it (-1: all). An object that does not exist
-/// brings an error item later.
+/// A new request for an object and what lies at most `depth` levels below it (-1: all); request_destroy releases it. An
+/// object that does not exist brings an error item later.
 request_t* request_create_getObject(const char* objectPath, int32_t depth, uint32_t flags);
+/// A new call of a function; request_destroy releases it. Objects and functions that do not exist bring an error item
+/// later.
 request_t* request_create_executeFunction(const char* objectPath, const char* functionName, uint32_t flags);
 /// Adds an argument; takes the value over and leaves the variant empty.
 bool request_addParameter(request_t* request, const char* name, variant_t* value);

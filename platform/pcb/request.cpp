@@ -163,7 +163,7 @@ bool pcb_sendRequest(pcb_t* pcb, peer_info_t* peer, request_t* request) {
     return true;
 }
 
-// The bus forgets the request; without memory it goes on, and what comes is dropped here.
+// Cancels the request on the bus. Out of memory: the bus goes on sending, and the frames are dropped here.
 static void cancel(const request_t* request) {
     const uint32_t reason = pcb_error;
     const OwnedJson frame = newFrame("cancel", nullptr);
@@ -271,7 +271,7 @@ static bool readItem(reply_item_t* item, const cJSON* frame, const request_t* re
     return !object || readObject(item, object, request);
 }
 
-// The bus goes on with a subscription of which one item could not be read here.
+// An item that cannot be read here does not end its subscription: the bus continues it.
 static bool endsRequest(const reply_item_t* item, const request_t* request) {
     if (item->type == REPLY_ITEM_ERROR) return request->function || item->error != PCB_ERROR_UNREADABLE_FRAME;
     return item->type == REPLY_ITEM_FUNCTION_RETURN ||

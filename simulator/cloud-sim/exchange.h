@@ -11,11 +11,11 @@ namespace cloudsim {
 using Words = std::vector<std::string>;
 
 enum class Ending {
-    Whole,       // the whole answer, and a proper farewell
+    Whole,       // the whole answer, then a proper TLS shutdown
     NoHeaders,   // closed before the first byte
-    HalfBody,    // closed in the middle of the body, without a farewell
-    ShortBody,   // half of the body, then a proper farewell
-    BrokenChunk  // a chunked body that breaks off with a chunk size that is none
+    HalfBody,    // closed in the middle of the body, without a TLS shutdown
+    ShortBody,   // half of the body, then a proper TLS shutdown
+    BrokenChunk  // a chunked body that ends in an invalid chunk size
 };
 
 struct Exchange {

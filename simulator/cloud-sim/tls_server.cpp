@@ -16,7 +16,7 @@ using Tls = Owned<SSL, SSL_free>;
 
 static constexpr char KEndOfHead[] = "\r\n\r\n";
 
-// The exchange that this thread's connection is at: the library's handlers get no other word about it.
+// The current exchange of this thread's connection. The library's handlers have no other way to find it.
 static thread_local Exchange* iExchange = nullptr;
 
 // Feeds the library from a TLS connection, never beyond the request's end, and collects what it composes.
@@ -235,7 +235,7 @@ static Received takeApart(const std::string& bytes) {
     return received;
 }
 
-// What tells a reader how it went: the answer's two statuses, and what was done to it.
+// The outcome as text: the HTTP status, the status in the JSON, and the fault that was applied.
 static std::string outcome(const Exchange& exchange) {
     std::string words;
     if (exchange.raw.empty() && exchange.ending == Ending::Whole) {

@@ -4,7 +4,7 @@
 #include "common/json/json.h"
 #include "common/log/one_text_format.h"
 
-/// Writes "Enable" and, on success, takes the value over into iDynDnsEnable (logged). A failure is the caller's to log.
+/// Writes "Enable" and, on success, takes the value over into iDynDnsEnable (logged). The caller logs a failure.
 /// Bus thread; blocks for the exchange.
 [[nodiscard]] bool storeDynDnsEnable(bool enable);
 

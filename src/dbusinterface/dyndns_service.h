@@ -15,8 +15,8 @@ extern const BusService KDynDnsService;
 /// thread runs.
 [[nodiscard]] bool enableDbusForDynDns(struct event_base* base);
 
-/// The service's method callback. Bus thread; blocks for data-model exchanges, IsNameTaken and Configure for their
-/// server request too, and Configure for the GatewayClient before it.
+/// The service's method callback; takes `call` over. Bus thread; blocks for data-model exchanges, IsNameTaken and
+/// Configure for their server request too, and Configure for the GatewayClient before it.
 void handleDynDnsMethodCall(message_bus* bus, const char* method, const char* firstArgument, DBusMessage* call);
 
 /// The rule for host names: 2 to 63 bytes, ASCII letters, digits and "-", no "-" in front. Null is invalid. Any thread.

@@ -3,9 +3,9 @@
 
 #include <event2/event.h>
 
-/// Makes the pipe and registers its read end on `base` with handleEventPipeRecord. The two descriptors, read end first,
-/// which live as long as the process; null when it cannot be made (logged, nothing left behind). Once, before the bus
-/// thread runs.
+/// Makes the pipe and registers its read end on `base` with handleEventPipeRecord. Returns the two descriptors, read
+/// end first, which live as long as the process; null when it cannot be made (logged, nothing left behind). Once, on
+/// the main thread, before the bus thread runs.
 [[nodiscard]] int* createPipeForProvidingChangesInDataModel(struct event_base* base);
 
 /// Reads one record and reacts to it; the read end's callback. Holds the gate. Bus thread.

@@ -75,7 +75,7 @@ bool waitForGatewayClientConnection() {
     if (!mode) return false;
     const bool switched = switchModeOn(mode.get());
 
-    // The wall clock of a gateway jumps when it first hears of the time; the wait must end all the same.
+    // The wall clock of a gateway jumps when it is first set; the wait must end even then.
     const time_t start = time(nullptr), monotonicStart = monotonicSeconds();
     for (;;) {
         if (difftime(time(nullptr), start) > KLongestWaitSeconds ||

@@ -21,8 +21,8 @@ void setGatewayClienModeOnDemand();
 /// thread; blocks as setGatewayClienModeOnDemand does.
 void putConnectionModeBack(PcbContext* client);
 
-/// Runs `request` through the guard and gives its result; the request is made whatever the wait's outcome, and the mode
-/// is put back, if it was switched, before the result is looked at. Bus thread; blocks for the wait and the request.
+/// Runs `request` through the guard and returns its result. The request is made even when no connection came. A mode
+/// that was switched is put back before the result is returned. Bus thread; blocks for the wait and the request.
 template <class Request>
 [[nodiscard]] auto withGatewayClient(const Request& request) {
     const bool switched = ensureGatewayClientIsConnected();

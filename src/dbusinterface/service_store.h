@@ -9,7 +9,7 @@ extern PcbContext* iBusPcbClient;  // the bus thread's data-model client, owned 
 PcbContext* helperPcbDataModelClient();
 
 /// Loads the saved tree "OrvoService" into the data model; a failure is logged and leaves the data model's own values.
-/// Once, at start-up, while the bus thread does not use the client yet. Blocks for the exchange.
+/// Once, at start-up, on the main thread, while the bus thread does not use the client yet. Blocks for the exchange.
 void loadOrvoServiceData();
 
 /// Saves the whole tree "OrvoService" to its file; a failure is logged, and the next save writes everything again.

@@ -11,12 +11,13 @@
 /// Whether this parameter is the one that holds the WAN addresses.
 [[nodiscard]] bool isWanAddress(const char* path, const char* parameter);
 
-/// Asks whether the gateway is behind CG-NAT; called in the loop. checkCgNatAgain only logs a line while its own
-/// earlier check is not answered yet.
+/// Asks whether the gateway is behind CG-NAT; called in the loop. A call that cannot be queued is logged, and not made.
+/// checkCgNatAgain only logs a line while its own earlier check is not answered yet.
 void checkCgNatAtStart();
 void checkCgNatAgain();
 
-/// The data-model client's callbacks for results of functions, and for a call that could not be sent and is released.
+/// The data-model client's callbacks for results of functions (`result` is null when out of memory) and for a call that
+/// could not be sent; the client releases that call.
 void pcbFunctionCallback(const char* path, const char* function, const char* result);
 void pcbRequestLost(request_t* request);
 

@@ -1,5 +1,5 @@
-// The way into the background. The program's own daemon() stands in place of the C library's: it forks twice, so that
-// the process that stays is no session leader and can never acquire a terminal.
+// Detaching into the background. The program's own daemon() replaces that of the C library. It forks twice, so that the
+// remaining process is not a session leader and can never acquire a terminal.
 #pragma once
 
 #include <unistd.h>

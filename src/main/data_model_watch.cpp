@@ -172,6 +172,6 @@ void pcbParamChanged(const char* path, const char* parameter, const char* oldVal
     sendValueThroughPipe(code, newValue);
 
     if (code != EVENT_DNS_SERVER_STATUS_CHANGED && code != EVENT_WAN_ADDRESS_CHANGED) return;
-    // One rule for both: only "true" or "1" asks again. A list of addresses is neither.
+    // The same rule for both: only "true" or "1" starts a check. A list of addresses starts none.
     if (isDataModelTrue(newValue)) checkCgNatAgain();
 }

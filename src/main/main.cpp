@@ -120,7 +120,7 @@ static void limitTheEnd(int status) {
 }
 
 // Ends the process while the bus thread runs, which may be inside a server request. Returning from main would run the
-// libraries' exit handlers beside that request. So this closes the gate, which the bus thread then never passes again,
+// libraries' exit handlers during that request. So this closes the gate, which the bus thread then never passes again,
 // releases what there is to release, and ends the process at once.
 [[noreturn]] static void endProcess(int status) {
     closeGateForever();
@@ -185,7 +185,7 @@ static void onObjectChanged(const char* path, object_t* object) {
     setPcbFunctionCallback(pcbFunctionCallback);
     setPcbRequestLostCallback(pcbRequestLost);
 
-    // Both are made whatever becomes of the first: each failure has its line.
+    // Both are tried even when the first fails, so that each failure is logged.
     const bool watches = watchParameters();
     const bool queries = startWanQuery();
     const bool ended = watches && queries && startPcbDataModelEventLoop();

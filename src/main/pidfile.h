@@ -2,6 +2,6 @@
 #pragma once
 
 /// Writes the number of the calling process and a line end to `path`, in place of what was there; a new file is for its
-/// owner alone to write. 0 when the file cannot be opened, else 1: a full disk costs the number (logged), not the
-/// service. Main thread.
+/// owner alone to write. 0 when the file cannot be opened, else 1, also when a full disk
+/// leaves it without the number (logged). Main thread.
 [[nodiscard]] int write_pidfile(const char* path);

@@ -10,7 +10,7 @@
 static constexpr char KSystemBusAddress[] = "unix:path=/var/run/dbus/system_bus_socket";
 
 static bool bringUp(struct event_base* base) {
-    // Without memory for the address the services would land on another bus, or none: that shows when they connect.
+    // Out of memory here: the services connect to another bus, or fail to connect and log that.
     (void)message_bus_set_dbus_socket(KSystemBusAddress);
     iBusPcbClient = easyCreatePcbDataModelClient();
     return iBusPcbClient && enableDbusForDynDns(base) && enableDbusForVoltaro(base) &&

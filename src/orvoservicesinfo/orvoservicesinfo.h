@@ -19,9 +19,10 @@ extern const BusService KOrvoServicesInfoService;
 /// bus thread runs.
 [[nodiscard]] int enableDbusForOrvoServicesInfo(struct event_base* base);
 
-/// Takes the service back, if it is offered; see message_bus_free for what that means for the other services.
+/// Takes the service back, if it is offered; see message_bus_free for what that means for the other services. Only
+/// while no thread runs the base.
 void disableDbusForOrvoServicesInfo();
 
-/// The service's method callback. Bus thread.
+/// The service's method callback; takes `call` over. Bus thread; blocks until the reply is written.
 void handleOrvoServicesInfoMethodCall(message_bus* bus, const char* method, const char* firstArgument,
                                       DBusMessage* call);

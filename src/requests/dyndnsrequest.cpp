@@ -13,7 +13,7 @@
 static constexpr char KLogCategory[] = "orvoservicemanager";
 static constexpr char KLogModule[] = "src/dyndnsrequest";
 
-// Owned, as plain pointers: the end of the process releases them, not a destructor beside a live bus thread.
+// Owned. Plain pointers, because a destructor at exit would release them while the bus thread still runs.
 static char* iPathToServerCABundleFile = nullptr;
 static char* iApplicationServerUrl = nullptr;
 static char* iVoltaroServerUrl = nullptr;

@@ -92,8 +92,8 @@ static bool appendHeader(HeaderList& list, const char* name, const char* value) 
 static bool setHeaders(CURL* handle, const cJSON* headers, HeaderList& list) {
     const cJSON* member = nullptr;
     cJSON_ArrayForEach(member, headers) {
-        // Left open by the header object's contract: what has no name or no text value cannot be sent, and a request
-        // without a header that its caller asked for is not the one that was asked for.
+        // A member without a name or a text value cannot be sent. The request is not sent without it, either: the
+        // caller asked for that header.
         if (!member->string || !cJSON_IsString(member)) {
             LOG(ERROR, "Header is not a string: %s", textOrEmpty(member->string));
             return false;

@@ -1,4 +1,4 @@
-// Method table, dispatch of calls to it, description and registration: what the daemon's D-Bus services share.
+// Method table, dispatch, description and registration, shared by the daemon's D-Bus services.
 #pragma once
 
 #include <dbus/dbus.h>
@@ -9,7 +9,7 @@
 #include "common/msg_bus/message_bus.h"
 #include "common/owned/owned.h"
 
-/// Releases a call that nobody answers; its client is left to its own time-out.
+/// Releases a call that nobody answers (null is ignored); its client waits until its own time-out. Bus thread.
 inline void releaseUnanswered(DBusMessage* call) { message_bus_send_no_reply(nullptr, call); }
 using UnansweredCall = Owned<DBusMessage, releaseUnanswered>;
 
@@ -21,10 +21,10 @@ struct MethodCall {
     UnansweredCall message;
 };
 
-/// The reply that stands for a failure of a step; null when there is none and the next step may follow.
+/// The reply to send when a step fails; null when the step succeeded and the next one may follow.
 using Refusal = const char*;
 
-/// A method of a service. Its description and the bus policy say the same of it; a test holds them against each other.
+/// A method of a service. The service's description and the bus policy must agree with it; a test compares them.
 struct Method {
     const char* name;
     const char* arguments;  // the types of what it takes, as D-Bus writes them
@@ -50,12 +50,13 @@ struct BusService {
 /// (logged, nothing left behind). Blocks for the bus's answers. Main thread, before the bus thread runs.
 [[nodiscard]] message_bus* offerService(const BusService& service, struct event_base* base);
 
-/// The body of every service's method callback: logs the call and has the method of that name answer it, holding the
-/// gate; a call of any other name is logged and released without an answer. Bus thread.
+/// The body of every service's method callback: logs the call and lets the method of that name answer it, holding the
+/// gate. Takes `call` over: it is answered, or released without an answer, also for an unknown name (logged). Bus
+/// thread.
 void dispatchMethodCall(std::span<const Method> methods, message_bus* bus, const char* method,
                         const char* firstArgument, DBusMessage* call);
 
-/// Answers the call; a reply that cannot be sent is logged by the message bus. `text` is not null. Bus thread; blocks
-/// until the reply is written.
+/// Answer the call and release its message, whatever the outcome; the message bus logs a reply that cannot be sent.
+/// `text` is not null and stays the caller's. Bus thread; blocks until the reply is written.
 void replyText(MethodCall& call, const char* text);
 void replyBool(MethodCall& call, bool value);

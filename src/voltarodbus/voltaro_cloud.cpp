@@ -139,7 +139,7 @@ OwnedText loginToVoltaro(const char* email, const char* password) {
 static OwnedJson makeHeaders(const char* token) {
     OwnedJson headers = parseJson(KFormHeaders);
     if (!cJSON_AddStringToObject(headers.get(), "Auth-Token", token)) {
-        // Sent without its token the request would only be refused.
+        // The cloud would only refuse a request without its token.
         LOG(ERROR, "Out of memory");
         return nullptr;
     }
@@ -172,7 +172,7 @@ OwnedText getSwitchDetails(const char* token, const char* switchId) {
     return std::move(answer.body);
 }
 
-// What toggling comes to: the action that leads to the other state. False when the present state cannot be read.
+// Replaces a toggle by the action that leads to the other state. False when the present state cannot be read.
 static bool resolveToggle(const char* token, const char* switchId, SwitchAction* action) {
     const OwnedText details = getSwitchDetails(token, switchId);
     if (!details) return false;

@@ -13,7 +13,8 @@ enum SwitchChangeError : int {
     SWITCH_ERROR_NOT_ALLOWED = 2,    // the cloud refuses the switching
 };
 
-/// A percent-encoded copy of `text` (not null): all but ASCII letters, digits and "-._~"; null when it cannot be made.
+/// A percent-encoded copy of `text` (not null): all but ASCII letters, digits and "-._~"; null when out of memory,
+/// which the caller logs.
 [[nodiscard]] OwnedText urlEncodeString(const char* text);
 
 /// Exchanges an account's email and password for a token.
@@ -23,6 +24,6 @@ enum SwitchChangeError : int {
 [[nodiscard]] OwnedText getSwitchDetails(const char* token, const char* switchId);
 
 /// Switches a plug; to toggle, its state is read first, in a request of its own. The plug's new state; `*error` (never
-/// null) says what the cloud objects to when there is none.
+/// null) says why the cloud refused when the result is null.
 [[nodiscard]] OwnedText changeStateOfSwitch(const char* token, const char* switchId, SwitchAction action,
                                             SwitchChangeError* error);

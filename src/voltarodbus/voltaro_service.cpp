@@ -166,8 +166,8 @@ static Refusal readPlug(const cJSON* details, cJSON** device) {
     return complete ? nullptr : KServerInternalError;
 }
 
-// The success reply; null when out of memory. The two values move over from the cloud's answer: neither copied, nor
-// referred to by nodes that the library loses when it runs out of memory.
+// The success reply; null when out of memory. Moves the two values from the cloud's answer. Copies would need memory,
+// and cJSON loses reference nodes when it runs out of memory.
 static OwnedText plugReply(cJSON* device) {
     const OwnedJson reply(cJSON_CreateObject());
     if (!cJSON_AddStringToObject(reply.get(), "status", "OK")) return nullptr;

@@ -12,9 +12,10 @@ extern const BusService KVoltaroService;
 /// bus thread runs.
 [[nodiscard]] int enableDbusForVoltaro(struct event_base* base);
 
-/// Takes the service back, if it is offered; see message_bus_free for what that means for the other services.
+/// Takes the service back, if it is offered; see message_bus_free for what that means for the other services. Only
+/// while no thread runs the base.
 void disableDbusForVoltaro();
 
-/// The service's method callback. Bus thread; Set and Get block for three or four requests of up to 30 s each,
-/// EnableBackend for its exchanges and the save.
+/// The service's method callback; takes `call` over. Bus thread; Set and Get block for three or four requests of up to
+/// 30 s each, EnableBackend for its exchanges and the save.
 void handleVoltaroMethodCall(message_bus* bus, const char* method, const char* firstArgument, DBusMessage* call);

@@ -34,7 +34,7 @@ using namespace world;
 
 static const char* const KFile = "/var/log/f";
 
-// Of two settings with one key the first wins, so what a test wants otherwise stands in front of this.
+// Defaults of a test. The first of two settings with one key wins, so a test puts its own settings first.
 #define TO_FILE " enabled=true file=true filename=/var/log/f category.unassigned=ERROR"
 
 // A configuration with one "logger." line for each word.
@@ -53,7 +53,7 @@ static void configure(const std::string& words) {
 }
 
 TEST(Log, WritesTheSameLineToEveryOutputWithOneWriteEach) {
-    // A /dev of its own, for this process alone, with a system log; where that is refused nobody reads one.
+    // A private /dev with a system log. Where mounting it is refused, the system log is not tested.
     const bool mounted = unshare(CLONE_NEWNS) == 0 && mount("dev", "/dev", "tmpfs", 0, nullptr) == 0;
     const int systemLog = socket(AF_UNIX, SOCK_DGRAM, 0);
     const sockaddr_un address = {AF_UNIX, "/dev/log"};
@@ -127,7 +127,7 @@ TEST(Log, RotatesTheConfiguredNumberOfFiles) {
 }
 
 TEST(Log, CategoryThresholdOverridesGlobalThreshold) {
-    // For a, b, c and a again the lowest level that passes; 5 always does, and a threshold outlives a reset.
+    // The lowest level that passes for categories a, b, c and a again. Level 5 always passes; a reset keeps "level".
     const std::pair<std::string, std::string> cases[] = {
         {"enabled=yes",                                                                "4444"},
         {"enabled=true level=quiet category.a=Debug",                                  "1551"},
@@ -201,8 +201,8 @@ TEST(Log, SlowReaderGetsWholeLinesAndStoppedReaderDelaysOnce) {
                   " filename=" + path);
         if (!file) dup2(ends[1], STDOUT_FILENO);
 
-        // A reader slower than the log; then none, and far more lines than would be waited for within the test's time;
-        // then the slow one again.
+        // First a reader that is slower than the log. Then no reader, and more lines than the test has time to wait for
+        // one by one. Then the slow reader again.
         std::string got;
         const auto logToSlowReader = [&](int from) {
             std::jthread reader([&] {

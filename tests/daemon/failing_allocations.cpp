@@ -18,7 +18,7 @@ char* __interceptor_strdup(const char*);
 int __interceptor_vasprintf(char**, const char*, va_list);
 }
 
-// Whether it lies in a module, by its name.
+// Whether the caller's code is in the module with this name (empty: in the program itself).
 static bool liesIn(const char* name, void* caller) {
     dl_find_object module;
     if (_dl_find_object(caller, &module) != 0) return false;
@@ -26,7 +26,7 @@ static bool liesIn(const char* name, void* caller) {
     return *name ? strstr(library, name) != nullptr : !*library;
 }
 
-// Memory is there before the page is.
+// Null until the constructor has run; allocations happen before that.
 static Steering* iSteering;
 
 [[gnu::constructor]] static void takePage() { iSteering = &steering(); }

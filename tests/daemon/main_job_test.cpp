@@ -21,7 +21,7 @@ static void startHeldRequest(Gateway& gateway) {
     ASSERT_TRUE(waitFor([&] { return gateway.cloud->journal().size() == 1; }));
 }
 
-TEST(MainJob, KeepsTheRegistrationInAgreementWithoutAnEcho) {
+TEST(MainJob, StoresTheRegistrationWithoutPushingItBack) {
     Gateway gateway;
     gateway.cloud->order({"register", "HA-1", "first", "true"});
     gateway.cloud->order({"register", "HA-2", "second", "false"});
@@ -174,7 +174,7 @@ TEST(LostBus, EndsTheDaemonAndDoesNotDelayItsEnd) {
     }
 }
 
-TEST(LostBus, FrozenDataModelFailsOnlyTheCallsMadeMeanwhile) {
+TEST(LostBus, OnlyCallsDuringAFrozenDataModelFail) {
     Gateway gateway;
     gateway.start();
     BusClient client;

@@ -19,7 +19,7 @@ struct Starving : SteeredGateway {
     bool second = true;
 
     Starving() : SteeredGateway(1000) {}
-    // While memory is short: waits until the daemon has come to rest or only tries again, or `done` holds.
+    // While allocations fail: waits until the daemon does nothing more or only retries, or `done` holds.
     void untilHandled(const std::function<bool()>& done) const {
         if (!steering().starved) return;
         unsigned before = 0, still = 0;
@@ -31,7 +31,7 @@ struct Starving : SteeredGateway {
         }));
         steering().starved = 0;
     }
-    // The reply to a call that is made while memory is short, or "none".
+    // The reply to a call that is made while allocations fail, or "none".
     std::string call(const char* service, const char* method, const BusArguments& arguments) {
         const std::string path = std::string("/") + service;
         const OwnedMessage request(
@@ -52,7 +52,7 @@ struct Starving : SteeredGateway {
         dbus_pending_call_unref(pending);
         return reply ? BusClient::textOf(reply.get()) : "none";
     }
-    // Makes a change while memory is short, and waits until the daemon has come to its end.
+    // Makes a change while allocations fail, and waits until the daemon has handled it.
     void change(const char* object, const char* parameter, const std::string& value) {
         emptyLog();
         set(object, parameter, value);
@@ -79,7 +79,7 @@ struct Starving : SteeredGateway {
 
 struct Path {
     const char* name;
-    unsigned classes;              // how many of the classes are swept
+    unsigned classes;              // how many of KModules are swept
     const char *service, *method;  // no service: what is not a call
     BusArguments arguments;
 
@@ -91,7 +91,7 @@ struct Path {
     }
 };
 
-// What a path may come to besides its usual end: nothing, or a word for it that is no success.
+// Whether a result other than the usual one is allowed out of memory: no reply, no effect, an error or a refusal.
 bool isRefusal(const std::string& end) {
     return end == "none" || end == "lost" || end == "done" || end == "false" || end == DBUS_ERROR_FAILED ||
            end == DBUS_ERROR_NO_MEMORY || (end.starts_with(R"({"status":")") && !end.starts_with(R"({"status":"OK")"));
@@ -116,7 +116,7 @@ class Memory : public testing::TestWithParam<Path> {};
 
 }  // namespace
 
-TEST_P(Memory, ShortageAtAnyAllocationIsSurvived) {
+TEST_P(Memory, DaemonSurvivesFailureOfEachAllocation) {
     const Path& path = GetParam();
     Starving gateway;
     gateway.launch(KSteered);

@@ -9,7 +9,7 @@
 
 using namespace world;
 
-// A start in which one system call fails ends with status 1, logs its line, and leaves no pid file.
+// A start in which one system call fails logs its line and leaves no pid file. The process that fails has status 1.
 TEST(RefusedCall, FailsTheStart) {
     LogReader log(KDaemonLog);
     const auto bus = startPcbBus(), dbus = startDbusDaemon();
@@ -47,7 +47,7 @@ TEST(End, WaitsForASave) {
 TEST(End, DoesNotWaitForTheDataModel) {
     Gateway gateway;
     gateway.start("orvoservicemanager-steered");
-    strcpy(steering().refused, "alarm");  // which would end it all the same, later
+    strcpy(steering().refused, "alarm");  // the alarm would hide a wait: it also ends the daemon, only later
     gateway.bus->send(SIGSTOP);
     BusClient client;
     DBusMessage* const call = BusClient::message("/dyndns", "", "IsEnabled", {});

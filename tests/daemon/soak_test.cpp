@@ -70,7 +70,7 @@ TEST(Soak, MemoryAndDescriptorsDoNotGrow) {
         memory.push_back(kibibytes(proc + "/smaps_rollup", "Private_Dirty:"));
         if (step == KSteps / 10) before = descriptors(proc);
     }
-    // Of each end the lowest: what a step needs for a while comes and goes.
+    // Compares the lowest values at both ends: memory that a step uses for a while does not count.
     const auto lowest = [&](int from) { return *std::min_element(&memory[from], &memory[from] + KSteps / 5); };
     const double grown = lowest(KSteps * 4 / 5) - lowest(KSteps / 10);
     printf("figure: soak: %d requests, %d calls, %d notifications: %+.0f KiB to %.0f\n", requests * KSteps,

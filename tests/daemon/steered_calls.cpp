@@ -1,5 +1,5 @@
-// Linked into the steered daemon: its timers pass quicker, a call for its store or its log is the last one, or fails,
-// or writes half, and a call of its start is refused.
+// Linked into the steered daemon. Its timers run faster. A chosen call for its store or its log fails, writes half, or
+// ends or kills the daemon. A system call that the test names is refused.
 #include <event2/event.h>
 #include <poll.h>
 #include <pthread.h>
@@ -30,7 +30,7 @@ static bool isStruck(char call, const char* file) {
         poll(nullptr, 0, 1500);  // longer than an end that does not wait
         return false;
     }
-    // A write that was cut short or interrupted goes on, and the folder has nothing to say when it is closed.
+    // A short or interrupted write is continued, and a failed close of the folder is ignored.
     const bool harmless =
         call == 'w' ? page.fault == KShortWrite || page.fault == EINTR : call == 'c' && strcmp(file, "/media") == 0;
     page.reported += !harmless;
@@ -56,7 +56,7 @@ WRAP(ssize_t, write, int file, const void* bytes, size_t size) {
 
 WRAP(int, fsync, int file) { return isStruck('s', file) ? -1 : __real_fsync(file); }
 
-WRAP(int, close, int file) {  // it closes whatever it answers
+WRAP(int, close, int file) {  // closes the file even when it reports a failure
     const bool struck = isStruck('c', file);
     const int result = __real_close(file);
     if (struck) errno = steering().fault;

@@ -17,10 +17,10 @@ struct Steering {
     std::atomic<unsigned> firstToFail, toFail;  // counted from 1; how many
     std::atomic<unsigned> allocations, failed;  // of that module so far; how many failed
     std::atomic<unsigned> allAllocations;       // of all modules, whether one is starved or not
-    std::atomic<int> second;                    // microseconds that a second of a timer takes; 0: as ever
+    std::atomic<int> second;                    // microseconds that a timer's second takes; 0: a full second
     std::atomic<bool> alsoLog;                  // calls for the log count, too
     std::atomic<int> call, fault;               // which call meets what, from 1; 0: none
-    std::atomic<int> struck, reported;          // how many have met it, and of how many of them the save must say so
+    std::atomic<int> struck, reported;          // calls that got the fault; those whose failure the save must log
     std::atomic<int> seen;                      // calls since `call` was set
     char calls[100];                            // the first letter of each
     char refused[16];                           // the call that always fails
@@ -28,7 +28,7 @@ struct Steering {
 
 constexpr int KKill = -1, KShortWrite = -2, KEnd = -3;  // what a call can meet besides an error number
 
-/// The page of this world; made by whoever comes first.
+/// The shared page of this world. The first process that needs it creates it.
 inline Steering& steering() {
     static Steering* const page = [] {
         const int file = open("/var/run/steering", O_RDWR | O_CREAT | O_CLOEXEC, 0600);
@@ -40,8 +40,8 @@ inline Steering& steering() {
     return *page;
 }
 
-/// From now on, call number `call` that the daemon makes for its store, or with `alsoLog` for store and log, meets
-/// `fault`.
+/// Lets call number `call`, counted from now, meet `fault`. The daemon's calls for its store count, and with `alsoLog`
+/// also its writes to the log.
 inline void strike(int call, int fault, bool alsoLog = false) {
     Steering& page = steering();
     page.call = 0;

@@ -28,7 +28,7 @@ struct StoredGateway : SteeredGateway {
         const std::string store = readFile(KStore);
         return store.starts_with("object OrvoService {\n") && store.ends_with("\n}\n");
     }
-    // Has a save made that nothing goes wrong with, and compares the whole store with the data model.
+    // Makes a save without a fault, and compares the whole store with the data model.
     void heal(const std::string& marker) {
         emptyLog();
         // A daemon that died while it had the connection switched on leaves it so.
@@ -40,7 +40,7 @@ struct StoredGateway : SteeredGateway {
         constexpr char model[] = "/var/run/model.odl";
         datamodel_save(pcb_client_get_object(platform.peer, "OrvoService", 0), -1, model, DATAMODEL_TEXT);
         std::string texts[] = {readFile(model), readFile(KStore)};
-        for (std::string& text : texts) {  // the live connection goes its own way
+        for (std::string& text : texts) {  // the connection's status may have changed since the save
             const size_t begin = text.find("read-only bool ConnectionStatus");
             if (begin != std::string::npos) text.erase(begin, text.find('\n', begin) - begin);
         }
@@ -53,9 +53,9 @@ struct StoredGateway : SteeredGateway {
 
 }  // namespace
 
-TEST(StoreFault, StoreStaysWholeWhenACallFailsOrIsTheLast) {
+TEST(StoreFault, StoreStaysWholeWhenACallFailsOrTheDaemonIsKilled) {
     // Unlink, open, write, sync, close and rename the new file; open, sync and close its folder. Configure saves
-    // thrice.
+    // three times.
     const std::string save = "uowscrosc", calls = save + save + save;
     StoredGateway gateway;
     strike(99, KKill);

@@ -1,4 +1,4 @@
-// What libFuzzer calls, and the targets that are files. The environment variable ORSM_FUZZ_TARGET names the target.
+// libFuzzer's entry points, and the target for configuration files. ORSM_FUZZ_TARGET names the target to run.
 #include "tests/fuzz/fuzz.h"
 
 #include <csignal>
@@ -15,7 +15,7 @@ int LLVMFuzzerInitialize(int*, char***) {
     const std::map<std::string, Target*> targets{
         {"configuration", fuzzConfiguration},
         {"calls",         fuzzCalls        }, // a marshalled message
-        {"answers",       fuzzAnswers      }, // the letter of what asks the servers, and a line an answer
+        {"answers",       fuzzAnswers      }, // a letter that chooses the request, then one answer a line
     };
     iTarget = targets.at(textOrEmpty(getenv("ORSM_FUZZ_TARGET")));
     return signal(SIGPIPE, SIG_IGN) == SIG_ERR;

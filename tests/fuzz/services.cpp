@@ -1,5 +1,5 @@
-// The bus thread's work from a message or a server's answer on. There is no data model; replies end where
-// libdbus would send them, requests where libcurl would.
+// The bus thread's work that follows a message or a server's answer. There is no data model. Replies end in
+// dbus_connection_send, and requests in the functions of httprequest.h, which are replaced here.
 #include <cstring>
 
 #include "common/json/json.h"

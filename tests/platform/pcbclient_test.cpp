@@ -1,7 +1,7 @@
 // What the daemon relies on when it talks to the gateway's data model. A porter builds this with the platform's own
-// client library and runs it on the platform's own bus: ORSM_PCB_BUS is the command that starts that bus at
-// /var/run/pcb_sys, or empty where nothing has to be started: it runs already, or the library holds the data model
-// itself.
+// client library and runs it on the platform's own bus. ORSM_PCB_BUS is the command that starts that bus at
+// /var/run/pcb_sys. It is empty when nothing has to be started: the bus runs already, or the library holds the data
+// model itself.
 #include "pcblib/pcbclient.h"
 
 #include <gtest/gtest.h>
@@ -171,7 +171,7 @@ TEST_F(Client, DefersWorkAndDoesItNewestFirst) {
     setPcbFunctionCallback([](const char*, const char* function, const char*) {
         receive(function);
         if (iReceived.size() == 2) {
-            for (request_t* request : {first, first, second}) {  // twice is once
+            for (request_t* request : {first, first, second}) {  // the second release is ignored
                 freePcbRequestObjectAsync(request);
             }
             listenToChangesInPcbObjectAsync(copyText("OrvoService.Voltaro"));
@@ -254,7 +254,7 @@ TEST_F(Client, SendsMapsAndHearsCustomNotifications) {
 TEST_F(Client, LoopIsStoppedByAThreadAndEndedByASignal) {
     std::atomic<bool> stopped = false;
     std::thread stopper([&] {
-        // Stopped before it begins, a loop begins all the same.
+        // A stop before the loop begins has no effect: the loop begins.
         EXPECT_TRUE(world::waitFor([&] {
             stopPcbDataModelEventLoop();
             (void)connection_setEventsAvailable();
@@ -272,6 +272,6 @@ TEST_F(Client, LoopIsStoppedByAThreadAndEndedByASignal) {
     killer.join();
     runUntil("");
     EXPECT_EQ(log_.count("Leaving pcb data model event loop"), 3U);
-    // A wait that the signal cut short may be a failed one.
+    // A library may report a wait that a signal interrupts as failed.
     EXPECT_EQ(log_.count("ERROR"), log_.count("ERROR Error "));
 }

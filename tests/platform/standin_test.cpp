@@ -59,7 +59,7 @@ TEST_F(Platform, BadFramesAreRefusedOrCloseTheConnection) {
     EXPECT_NE(watch.answer().find("\"alive\"]"), std::string::npos);
 }
 
-TEST_F(Platform, WatcherHearsItsOwnObjectAndMustRead) {
+TEST_F(Platform, WatcherGetsOnlyItsObjectAndIsDroppedWhenItDoesNotRead) {
     world::writeFile("/var/run/two.odl", "object Q { object 1 { string X = \"\"; } object 10 { string X = \"\"; } }\n");
     bus.reset();
     bus = world::startPcbBus("/var/run/two.odl");
