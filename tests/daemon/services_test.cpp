@@ -12,11 +12,15 @@ using namespace world;
 namespace {
 
 struct Services : testing::Test {
-    // Calls a method, and checks the reply and the line that is logged.
+    // Calls a method, and checks the reply, its type against the description, and the line that is logged.
     void call(const std::string& service, const char* method, const BusArguments& arguments, const std::string& reply,
               const char* line) {
         SCOPED_TRACE(std::string(method) + ": " + line);
         EXPECT_EQ(client_.call("/" + service, "com.corvane.orsm." + service, method, arguments), reply);
+        const std::string xml = readFile(ORSM_SOURCE_FOLDER "/dbus/com.corvane.orsm." + service + ".xml");
+        const size_t described = xml.find(std::string("<method name=\"") + method + "\"");
+        EXPECT_EQ(xml[xml.find("\" direction=\"out\"", described) - 1],
+                  reply == "true" || reply == "false" ? 'b' : 's');
         gateway_.log.next(line);
     }
     void dyndns(const char* method, const BusArguments& arguments, const std::string& reply, const char* line) {

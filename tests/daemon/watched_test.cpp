@@ -8,6 +8,15 @@ using namespace world;
 TEST(Watched, EveryWatchedParameterReachesTheBusThread) {
     Gateway gateway;
     gateway.start();
+    gateway.settle();
+    // The first values: as they were read, and as they reach the bus thread.
+    for (const char* line :
+         {"DEBUG Application server URL init value: ", "DEBUG Communication server URL init value: ",
+          " INFO HA-ID init value: ", " INFO HA enabled init value: true", " INFO DNS Server status init value: true",
+          " INFO DynDNS enabled init value: false", " INFO Application server URL init value: ", " INFO HA-ID value: ",
+          " INFO HA enable: true", " INFO DNS server status: true", " INFO DynDNS enable: false"}) {
+        EXPECT_EQ(gateway.log.count(line), 1U) << line;
+    }
     const auto reaches = [&](const char* object, const char* parameter, const std::string& value, const char* line,
                              const char* effect = "") {
         gateway.set(object, parameter, value);
@@ -16,7 +25,7 @@ TEST(Watched, EveryWatchedParameterReachesTheBusThread) {
     };
     const std::string longest(1023, 'x');
     reaches("OrvoService.HomeAutomation", "ApplicationServer", "https://a", "server URL changed: ", "saved to Orvo");
-    reaches("OrvoService.HomeAutomation", "CommunicationServer", longest, "Communication server URL changed: ");
+    reaches("OrvoService.HomeAutomation", "CommunicationServer", longest, "server URL changed: ", "saved to Orvo");
     reaches("NMC.HomeAutomation", "HA-ID", "HA-1", "HA-ID value: ", "Sync dyndns timer started");
     reaches("NMC.HomeAutomation", "Enable", "false", "HA enable: ", "Sync dyndns timer started");
     reaches("DNS.Server", "Status", "0", "DNS server status: ");

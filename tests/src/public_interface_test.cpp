@@ -38,8 +38,9 @@ TEST(Methods, MatchDescriptionAndPolicy) {
 TEST(PublicInterface, FailedStartReleasesEverything) {
     std::string configuration = world::readFile(ORSM_SOURCE_FOLDER "/tests/world/bus.conf");
     // Enough for the first service and one method of the second.
+    const std::string rules = std::to_string(KDynDnsService.methods.size() + 1);
     configuration.replace(configuration.find("</busconfig>"), std::string::npos,
-                          "<limit name=\"max_match_rules_per_connection\">6</limit></busconfig>");
+                          "<limit name=\"max_match_rules_per_connection\">" + rules + "</limit></busconfig>");
     world::writeFile("/var/run/bus.conf", configuration);
     const auto dbus = world::startDbusDaemon("/var/run/bus.conf"), bus = world::startPcbBus();
     event_base* const base = event_base_new();
