@@ -15,9 +15,10 @@ static constexpr char KLogModule[] = "src/main";
 static constexpr char KQueryObject[] = "NeMo.Intf.data";
 static constexpr char KQueryPathPrefix[] = "NeMo.Intf.data.Query.";
 
+request_t* iRequestWanChangeNotify;
+
 static request_t* iCloseQuery;
 static request_t* iOpenQuery;
-static request_t* iRequestWanChangeNotify;  // the subscription to the query's object; null until it exists
 static char iPcbObjectPathForIntfDataQuery[100];
 static request_t* iCheckCgNatOnInit;
 static request_t* iCheckCgNatOnParamChange;
@@ -46,7 +47,7 @@ static request_t* prepareQuery(const char* function, std::span<const TextParamet
     return request;
 }
 
-static request_t* executeWanChangeQuery(const char* function) {
+request_t* executeWanChangeQuery(const char* function) {
     static constexpr TextParameter parameters[] = {
         {"subscriber", "orvoservicemanager"                 },
         {"class",      "getAddrs"                           },

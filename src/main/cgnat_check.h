@@ -4,6 +4,12 @@
 
 #include "pcblib/pcbclient.h"
 
+extern request_t* iRequestWanChangeNotify;  // the subscription to the query's object; null until it exists
+
+/// Calls "closeQuery" or "openQuery" for the gateway's global addresses: the request, to be released with
+/// freePcbRequestObject, or null when it could not be sent.
+[[nodiscard]] request_t* executeWanChangeQuery(const char* function);
+
 /// Closes the query that an earlier run may have left and opens a new one, whose object is watched once its number is
 /// known. False when one of the calls could not be sent (logged).
 [[nodiscard]] bool startWanQuery();
