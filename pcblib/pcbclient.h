@@ -119,6 +119,13 @@ void stopPcbDataModelEventLoop();
 /// Ends the loop, or keeps it from beginning, for good: nothing takes that back. Any thread, also in a signal handler.
 void endPcbDataModelEventLoop();
 
+/// Sets what callInPcbDataModelEventLoop calls; null for nothing.
+void setPcbLoopCallback(void (*callback)());
+
+/// Lets the loop call the loop callback soon, between two events; several requests may become one call. Needs a library
+/// whose connection_setEventsAvailable may be called from any thread. Any thread.
+void callInPcbDataModelEventLoop();
+
 /// Whether the loop has to end. Main thread.
 [[nodiscard]] bool isPcbDataModelEventLoopEnding();
 

@@ -61,6 +61,9 @@ static PcbParamChangedCallback iParamChangedCallback;
 static PcbCustomNotificationCallback iCustomNotificationCallback;
 static PcbRequestLostCallback iRequestLostCallback;
 
+static void (*iLoopCallback)();
+static std::atomic<bool> iLoopCallIsAsked = false;
+
 static std::atomic<bool> iEnding = false;
 static_assert(std::atomic<bool>::is_always_lock_free, "set by a signal handler");
 
@@ -80,6 +83,8 @@ void setPcbCustomNotificationCallback(PcbCustomNotificationCallback callback) {
 }
 
 void setPcbRequestLostCallback(PcbRequestLostCallback callback) { iRequestLostCallback = callback; }
+
+void setPcbLoopCallback(void (*callback)()) { iLoopCallback = callback; }
 
 // ----- Subscriptions
 
@@ -293,6 +298,7 @@ static void runEventLoop(connection_info_t* connection) {
             continue;
         }
         if (events > 0) connection_handleEvents_r(&connections.list, &readSet, &writeSet);
+        if (iLoopCallIsAsked.exchange(false) && iLoopCallback) iLoopCallback();
         drainPendingWork();
     }
 }
@@ -321,6 +327,11 @@ void endPcbDataModelEventLoop() {
     iEnding = true;
     (void)connection_setEventsAvailable();
     errno = before;
+}
+
+void callInPcbDataModelEventLoop() {
+    iLoopCallIsAsked = true;
+    (void)connection_setEventsAvailable();
 }
 
 bool isPcbDataModelEventLoopEnding() { return iEnding || connection_isTerminated(); }

@@ -14,7 +14,7 @@
 // Flags and attributes are handed over as whole numbers; kinds and codes may be enumerations. A value or text, and what
 // leads to one, may be given as const or not. Nothing is asked of the library beyond what that header says; null is
 // handed to its functions only where that header takes it, and nothing but connection_setEventsAvailable is called from
-// a signal handler.
+// a signal handler, or from another thread while the loop waits.
 #pragma once
 
 #include <pcb.h>

@@ -91,6 +91,9 @@ static void answerSubscribe(const Call& call) {
         !isMissingOrWhole(call.frame, KWireFlags, 0, UINT32_MAX)) {
         return call.refuse(PCB_ERROR_MALFORMED_REQUEST);
     }
+    if (holdsWord(textOrEmpty(valueOf("Simulation.Objects", "Refused")), textOrEmpty(call.path))) {
+        return call.refuse(PCB_ERROR_UNKNOWN_OBJECT);
+    }
     if (namedObject(call)) subscribe(call.client, call.id, call.frame);
 }
 

@@ -11,11 +11,15 @@ static constexpr char KLogModule[] = "src/dbusinterface";
 static constexpr char KHostName[] = "HostName";
 
 bool storeDynDnsEnable(bool enable) {
+    const TriState value = enable ? TRI_TRUE : TRI_FALSE;
     if (!easySetPcbParamBoolValue(iBusPcbClient, getPcbObjectPathForDynDns(), getPcbParameterDynDnsEnable(), enable)) {
+        // A write that was not answered in time may take effect later. It is reported only if it changes the value.
+        iUnansweredEnable = value == iDynDnsEnable ? TRI_UNKNOWN : value;
         return false;
     }
+    iUnansweredEnable = TRI_UNKNOWN;
     // Set before the data model reports this change, so that the report is not pushed back to the server.
-    iDynDnsEnable = enable ? TRI_TRUE : TRI_FALSE;
+    iDynDnsEnable = value;
     LOG(INFO, enable ? "DynDNS enable=true saved in PCB" : "DynDNS enable=false saved in PCB");
     return true;
 }

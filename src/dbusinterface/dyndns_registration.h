@@ -4,8 +4,9 @@
 #include "common/json/json.h"
 #include "common/log/one_text_format.h"
 
-/// Writes "Enable" and, on success, takes the value over into iDynDnsEnable (logged). The caller logs a failure.
-/// Bus thread; blocks for the exchange.
+/// Writes "Enable" and, on success, takes the value over into iDynDnsEnable (logged). The caller logs a failure; the
+/// value is then kept in iUnansweredEnable, because the write may still take effect. Bus thread; blocks for the
+/// exchange.
 [[nodiscard]] bool storeDynDnsEnable(bool enable);
 
 /// Writes "HostName", or clears it for an empty name: true when that is done; the outcome is logged. `name` is not

@@ -6,6 +6,7 @@
 #include "common/log/log.h"
 #include "src/dbusinterface/dyndns_registration.h"
 #include "src/dbusinterface/dyndns_state.h"
+#include "src/dbusinterface/dyndns_sync.h"
 #include "src/dbusinterface/gateway_client.h"
 #include "src/dbusinterface/service_store.h"
 #include "src/requests/dyndnsrequest.h"
@@ -176,6 +177,7 @@ static void answerConfigure(MethodCall& call) {
         return replyText(call, refusal);
     }
     if (const Refusal refusal = configureOnServer(enabled, name.get())) return replyText(call, refusal);
+    forgetOwedPush();
     // The reply says what the server accepted, even when the data model refuses the values.
     if (!storeDynDnsEnable(enabled)) LOG(ERROR, "Cannot set DynDNS enable value in PCB");
     (void)storeDynDnsHostName(name.get());

@@ -7,6 +7,7 @@ TriState iHomeAutomationEnable;
 TriState iDnsServerStatus;
 TriState iIsBehindCgNat;
 TriState iDynDnsEnable;
+TriState iUnansweredEnable;
 int iApplicationServerUrlDefined;
 
 const char* getHomeAutomationId() { return iHomeAutomationId; }

@@ -11,6 +11,7 @@ extern TriState iHomeAutomationEnable;
 extern TriState iDnsServerStatus;         // true: the gateway's DNS server is ready
 extern TriState iIsBehindCgNat;           // true: behind carrier-grade NAT
 extern TriState iDynDnsEnable;            // "Enable" of the DynDNS object as last known here
+extern TriState iUnansweredEnable;        // what a write of "Enable" that failed may still set it to
 extern int iApplicationServerUrlDefined;  // 1 once the initial address has come, empty or not
 
 /// The HA-ID buffer itself, not a copy; an empty text while the HA-ID is unknown. Bus thread.

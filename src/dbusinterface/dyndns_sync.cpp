@@ -6,6 +6,7 @@
 #include "common/text/text.h"
 #include "common/timer/timer.h"
 #include "src/dbusinterface/dyndns_registration.h"
+#include "src/dbusinterface/event_pipe.h"
 #include "src/dbusinterface/gateway_client.h"
 #include "src/dbusinterface/service_store.h"
 #include "src/requests/dyndnsrequest.h"
@@ -24,6 +25,10 @@ struct event_base* iBusEventBase;
 struct event* iDynDnsSyncTimer;
 int iDynDnsSyncRetryInterval = KFirstRetryInterval;
 
+static bool iPushIsOwed = false;         // the last changed switch did not reach the server
+static bool iPushesFirst = false;        // the synchronization under way sends it before it asks the server
+static bool iIsStoreIncomplete = false;  // a step's answer is stored in part, or perhaps not at all
+
 SyncDecision decideSync(const SyncState& s) {
     if (!*s.haId) return {SyncAction::SwitchOff, LEVEL_WARN, "HA-ID is empty"};
     if (s.homeAutomationEnable == TRI_UNKNOWN) return {SyncAction::RetryLater, LEVEL_INFO, "HA enable - state unknown"};
@@ -36,6 +41,8 @@ SyncDecision decideSync(const SyncState& s) {
     }
     return {SyncAction::FetchAndStore, LEVEL_INFO, nullptr};
 }
+
+static bool isSyncDue() { return iDynDnsSyncTimer && event_pending(iDynDnsSyncTimer, EV_TIMEOUT, nullptr); }
 
 static void armSyncTimer(int seconds) {
     // Without its timer a synchronization would rest until the next trigger; that must not go unseen.
@@ -56,7 +63,18 @@ void synchronizeDynDnsConfiguration() {
     }
     armSyncTimer(KStartDelay);
     iDynDnsSyncRetryInterval = KFirstRetryInterval;
+    iPushesFirst = false;
     LOG(INFO, "Sync dyndns timer started");
+}
+
+void reconcileDynDnsConfiguration() {
+    if (isSyncDue()) {
+        LOG(INFO, "Interval of DynDNS synchronization has passed, one is under way");
+        return;
+    }
+    LOG(INFO, "Synchronizing DynDNS because its interval has passed");
+    synchronizeDynDnsConfiguration();
+    iPushesFirst = true;
 }
 
 static void retryLater() {
@@ -87,7 +105,27 @@ void disableDynDnsInPcb() {
         return;
     }
     (void)storeDynDnsHostName("");
+    forgetOwedPush();
     saveOrvoServiceData();
+}
+
+// Stores a registration that the server has; false when it is stored in part or not at all (logged).
+static bool storeRegistration(bool enable, const char* name) {
+    // A switch that was changed since an earlier step could not store it stays as it is, and the server hears of it.
+    const bool pushes = iIsStoreIncomplete && iPushIsOwed;
+    iIsStoreIncomplete = true;
+    if (!storeDynDnsEnable(pushes ? iDynDnsEnable == TRI_TRUE : enable)) {
+        LOG(ERROR, "Cannot set DynDNS enable value in PCB");
+        return false;
+    }
+    if (!storeDynDnsHostName(name)) return false;
+    iIsStoreIncomplete = false;
+    if (pushes) {
+        (void)setupDynDnsOnServer();
+    } else {
+        forgetOwedPush();
+    }
+    return true;
 }
 
 // Asks the server and stores what it says; false when any of it failed (logged).
@@ -104,29 +142,32 @@ static bool fetchAndStore() {
         return false;
     }
     const cJSON* registration = cJSON_GetObjectItem(answer.get(), "dynDNS");
-    const char* name = textOrEmpty(jsonTextMember(registration, "name"));
-    if (!storeDynDnsEnable(cJSON_IsTrue(cJSON_GetObjectItem(registration, "enabled")))) {
-        LOG(ERROR, "Cannot set DynDNS enable value in PCB");
-        return false;
-    }
-    return storeDynDnsHostName(name);
+    return storeRegistration(cJSON_IsTrue(cJSON_GetObjectItem(registration, "enabled")),
+                             textOrEmpty(jsonTextMember(registration, "name")));
+}
+
+// The step's work when the server is to be asked; false when it has to be tried again.
+static bool askServer() {
+    if (iPushesFirst && iPushIsOwed && !setupDynDnsOnServer()) return false;
+    markSyncUnfinished();
+    return fetchAndStore();
 }
 
 void runDynDnsSyncStep(evutil_socket_t, short, void*) {
+    handleWaitingEventPipeRecords();
+    if (isSyncDue()) return;  // one of them has started the synchronization anew
     const InsideGate inside;
     const SyncDecision decision = decideSync({iHomeAutomationId, iHomeAutomationEnable, iDnsServerStatus,
                                               iIsBehindCgNat, iApplicationServerUrlDefined != 0});
     if (decision.reason) LOG_AT(decision.level, "%s", decision.reason);
     switch (decision.action) {
-        case SyncAction::SwitchOff: return disableDynDnsInPcb();
+        case SyncAction::SwitchOff: iIsStoreIncomplete = false; return disableDynDnsInPcb();
         case SyncAction::RetryLater: return retryLater();
-        case SyncAction::FetchAndStore:
-            markSyncUnfinished();
-            return fetchAndStore() ? markSyncFinished() : retryLater();
+        case SyncAction::FetchAndStore: return askServer() ? markSyncFinished() : retryLater();
     }
 }
 
-bool setupDynDnsOnServer() {
+static bool pushRegistration() {
     LOG(INFO, "Setup dyn dns on server");
     if (!*iHomeAutomationId || iHomeAutomationEnable != TRI_TRUE || iIsBehindCgNat == TRI_TRUE) {
         LOG(INFO, "No possibility to setup dyn dns on server");
@@ -151,3 +192,19 @@ bool setupDynDnsOnServer() {
     LOG(INFO, "Dyn DNS Configure OK: %s", body.get());
     return parseSuccessfulAnswer(body.get(), "Failed to configure DynDNS: %s") != nullptr;
 }
+
+bool setupDynDnsOnServer() {
+    iPushIsOwed = !pushRegistration();
+    return !iPushIsOwed;
+}
+
+void pushDynDnsEnable() {
+    if (!iIsStoreIncomplete) {
+        (void)setupDynDnsOnServer();
+        return;
+    }
+    LOG(INFO, "Setup dyn dns on server waits for the synchronization");
+    iPushIsOwed = true;
+}
+
+void forgetOwedPush() { iPushIsOwed = false; }

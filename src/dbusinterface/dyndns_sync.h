@@ -40,6 +40,18 @@ void runDynDnsSyncStep(evutil_socket_t, short, void*);
 /// is no host name to send; a failure is logged and not retried. Bus thread; blocks like a step.
 [[nodiscard]] bool setupDynDnsOnServer();
 
+/// Sends a switch that somebody else has changed to the server, as setupDynDnsOnServer does. While a step's answer is
+/// stored only in part, the data model's host name may not be the server's: the push then waits for the step that
+/// stores it whole. Bus thread; blocks like a step.
+void pushDynDnsEnable();
+
+/// Forgets a push that the server did not take: server and data model agree otherwise now. Bus thread.
+void forgetOwedPush();
+
+/// Starts a synchronization that nothing has triggered, unless one is under way (logged). A push that the server did
+/// not take goes out before the server is asked. Bus thread.
+void reconcileDynDnsConfiguration();
+
 /// Switches DynDNS off in the data model if it is on as far as is known here, and saves the tree; the server is not
 /// asked. Bus thread; blocks for the exchanges.
 void disableDynDnsInPcb();

@@ -62,7 +62,7 @@ void handleEventPipeRecord(evutil_socket_t readEnd, short, void*) {
 
 void handleWaitingEventPipeRecords() {
     int bytes = 0;
-    if (ioctl(iPipeEnds[0], FIONREAD, &bytes) != 0) return;  // the loop finds them
+    if (!iPipeWatcher || ioctl(iPipeEnds[0], FIONREAD, &bytes) != 0) return;  // the loop finds them
     for (int records = bytes / static_cast<int>(sizeof(EventRecord)); records > 0; --records) {
         handleEventPipeRecord(iPipeEnds[0], 0, nullptr);
     }

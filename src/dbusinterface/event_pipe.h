@@ -11,5 +11,6 @@
 /// Reads one record and reacts to it; the read end's callback. Holds the gate. Bus thread.
 void handleEventPipeRecord(evutil_socket_t readEnd, short, void*);
 
-/// Handles the records that the pipe holds now, before anything else in the loop. Bus thread.
+/// Handles the records that the pipe holds now, before anything else in the loop: what follows must not overtake
+/// changes that came before it. Outside the gate. Bus thread; blocks as the reactions do.
 void handleWaitingEventPipeRecords();

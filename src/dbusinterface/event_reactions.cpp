@@ -46,6 +46,7 @@ static void onHomeAutomationIdInit(const char* id) {
 
 static void onHomeAutomationIdChanged(const char* id) {
     copyHomeAutomationId(id);
+    forgetOwedPush();  // it was for the registration of the HA-ID before
     LOG(INFO, "Synchronizing DynDNS in reaction to HA-ID change");
     synchronizeDynDnsConfiguration();
 }
@@ -72,10 +73,27 @@ static void onCgNatStatus(const char* value) {
 
 static void onDynDnsEnableInit(const char* value) { iDynDnsEnable = triStateOf(value); }
 
+// The switch as it is now; as it was reported when it cannot be read.
+static TriState presentDynDnsEnable(TriState reported) {
+    const OwnedText present =
+        easyGetPcbParamAsString(iBusPcbClient, getPcbObjectPathForDynDns(), getPcbParameterDynDnsEnable());
+    return present ? triStateOf(present.get()) : reported;
+}
+
+// A report may be older than the last own write. Whether somebody else has changed the switch is told by what the data
+// model holds now.
 static void onDynDnsEnableChanged(const char* value) {
-    const TriState previous = iDynDnsEnable;
-    iDynDnsEnable = triStateOf(value);
-    if (previous != iDynDnsEnable) (void)setupDynDnsOnServer();
+    const TriState reported = triStateOf(value);
+    if (reported == iUnansweredEnable) {  // the own write that was not answered has taken effect
+        iUnansweredEnable = TRI_UNKNOWN;
+        iDynDnsEnable = reported;
+        return;
+    }
+    if (reported == iDynDnsEnable) return;
+    const TriState present = presentDynDnsEnable(reported);
+    if (present == iDynDnsEnable) return;
+    iDynDnsEnable = present;
+    pushDynDnsEnable();
 }
 
 namespace {

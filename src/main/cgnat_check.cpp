@@ -85,6 +85,18 @@ void checkCgNatAgain() {
     iCheckCgNatOnParamChange = startCgNatCheck();
 }
 
+void renewCgNatCheck() {
+    for (request_t** check : KChecks) {
+        freePcbRequestObject(*check);
+        *check = nullptr;
+    }
+    checkCgNatAgain();
+    if (iRequestWanChangeNotify) return;
+    freePcbRequestObject(iCloseQuery);
+    freePcbRequestObject(iOpenQuery);
+    (void)startWanQuery();
+}
+
 static void handleOpenQueryResult(const char* result) {
     const OwnedJson parsed = parseJson(result);
     if (!parsed) return;

@@ -22,6 +22,10 @@ extern request_t* iRequestWanChangeNotify;  // the subscription to the query's o
 void checkCgNatAtStart();
 void checkCgNatAgain();
 
+/// Asks again, in place of checks that are not answered, and opens the query again if it is not watched. In the loop,
+/// not from one of its callbacks for requests.
+void renewCgNatCheck();
+
 /// The data-model client's callbacks for results of functions (`result` is null when out of memory) and for a call that
 /// could not be sent; the client releases that call.
 void pcbFunctionCallback(const char* path, const char* function, const char* result);

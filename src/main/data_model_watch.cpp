@@ -117,6 +117,17 @@ bool watchParameters() {
     return complete;
 }
 
+void renewParameterWatch() {
+    request_t** next = iSubscriptions;
+    for (const WatchedParameter& watched : KWatched) {
+        if (isSubscribed(&watched)) continue;
+        request_t*& subscription = *next++;
+        if (*watched.initValueRead) continue;
+        freePcbRequestObject(subscription);
+        subscription = listenToChangesInPcbObject(watched.object);
+    }
+}
+
 void releaseParameterWatch() {
     for (request_t*& subscription : iSubscriptions) {
         freePcbRequestObject(subscription);

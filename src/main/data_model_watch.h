@@ -14,5 +14,9 @@ void pcbParamChanged(const char* path, const char* parameter, const char* oldVal
 /// Whether every watched parameter's first value was sent, or could not be read.
 [[nodiscard]] bool areInitialValuesSent();
 
+/// Subscribes again to each object that was not delivered: the data model may have refused it, because it came later
+/// than the daemon. In the loop, not from one of its callbacks for requests.
+void renewParameterWatch();
+
 /// Releases the subscriptions; outside the loop.
 void releaseParameterWatch();

@@ -21,6 +21,7 @@
 #include "pcblib/pcbclient.h"
 #include "src/dbusinterface/event_pipe.h"
 #include "src/dbusinterface/gateway_client.h"
+#include "src/dbusinterface/reconciliation.h"
 #include "src/dbusinterface/service_store.h"
 #include "src/main/cgnat_check.h"
 #include "src/main/daemonize.h"
@@ -150,6 +151,7 @@ static void awaitStart() {
     (void)poll(&sent, 1, KFirstValuesMilliseconds);
     prepareToServeDbus();
     handleWaitingEventPipeRecords();
+    startReconciliation();
 }
 
 static void* dbusThreadLoop(void*) {
@@ -179,11 +181,18 @@ static void onObjectChanged(const char* path, object_t* object) {
     (void)eventfd_write(iFirstValuesSent, 1);
 }
 
+// What a reconciliation asks for before it synchronizes.
+static void renewWatch() {
+    renewParameterWatch();
+    renewCgNatCheck();
+}
+
 // Subscribes to everything that is watched, and runs the data-model loop if all of it succeeded; ends the process.
 [[noreturn]] static void watchDataModel() {
     setPcbChangesCallbacks(onObjectChanged, pcbParamChanged);
     setPcbFunctionCallback(pcbFunctionCallback);
     setPcbRequestLostCallback(pcbRequestLost);
+    setPcbLoopCallback(renewWatch);
 
     // Both are tried even when the first fails, so that each failure is logged.
     const bool watches = watchParameters();

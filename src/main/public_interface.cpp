@@ -3,6 +3,7 @@
 #include "common/msg_bus/message_bus.h"
 #include "src/dbusinterface/dyndns_service.h"
 #include "src/dbusinterface/dyndns_sync.h"
+#include "src/dbusinterface/event_pipe.h"
 #include "src/dbusinterface/service_store.h"
 #include "src/orvoservicesinfo/orvoservicesinfo.h"
 #include "src/voltarodbus/voltaro_service.h"
@@ -24,7 +25,11 @@ bool enableDbusPublicInterface(struct event_base* base) {
     return up;
 }
 
-void prepareToServeDbus() { message_bus_limit_descriptors(iDynDnsMessageBus); }
+void prepareToServeDbus() {
+    message_bus_limit_descriptors(iDynDnsMessageBus);
+    // A slow request may have held up changes of the data model. They came before the calls that waited with them.
+    beforeEachCall(handleWaitingEventPipeRecords);
+}
 
 void disableDbusPublicInterface() {
     message_bus_free(&iDynDnsMessageBus);

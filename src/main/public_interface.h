@@ -7,8 +7,8 @@
 /// before is released). Once, on the main thread, before the bus thread runs.
 [[nodiscard]] bool enableDbusPublicInterface(struct event_base* base);
 
-/// Limits what a hostile client can do to the connection. Bus thread, once, after enableDbusPublicInterface and before
-/// it runs the base.
+/// Limits what a hostile client can do to the connection, and keeps calls from overtaking changes of the data model
+/// that wait in the event pipe. Bus thread, once, after enableDbusPublicInterface and before it runs the base.
 void prepareToServeDbus();
 
 /// Takes the services and the client down. Only while no thread runs the base.

@@ -10,6 +10,10 @@ static constexpr char KLogModule[] = "src/bus_service";
 
 static constexpr char KBusName[] = "com.corvane.orsm";
 
+static void (*iBeforeEachCall)();
+
+void beforeEachCall(void (*look)()) { iBeforeEachCall = look; }
+
 static bool setListeners(message_bus* bus, std::span<const Method> methods) {
     if (!message_bus_request_name(bus, KBusName)) return false;
     for (const Method& method : methods) {
@@ -62,6 +66,7 @@ message_bus* offerService(const BusService& service, struct event_base* base) {
 
 void dispatchMethodCall(std::span<const Method> methods, message_bus* bus, const char* method,
                         const char* firstArgument, DBusMessage* message) {
+    if (iBeforeEachCall) iBeforeEachCall();
     const InsideGate inside;
     MethodCall call = {bus, firstArgument, UnansweredCall(message)};
     LOG(INFO, "Method call: %s.%s", method, firstArgument);

@@ -50,6 +50,10 @@ struct BusService {
 /// (logged, nothing left behind). Blocks for the bus's answers. Main thread, before the bus thread runs.
 [[nodiscard]] message_bus* offerService(const BusService& service, struct event_base* base);
 
+/// Sets what every call waits for: `look` runs outside the gate before the call is logged and answered. Bus thread, or
+/// before it runs.
+void beforeEachCall(void (*look)());
+
 /// The body of every service's method callback: logs the call and lets the method of that name answer it, holding the
 /// gate. Takes `call` over: it is answered, or released without an answer, also for an unknown name (logged). Bus
 /// thread.

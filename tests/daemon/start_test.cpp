@@ -26,20 +26,28 @@ TEST(CommandLine, WrongUseAndWrongConfigurationAreExplained) {
               "demonize-process=no\nserverrequests.voltaroserver=\norvoservicesinfo=\n"
               "serverrequests.applicationserver=u\n");
     writeFile("/var/run/line", "no equals sign\n");
+    const std::string whole = daemonConfiguration("u", "/none"), key = "synchronize.interval";
+    const auto wrong = [&](const std::string& value) {
+        writeFile("/var/run/" + value, key + "=" + value + "\n" + whole);
+        return "Wrong " + key + " key in config file: " + value + " (0 or 3600 to 31536000)\n" + broken;
+    };
     const std::pair<std::vector<std::string>, std::string> cases[] = {
-        {{"-v"},                   "Version: " ORSM_VERSION "\n" },
-        {{},                       usage                         },
-        {{"-v", "x"},              usage                         },
-        {{"-c"},                   usage                         },
-        {{"-vx"},                  usage                         },
-        {{"-cfoo"},                usage                         },
-        {{"-c", "a", "b"},         usage                         },
-        {{"-c", "/none"},          unreadable + "/none\n"        },
-        {{"-c", "/var"},           unreadable + "/var\n"         },
-        {{"-c", "/var/run/empty"}, all                           },
-        {{"-c", "/var/run/other"}, all                           },
-        {{"-c", "/var/run/four"},  missing + broken              },
-        {{"-c", "/var/run/line"},  unreadable + "/var/run/line\n"},
+        {{"-v"},                      "Version: " ORSM_VERSION "\n" },
+        {{},                          usage                         },
+        {{"-v", "x"},                 usage                         },
+        {{"-c"},                      usage                         },
+        {{"-vx"},                     usage                         },
+        {{"-cfoo"},                   usage                         },
+        {{"-c", "a", "b"},            usage                         },
+        {{"-c", "/none"},             unreadable + "/none\n"        },
+        {{"-c", "/var"},              unreadable + "/var\n"         },
+        {{"-c", "/var/run/empty"},    all                           },
+        {{"-c", "/var/run/other"},    all                           },
+        {{"-c", "/var/run/four"},     missing + broken              },
+        {{"-c", "/var/run/line"},     unreadable + "/var/run/line\n"},
+        {{"-c", "/var/run/3599"},     wrong("3599")                 },
+        {{"-c", "/var/run/31536001"}, wrong("31536001")             },
+        {{"-c", "/var/run/1d"},       wrong("1d")                   },
     };
     for (auto [command, expected] : cases) {
         command.insert(command.begin(), binary("orvoservicemanager"));

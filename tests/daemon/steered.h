@@ -27,6 +27,9 @@ struct SteeredGateway : Gateway {
     void set(const std::string& object, const std::string& parameter, const std::string& value) override {
         platform.set(object.c_str(), parameter.c_str(), value);
     }
+    std::string get(const std::string& object, const std::string& parameter) const {
+        return platform.get(object.c_str(), parameter.c_str());
+    }
     /// Changes what a synchronization follows.
     void touch() { set("NMC.HomeAutomation", "Enable", enable_ = enable_ == "1" ? "true" : "1"); }
     void emptyLog() {

@@ -10,6 +10,7 @@
 #include "common/log/log.h"
 #include "src/dbusinterface/event_reactions.h"
 #include "src/dbusinterface/gateway_client.h"
+#include "src/dbusinterface/reconciliation.h"
 #include "src/dbusinterface/service_store.h"
 #include "src/requests/dyndnsrequest.h"
 #include "tests/world/cloud.h"
@@ -83,6 +84,16 @@ TEST(SyncDecision, FirstMatchingConditionDecides) {
         EXPECT_STREQ(decision.reason, reason);
         EXPECT_TRUE(decision.action == action && decision.level == level) << textOrEmpty(reason);
     }
+}
+
+TEST(Reconciliation, FleetThatLostPowerTogetherIsSpreadOverTheInterval) {
+    constexpr long KInterval = 3600;
+    std::mt19937_64 random(1);
+    std::vector<int> gateways(KInterval);
+    for (int gateway = 0; gateway < 100'000; ++gateway) {
+        ++gateways.at(static_cast<size_t>(firstReconciliationDelay(KInterval, random()) / 1'000'000));
+    }
+    EXPECT_LE(*std::max_element(gateways.begin(), gateways.end()), 2 * 100'000 / KInterval);
 }
 
 class Sync : public testing::Test {
