@@ -18,3 +18,18 @@ run_tests() {
   [ ! -f "$log" ] || printf '\nFigures:\n%s\n' "$(sed -n 's/^figure: /  /p' "$log" | sort -u)"
   exit $status
 }
+
+# run_every_test CTEST_ARGUMENT...: one list of tests over all builds: everything under the address and
+# undefined-behaviour sanitizers, what has two threads under the thread sanitizer too, and what looks at the shipped
+# program with the release.
+run_every_test() {
+  local preset
+  install_missing "${TEST_PACKAGES[@]}" binutils systemd mandoc shellcheck
+  need_world
+  mkdir -p build/all
+  printf 'subdirs("%s")\n' "$PWD"/build/{asan,tsan,release} >build/all/CTestTestfile.cmake
+  for preset in asan tsan release; do
+    build $preset
+  done
+  run_tests build/all --output-on-failure -j "$(($(nproc) * 2))" "$@"
+}

@@ -1,4 +1,4 @@
-# Sourced by ./run, ./test, ./bench and tools/bare: the Debian packages that are missing, and Debian roots.
+# Sourced by ./run, ./test, ./bench and the tools: what a machine must have, and Debian roots.
 
 BUILD_TOOLS=(cmake ninja-build pkg-config)
 LIBRARIES=(libdbus-1-dev libevent-dev libcurl4-openssl-dev libcjson-dev libcpp-httplib-dev libssl-dev)
@@ -7,17 +7,36 @@ BUILD_PACKAGES=(g++ "${BUILD_TOOLS[@]}" "${LIBRARIES[@]}")
 WORLD_PACKAGES=(dbus-daemon dbus-bin mount)
 TEST_PACKAGES=("${BUILD_PACKAGES[@]}" "${WORLD_PACKAGES[@]}" libgtest-dev)
 
-# install_missing PACKAGE...
+# skip WHY...: ends the program on a machine that lacks what it needs: no success, and nobody's fault.
+skip() {
+  echo "skipped: $*"
+  exit 77
+}
+
+# need_world: skips where nobody can make a private world.
+need_world() {
+  local why
+  why=$(tests/world/enter true 2>&1) || skip "no private world: $why"
+}
+
+# need_machine: skips where nobody can make a Debian root and enter it.
+need_machine() {
+  [ "$(id -u)" -eq 0 ] || skip "making and entering a machine takes root"
+  unshare --mount --uts --ipc --net --pid --fork mount -t tmpfs machine /mnt 2>/dev/null ||
+    skip "this kernel refuses the namespaces that a machine needs"
+}
+
+# install_missing PACKAGE...: installs what is missing.
 install_missing() {
   local missing=() package
   for package in "$@"; do
     [ "$(dpkg-query -W -f '${db:Status-Status}' "$package" 2>/dev/null)" = installed ] || missing+=("$package")
   done
-  [ ${#missing[@]} -eq 0 ] && return 0
+  [ ${#missing[@]} -gt 0 ] || return 0
   echo "Installing ${missing[*]}"
   local as_root=()
   if [ "$(id -u)" -ne 0 ]; then
-    command -v sudo >/dev/null || { echo "Install these packages first, as root: ${missing[*]}" >&2; return 1; }
+    command -v sudo >/dev/null || skip "install these packages first, as root: ${missing[*]}"
     as_root=(sudo)
   fi
   "${as_root[@]}" apt-get update -qq &&

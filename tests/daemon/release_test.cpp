@@ -22,6 +22,10 @@ TEST(Release, NeedsOnlyTheLibrariesOfAGateway) {
     EXPECT_NE(output.find("BIND_NOW"), std::string::npos);
     EXPECT_NE(output.find("PIE"), std::string::npos);
 
+    const std::string program = world::readFile(ORSM_DAEMON);
+    EXPECT_NE(program.find(".debug_info"), std::string::npos);
+    EXPECT_EQ(program.find(ORSM_SOURCE_FOLDER), std::string::npos) << "each folder gives another build-id";
+
     ASSERT_EQ(world::run({ORSM_STRIP, "-o", "/var/run/stripped", ORSM_DAEMON}), 0);
     const uintmax_t size = std::filesystem::file_size("/var/run/stripped");
     EXPECT_LE(size, sizeof(void*) == 4 ? 150U * 1024 : 200U * 1024);

@@ -19,7 +19,8 @@ static const std::string KRoot = "/var/run/root", KUnits = KRoot + "/usr/lib/sys
 // Runs a program that must succeed; what it prints.
 static std::string output(const std::vector<std::string>& words) {
     std::string text;
-    EXPECT_EQ(run(words, &text), 0) << words[0] << ": " << text;
+    const int status = run(words, &text);
+    EXPECT_EQ(status, 0) << (status == 127 ? "NOT INSTALLED: " : "") << words[0] << ": " << text;
     return text;
 }
 
