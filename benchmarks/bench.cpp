@@ -119,8 +119,17 @@ struct DataModel {
 
 }  // namespace
 
-// `lines`: whether the daemon logs them to the system log.
-static void measureCalls(BusClient& client, const DataModel& model, pid_t daemon, pid_t echo, bool lines) {
+static void writeLineToSystemLog() { syslog(LOG_NOTICE, " INFO Method call: %s.%s\n", "IsEnabled", ""); }
+
+static void writeLineToFile() {
+    static constexpr char KLine[] = "2026-11-25 08:27:22.795  INFO Method call: IsEnabled.\n";
+    const int file = open("/var/log/bare.log", O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
+    EXPECT_EQ(write(file, KLine, strlen(KLine)), static_cast<ssize_t>(strlen(KLine)));
+    close(file);
+}
+
+// `writeLine`: what a line that the daemon logs costs by itself; null when it logs none.
+static void measureCalls(BusClient& client, const DataModel& model, pid_t daemon, pid_t echo, void (*writeLine)()) {
     const std::string peer = "org.freedesktop.DBus.Peer", info = "com.corvane.orsm.orvoservicesinfo",
                       dynDns = "com.corvane.orsm.dyndns";
     enum { PING, BARE, INFO_BYTES, INFO, ENABLED_BYTES, ENABLED };
@@ -152,7 +161,7 @@ static void measureCalls(BusClient& client, const DataModel& model, pid_t daemon
             callOnce(client.connection(), rows[BARE].target);
             exchange.add(timed([&] { EXPECT_TRUE(pcb_client_get(model.peer, "OrvoService.DynDNS", "Enable")); }));
             callOnce(client.connection(), rows[BARE].target);
-            line.add(timed([&] { syslog(LOG_NOTICE, " INFO Method call: %s.%s\n", "IsEnabled", ""); }));
+            if (writeLine) line.add(timed(writeLine));
         }
     }
     printf("  %-48s %9s %9s %10s %12s\n", "", "median us", "p99 us", "calls/s *", "CPU us/call");
@@ -161,14 +170,14 @@ static void measureCalls(BusClient& client, const DataModel& model, pid_t daemon
                row.perSecond.median(), row.cpu.median());
     }
     printRow("one bare exchange with pcb-bus", exchange);
-    if (lines) printRow("one line to the system log by syslog() alone", line);
+    if (writeLine) printRow("one line by itself", line);
     const auto allowed = [&](const Row& bytes) {
         return 1.1 * rows[PING].wait.median() + std::max(0.0, bytes.wait.median() - rows[BARE].wait.median());
     };
     const double get = allowed(rows[INFO_BYTES]), isEnabled = allowed(rows[ENABLED_BYTES]) + exchange.median();
     verdict("Get: Ping and a tenth, and its bytes", rows[INFO].wait.median(), get);
     verdict("IsEnabled: that, and one exchange", rows[ENABLED].wait.median(), isEnabled);
-    if (!lines) return;
+    if (!writeLine) return;
     verdict("Get, with its 2 lines before the reply", rows[INFO].wait.median(), get + 2 * line.median());
     verdict("IsEnabled, with its 3", rows[ENABLED].wait.median(), isEnabled + 3 * line.median());
 }
@@ -296,7 +305,7 @@ int main(int count, char** arguments) {
     title("Memory in KiB                                       resident proportional  private");
     printMemory("idle", gateway.daemon->pid(), echo.pid());
     title("Bus calls as shipped (* 32 outstanding)");
-    measureCalls(client, model, gateway.daemon->pid(), echo.pid(), false);
+    measureCalls(client, model, gateway.daemon->pid(), echo.pid(), nullptr);
     title("One HTTPS request                                   median us    p99 us");
     measureRequests(connection, *gateway.cloud);
     title("Memory in KiB                                       resident proportional  private");
@@ -304,7 +313,10 @@ int main(int count, char** arguments) {
     start(talkative);
     title(systemLog ? "Bus calls with INFO to the system log (* 32 outstanding)"
                     : "Bus calls, INFO to no output: the kernel lets nobody make a /dev (* 32 outstanding)");
-    measureCalls(client, model, gateway.daemon->pid(), echo.pid(), systemLog);
+    measureCalls(client, model, gateway.daemon->pid(), echo.pid(), systemLog ? writeLineToSystemLog : nullptr);
+    start("logger.syslog = false\nlogger.file = true\nlogger.filename = /var/log/orsm.log\n" + talkative);
+    title("Bus calls with INFO to a file (* 32 outstanding)");
+    measureCalls(client, model, gateway.daemon->pid(), echo.pid(), writeLineToFile);
     title("Program");
     printProgram();
     pcb_destroy(model.client);

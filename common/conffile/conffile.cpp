@@ -1,6 +1,7 @@
 #include "common/conffile/conffile.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -103,21 +104,39 @@ static bool readContent(ConfigFile* config, int file) {
     return true;
 }
 
+static int openFile(const char* path, int flags) {
+    LOG(INFO, "parsing configuration file: %s", path);
+    const int file = open(path, O_RDONLY | O_CLOEXEC | flags);
+    if (file < 0) LOG(DEBUG, "cannot open file: %s", path);
+    return file;
+}
+
+// Closes the file.
+static OwnedConfig load(int file) {
+    OwnedConfig config = makeConfig(KFileContentSize);
+    if (config && !readContent(config.get(), file)) config.reset();
+    close(file);
+    return config ? parse(std::move(config)) : nullptr;
+}
+
 OwnedConfig configFileLoad(const char* path) {
     if (!path) {
         LOG(DEBUG, "path is null");
         return nullptr;
     }
-    LOG(INFO, "parsing configuration file: %s", path);
-    const int file = open(path, O_RDONLY | O_CLOEXEC);
-    if (file < 0) {
-        LOG(DEBUG, "cannot open file: %s", path);
-        return nullptr;
-    }
-    OwnedConfig config = makeConfig(KFileContentSize);
-    if (config && !readContent(config.get(), file)) config.reset();
+    const int file = openFile(path, 0);
+    return file < 0 ? nullptr : load(file);
+}
+
+OwnedConfig configFileLoadOrdinary(const char* path) {
+    // What was opened is looked at, and not the path before: something else may stand there a moment later.
+    const int file = openFile(path, O_NONBLOCK | O_NOCTTY);
+    if (file < 0) return nullptr;
+    struct stat status = {};
+    if (fstat(file, &status) == 0 && S_ISREG(status.st_mode)) return load(file);
+    LOG(WARN, "not an ordinary file: %s", path);
     close(file);
-    return config ? parse(std::move(config)) : nullptr;
+    return nullptr;
 }
 
 OwnedConfig configFileLoadFromBytes(const void* bytes, size_t length) {

@@ -31,6 +31,10 @@ using OwnedConfig = Owned<ConfigFile, configFileFree>;
 /// or memory is short. An empty file is a configuration without pairs.
 [[nodiscard]] OwnedConfig configFileLoad(const char* path);
 
+/// configFileLoad for a path (not null) at which a pipe or a terminal may stand: never waits, and also fails for what
+/// is no ordinary file (logged).
+[[nodiscard]] OwnedConfig configFileLoadOrdinary(const char* path);
+
 /// Parses a copy of `length` bytes; fails as configFileLoad does (null `bytes` fail, too). A length of exactly 4096
 /// loses its last byte, as a file does; other lengths lose nothing.
 [[nodiscard]] OwnedConfig configFileLoadFromBytes(const void* bytes, size_t length);

@@ -11,9 +11,10 @@ enum LogLevel { LEVEL_TRACE = 0, LEVEL_DEBUG, LEVEL_INFO, LEVEL_WARN, LEVEL_ERRO
 
 /// Logs one message: filters it, builds the line and writes it to every output that is switched on. `level` is 0 to 5;
 /// 5 passes every filter. A message longer than the line's room is cut. Line breaks and tabs in it become blanks, other
-/// control characters "?"; only the format's own line breaks stay. Failing outputs are silent. Waits while a slow
-/// reader of a full pipe or terminal reads on; when the reader has stopped, waits once for two seconds. errno stays as
-/// it was. Any thread; not from a signal handler. Callers use LOG, which checks the format.
+/// control characters "?"; only the format's own line breaks stay. Failing outputs are silent; the program ignores
+/// SIGPIPE, so that a pipe without a reader is one of them. Waits while a slow reader of a full pipe or terminal reads
+/// on; when the reader has stopped, waits once for two seconds. errno stays as it was. Any thread; not from a signal
+/// handler. Callers use LOG, which checks the format.
 void _log(const char* category, int level, const char* file, ssize_t line, const char* format, ...);
 
 // The macros' own parts: a null text becomes an empty one, and the compiler sees the format.

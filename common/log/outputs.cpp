@@ -3,7 +3,6 @@
 
 #include <fcntl.h>
 #include <poll.h>
-#include <signal.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -16,41 +15,19 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <ctime>
 
 #include "common/log/log.h"
 
 static constexpr char KDefaultFolder[] = "/var/log";
 
-namespace {
-
-// Blocks SIGPIPE for its scope: an output whose reader is gone fails silently, like any other failing output.
-struct WithoutBrokenPipe {
-    WithoutBrokenPipe() {
-        sigemptyset(&signal_);
-        sigaddset(&signal_, SIGPIPE);
-        pthread_sigmask(SIG_BLOCK, &signal_, &before_);
-    }
-    ~WithoutBrokenPipe() {
-        static constexpr timespec KNow = {};
-        if (sigismember(&before_, SIGPIPE) == 0) sigtimedwait(&signal_, nullptr, &KNow);
-        pthread_sigmask(SIG_SETMASK, &before_, nullptr);
-    }
-    WithoutBrokenPipe(const WithoutBrokenPipe&) = delete;
-    WithoutBrokenPipe& operator=(const WithoutBrokenPipe&) = delete;
-
-  private:
-    sigset_t signal_;
-    sigset_t before_;
-};
-
-}  // namespace
-
 // One write call per line, so that lines of several writers never mix. It is repeated only when a signal interrupted it
-// before its first byte.
-static void writeOnce(int file, const Line& line) {
-    while (write(file, line.text, line.length) < 0 && errno == EINTR) {
-    }
+// before its first byte. Gives what write gives.
+static ssize_t writeOnce(int file, const Line& line) {
+    ssize_t written = 0;
+    do {
+        written = write(file, line.text, line.length);
+    } while (written < 0 && errno == EINTR);
+    return written;
 }
 
 static constexpr int KPatience = 2000;  // ms
@@ -144,22 +121,24 @@ static size_t writeWhileRead(int file, Reader& reader, const char* text, size_t 
     return written;
 }
 
-static void writeInPieces(int file, Reader& reader, const Line& line) {
+// Goes on behind what is `written` already.
+static void writeInPieces(int file, Reader& reader, const Line& line, size_t written) {
     // The rest of a torn line is lost. The next line starts on a new line, so that its date stands in front.
     if (reader.insideLine && writeWhileRead(file, reader, "\n", 1) == 0) return;
-    const size_t written = writeWhileRead(file, reader, line.text, line.length);
+    written += writeWhileRead(file, reader, line.text + written, line.length - written);
     reader.insideLine = written > 0 && written < line.length;
 }
 
-static void writeTo(int file, Reader& reader, const Line& line) {
+static void writeTo(int file, Reader& reader, const Line& line, size_t written = 0) {
     struct stat status = {};
     if (fstat(file, &status) != 0) return;
     if (S_ISFIFO(status.st_mode)) {
         if (waitForRoom(file, reader, line.length)) writeOnce(file, line);
     } else if (S_ISSOCK(status.st_mode) || (S_ISCHR(status.st_mode) && isatty(file))) {
-        writeInPieces(file, reader, line);
+        writeInPieces(file, reader, line, written);
     } else {
-        writeOnce(file, line);
+        reader = {};  // of a pipe or terminal that stood here before
+        if (written == 0) writeOnce(file, line);
     }
 }
 
@@ -178,7 +157,13 @@ static void writeToStandardOutput(const Line& line) {
 static void appendToFile(const char* path, Reader& reader, const Line& line) {
     const int file = open(path, KToWrite | O_CREAT, 0644);
     if (file < 0) return;
-    writeTo(file, reader, line);
+    // A look at what was opened would cost an ordinary file a system call a line. A write without waiting is right for
+    // everything else, too, as long as its reader has read all before: a pipe takes all or nothing of so short a line,
+    // a terminal perhaps its beginning.
+    const bool isSimple = line.length <= PIPE_BUF && !reader.stopped && !reader.insideLine;
+    const ssize_t written = isSimple ? writeOnce(file, line) : 0;
+    const bool isToBeContinued = written < 0 ? errno == EAGAIN : static_cast<size_t>(written) < line.length;
+    if (isToBeContinued) writeTo(file, reader, line, static_cast<size_t>(std::max<ssize_t>(written, 0)));
     close(file);
 }
 
@@ -236,11 +221,8 @@ static void writeToSystemLog(int level, const Line& line) {
 
 void writeToOutputs(int level, Line& line) {
     line.text[line.length++] = '\n';
-    if (iLogSettings.standardOutput || iLogSettings.file || level == LEVEL_SYSLOG) {
-        const WithoutBrokenPipe guard;
-        if (iLogSettings.standardOutput) writeToStandardOutput(line);
-        if (iLogSettings.file) appendToFile(iLogSettings.filename, iFileReader, line);
-        if (level == LEVEL_SYSLOG) writeToRotatedFiles(line);
-    }
+    if (iLogSettings.standardOutput) writeToStandardOutput(line);
+    if (iLogSettings.file) appendToFile(iLogSettings.filename, iFileReader, line);
+    if (level == LEVEL_SYSLOG) writeToRotatedFiles(line);
     if (iLogSettings.systemLog) writeToSystemLog(level, line);
 }

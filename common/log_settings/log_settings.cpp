@@ -1,6 +1,5 @@
 #include "common/log_settings/log_settings.h"
 
-#include <sys/stat.h>
 #include <syslog.h>
 
 #include <algorithm>
@@ -10,9 +9,6 @@
 #include "common/conffile/conffile.h"
 #include "common/log/log.h"
 #include "common/text/text.h"
-
-static constexpr char KLogCategory[] = "unassigned";
-static constexpr char KLogModule[] = "common/log/log_settings";
 
 static constexpr char KPrefix[] = "logger.";
 static constexpr char KDefaultFileName[] = "zolclient.log";
@@ -45,13 +41,8 @@ static void reset() {
 }
 
 static void reloadFromFile() {
-    // Reading a pipe or terminal could block while the log is locked.
-    struct stat status = {};
-    if (stat(KReloadFileName, &status) == 0 && !S_ISREG(status.st_mode)) {
-        LOG(WARN, "not an ordinary file: %s", KReloadFileName);
-        return;
-    }
-    const OwnedConfig config = configFileLoad(KReloadFileName);
+    // The log is locked meanwhile: nothing here may wait.
+    const OwnedConfig config = configFileLoadOrdinary(KReloadFileName);
     debug_init(config.get());
 }
 

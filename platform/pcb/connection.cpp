@@ -113,7 +113,8 @@ bool queueFrame(connection_info_t* connection, const cJSON* frame) {
 
 bool receive(connection_info_t* connection) {
     size_t received = 0;
-    while (!connection->lost && received < KReceivePerPass) {
+    // No more than the longest frame waits here: what a bus sends faster than it can be read stays in the socket.
+    while (!connection->lost && received < KReceivePerPass && connection->in.length <= KMaxFrameLength) {
         if (!bufferReserve(&connection->in, KReceiveAtOnce)) return fail(PCB_ERROR_NO_MEMORY);
         char* end = connection->in.bytes.get() + connection->in.start + connection->in.length;
         const ssize_t count = recv(connection->socket, end, KReceiveAtOnce, 0);

@@ -1,6 +1,7 @@
 #include "platform/pcb/odl.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -148,8 +149,18 @@ OwnedRecord<object_t> parseOdl(std::string_view text, OdlFault* fault) {
     return nullptr;
 }
 
+// Only an ordinary file is opened: reading a pipe could wait for ever.
+static int openToRead(const char* path) {
+    const int file = open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
+    struct stat status = {};
+    if (file < 0 || (fstat(file, &status) == 0 && S_ISREG(status.st_mode))) return file;
+    close(file);
+    errno = EINVAL;
+    return -1;
+}
+
 static bool readFile(const char* path, Buffer* content) {
-    const int file = open(path, O_RDONLY | O_CLOEXEC);
+    const int file = openToRead(path);
     if (file < 0) return false;
     ssize_t count = 0;
     do {

@@ -231,8 +231,9 @@ static bool readNotification(reply_item_t* item, const cJSON* frame) {
     notification_parameter_t* last = nullptr;
     cJSON_ArrayForEach(text, cJSON_GetObjectItemCaseSensitive(frame, KWireParameters)) {
         if (notification->count == std::size(notification->parameters)) break;
+        if (!cJSON_IsString(text)) return false;  // a number is no empty text
         notification_parameter_t* parameter = &notification->parameters[notification->count++];
-        parameter->value = textOrEmpty(cJSON_GetStringValue(text));
+        parameter->value = text->valuestring;
         if (last) last->next = parameter;
         last = parameter;
     }
@@ -262,7 +263,7 @@ static bool readReturn(reply_item_t* item, const cJSON* frame) {
     return true;
 }
 
-// False when out of memory. An item without a type is nothing to hand on.
+// False when out of memory or malformed. An item without a type is nothing to hand on.
 static bool readItem(reply_item_t* item, const cJSON* frame, const request_t* request) {
     const cJSON* object = cJSON_GetObjectItemCaseSensitive(frame, KWireObject);
     if (jsonCount(frame, KWireError)) return readError(item, frame);

@@ -14,8 +14,8 @@ static constexpr char KLogModule[] = "src/dbusinterface";
 
 static void useApplicationServer(const char* url) {
     iApplicationServerUrlDefined = 1;
-    // Out of memory: the old address stays in use until the next change.
-    if (*url) (void)setApplicationServerUrl(url);
+    // The old address stays in use until the next change.
+    if (*url && !setApplicationServerUrl(url)) LOG(ERROR, "No memory to keep application server URL");
 }
 
 static void onApplicationServerInit(const char* url) { useApplicationServer(url); }

@@ -123,12 +123,11 @@ static void handleOpenQueryResult(const char* result) {
 
 static void sendCgNatStatus(const char* status) {
     const int truth = isDataModelTrue(status);
-    if (!iInitValueRead_CgNatStatus) {
-        iInitValueRead_CgNatStatus = 1;
-        sendValueThroughPipe(EVENT_CGNAT_STATUS_INIT, status);
-    } else if (truth != iPreviousValue_CgNatStatus) {
-        sendValueThroughPipe(EVENT_CGNAT_STATUS_CHANGED, status);
-    }
+    if (iInitValueRead_CgNatStatus && truth == iPreviousValue_CgNatStatus) return;
+    const EventCode code = iInitValueRead_CgNatStatus ? EVENT_CGNAT_STATUS_CHANGED : EVENT_CGNAT_STATUS_INIT;
+    // A result that was not sent counts as not seen: the next one is sent even if it is the same.
+    if (!sendValueThroughPipe(code, status)) return;
+    iInitValueRead_CgNatStatus = 1;
     iPreviousValue_CgNatStatus = truth;
 }
 

@@ -42,19 +42,19 @@ static bool waitForRoomInPipe() {
     return ready;
 }
 
-void sendValueThroughPipe(unsigned code, const char* value) {
+bool sendValueThroughPipe(unsigned code, const char* value) {
     EventRecord record = {};
     record.code = code;
     if (value) {
         const size_t length = strlen(value);
         if (length > KEventValueMaxLength) {
             LOG(ERROR, "Parameter value too long: %s", value);
-            return;
+            return false;
         }
         memcpy(record.value, value, length);
     }
-    if (!waitForRoomInPipe()) return;
-    if (write(iPipeForPcbChanges[1], &record, sizeof record) != sizeof record) {
-        LOG(ERROR, "Failed to write to event pipe");
-    }
+    if (!waitForRoomInPipe()) return false;
+    if (write(iPipeForPcbChanges[1], &record, sizeof record) == sizeof record) return true;
+    LOG(ERROR, "Failed to write to event pipe");
+    return false;
 }

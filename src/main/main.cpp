@@ -13,6 +13,7 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 #include "common/conffile/conffile.h"
@@ -282,7 +283,10 @@ int main(int argc, char** argv) {
     giveMemoryBack();
     unblockSignals();
     occupyStandardStreams();
-    signal(SIGXFSZ, SIG_IGN);  // a file that may not grow is a failed write like any other
+    // A file that may not grow and a pipe without a reader are failed writes like any other.
+    signal(SIGXFSZ, SIG_IGN);
+    signal(SIGPIPE, SIG_IGN);
+    unsetenv("SSLKEYLOGFILE");  // libcurl would write the secrets of its connections into that file
     if (argc == 2 && strcmp(argv[1], "-v") == 0) {
         printf("Version: %s\n", KOrsmVersion);
         return 1;

@@ -13,6 +13,7 @@ static char* iOrvoServicesInfo;                   // owned; null without a text
 int initOrvoServicesInfo(const char* text) {
     OwnedText copy;
     if (!duplicateStringOrNull(text, &copy)) return 0;
+    if (text && !dbus_validate_utf8(text, nullptr)) LOG(WARN, "Services info is not UTF-8: no Get can be answered");
     cleanOrvoServicesInfo();
     iOrvoServicesInfo = copy.release();
     return 1;

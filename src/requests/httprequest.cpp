@@ -2,6 +2,7 @@
 
 #include <curl/curl.h>
 #include <resolv.h>
+#include <sys/stat.h>
 
 #include <cstdint>
 #include <cstring>
@@ -59,7 +60,8 @@ static size_t writeResponseCallback(char* chunk, size_t size, size_t count, void
 
 static void setCommonOptions(CURL* handle, const char* uri, const char* method, const char* caBundle) {
     curl_easy_setopt(handle, CURLOPT_URL, uri);
-    // Set for every method, so that a redirected POST stays one.
+    // Set for every method. So a redirected POST stays a POST: after 307 and 308 with its body, after 301, 302 and 303
+    // without it.
     curl_easy_setopt(handle, CURLOPT_CUSTOMREQUEST, method);
     curl_easy_setopt(handle, CURLOPT_FOLLOWLOCATION, 1L);
     if (!caBundle) {
@@ -108,6 +110,12 @@ static bool setHeaders(CURL* handle, const cJSON* headers, HeaderList& list) {
     return true;
 }
 
+// Whether reading it could wait for ever: libcurl opens the bundle as it is, and its time limits do not hold there.
+static bool isPipeOrDevice(const char* path) {
+    struct stat status = {};
+    return stat(path, &status) == 0 && (S_ISFIFO(status.st_mode) || S_ISCHR(status.st_mode));
+}
+
 static CURLcode transfer(CURL* handle) {
     // Read the resolver configuration again: it may have changed since the daemon started.
     if (res_init() != 0) LOG(WARN, "res_init() call failed");
@@ -123,6 +131,10 @@ static OwnedText performRequest(const char* uri, const char* method, const char*
     }
     LOG(INFO, "URI: %s", uri);
     if (post && post->body) LOG(DEBUG, "Post data: %s", post->body);
+    if (caBundle && isPipeOrDevice(caBundle)) {
+        LOG(ERROR, "CA bundle file is a pipe or a device: %s", caBundle);
+        return nullptr;
+    }
 
     HeaderList headers;
     const Handle handle(curl_easy_init());

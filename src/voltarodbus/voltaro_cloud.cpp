@@ -210,7 +210,9 @@ static OwnedText copyOfState(const Answer& answer) {
         return nullptr;
     }
     LOG(INFO, "Current switch state: %s", state);
-    return copyText(state);
+    OwnedText copy = copyText(state);
+    if (!copy) LOG(ERROR, "Out of memory");
+    return copy;
 }
 
 OwnedText changeStateOfSwitch(const char* token, const char* switchId, SwitchAction action, SwitchChangeError* error) {

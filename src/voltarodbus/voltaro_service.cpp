@@ -193,7 +193,9 @@ static Refusal getSwitch(const char* switchId, OwnedText* built) {
     cJSON* device = nullptr;
     if (const Refusal refusal = readPlug(parsed.get(), &device)) return refusal;
     *built = plugReply(device);
-    return *built ? nullptr : KOutOfMemory;
+    if (*built) return nullptr;
+    LOG(ERROR, "Cannot create json string");
+    return KOutOfMemory;
 }
 
 static void answerGet(MethodCall& call) {

@@ -153,7 +153,6 @@ TEST(Log, CategoryThresholdOverridesGlobalThreshold) {
 }
 
 TEST(Log, SmallPipeTakesALineAndFailingOutputsAreSilent) {
-    signal(SIGPIPE, SIG_DFL);
     int ends[2];
     ASSERT_EQ(pipe(ends), 0);
     ASSERT_EQ(fcntl(ends[1], F_SETPIPE_SZ, 8192), 8192);
@@ -268,7 +267,7 @@ TEST(LogReload, HappensAtTheNextCallEvenIfItsLineIsDropped) {
     raise(SIGHUP);
     LOG(INFO, "reloaded before this line");
     const std::string parsing = " INFO parsing configuration file: zolclient.log\n";
-    EXPECT_EQ(takeLog(KFile), " WARN not an ordinary file: zolclient.log\nERROR as before\n" + parsing +
+    EXPECT_EQ(takeLog(KFile), parsing + " WARN not an ordinary file: zolclient.log\nERROR as before\n" + parsing +
                                   " WARN syntax error in configuration\nERROR broken, so nothing changes\n" + parsing +
                                   " INFO reloaded before this line\n");
 }

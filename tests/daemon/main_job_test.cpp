@@ -22,6 +22,7 @@ static void startHeldRequest(Gateway& gateway) {
 }
 
 TEST(MainJob, StoresTheRegistrationWithoutPushingItBack) {
+    setenv("SSLKEYLOGFILE", "/var/run/secrets", 1);
     Gateway gateway;
     gateway.cloud->order({"register", "HA-1", "first", "true"});
     gateway.cloud->order({"register", "HA-2", "second", "false"});
@@ -40,6 +41,7 @@ TEST(MainJob, StoresTheRegistrationWithoutPushingItBack) {
 
     gateway.set("NMC.HomeAutomation", "HA-ID", "HA-2");
     gateway.log.next("DynDNS hostname second saved in PCB");
+    EXPECT_FALSE(exists("/var/run/secrets"));
     gateway.settle();
     EXPECT_EQ(gateway.get("OrvoService.DynDNS", "Enable"), "false");
     ASSERT_EQ(gateway.cloud->journal().size(), 2U);

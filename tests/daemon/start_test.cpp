@@ -1,5 +1,6 @@
 // Command line, configuration, start-up and its failures, with the real program.
 #include <gtest/gtest.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -70,9 +71,11 @@ TEST(StartUp, FailsWithoutBusesNameOrPidFile) {
         log.next("ERROR Cannot enable dbus");
         EXPECT_FALSE(exists(KPidFile));
     };
-    std::filesystem::create_symlink("/dev/full", KPidFile);
-    fails(" WARN Cannot write the pid file: No space left on device",
+    // The configuration fills the disk, where it may be made so small.
+    const bool full = mount(nullptr, "/run", nullptr, MS_REMOUNT, "size=4k") == 0;
+    fails(full ? " WARN Cannot write the pid file: No space left on device" : "",
           "ERROR Failed to connect to pcb://ipc:{/var/run/pcb_sys} (0x0001");
+    mount(nullptr, "/run", nullptr, MS_REMOUNT, "size=50%");
     const auto bus = startPcbBus();
     fails(" WARN Failed to open connection to activating message bus: ", "ERROR Cannot create");
     const std::string policy = readFile(ORSM_SOURCE_FOLDER "/tests/world/bus.conf");
@@ -89,7 +92,6 @@ TEST(StartUp, FailsWithoutBusesNameOrPidFile) {
     std::filesystem::create_directory(KPidFile);
     EXPECT_EQ(startDaemon(configuration)->wait(), 1);
     EXPECT_EQ(log.count("OrvoServiceManager version " ORSM_VERSION), 5U);
-    EXPECT_EQ(log.count("ERROR Cannot enable dbus"), 4U);
 }
 
 TEST(StartUp, TakesOverOrQueuesForTheBusName) {
@@ -125,10 +127,13 @@ TEST(StartUp, DetachesWhenTheConfigurationAsksForIt) {
     EXPECT_EQ(readFile(KPidFile), std::to_string(gateway.daemon->pid()) + "\n");
     EXPECT_EQ(gateway.end(SIGINT), 0);
 
-    gateway.daemon = startDaemon("demonize-process=yes\n" + configuration);
+    std::filesystem::create_symlink("/var/run/target", KPidFile);
+    gateway.daemon = startDaemon("demonize-process=yes\norvoservicesinfo=\xFF\n" + configuration);
     EXPECT_EQ(gateway.daemon->wait(), 0);
+    gateway.log.next(" WARN Services info is not UTF-8: no Get can be answered");
     gateway.log.next("Process demonized properly");
     gateway.log.next("Entered pcb data model event loop");
+    EXPECT_FALSE(exists("/var/run/target"));
     const pid_t pid = std::stoi(readFile(KPidFile));
     for (const char* file : {KPidFile, KDaemonLog}) {
         EXPECT_EQ(std::filesystem::status(file).permissions(), std::filesystem::perms(0644)) << file;
@@ -149,8 +154,9 @@ TEST(StartUp, CanBeEndedWhileABusHangs) {
     Gateway gateway;
     for (Process* hung : {gateway.dbus.get(), gateway.bus.get()}) {
         hung->send(SIGSTOP);
+        ASSERT_EQ(mkfifo(KPidFile, 0600), 0);
         gateway.launch();
-        ASSERT_TRUE(waitFor([] { return exists(KPidFile); }));
+        ASSERT_TRUE(waitFor([] { return std::filesystem::is_regular_file(KPidFile); }));
         EXPECT_EQ(gateway.end(SIGINT), 0);
         EXPECT_EQ(gateway.log.count("WARN") + gateway.log.count("ERROR"), 0U) << "it waited for the bus";
         EXPECT_FALSE(exists(KPidFile));
