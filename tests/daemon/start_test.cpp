@@ -38,7 +38,6 @@ TEST(CommandLine, WrongUseAndWrongConfigurationAreExplained) {
         {{"-v", "x"},                 usage                         },
         {{"-c"},                      usage                         },
         {{"-vx"},                     usage                         },
-        {{"-cfoo"},                   usage                         },
         {{"-c", "a", "b"},            usage                         },
         {{"-c", "/none"},             unreadable + "/none\n"        },
         {{"-c", "/var"},              unreadable + "/var\n"         },
@@ -72,10 +71,10 @@ TEST(StartUp, FailsWithoutBusesNameOrPidFile) {
         EXPECT_FALSE(exists(KPidFile));
     };
     // The configuration fills the disk, where it may be made so small.
-    const bool full = mount(nullptr, "/run", nullptr, MS_REMOUNT, "size=4k") == 0;
+    const bool full = mount(nullptr, "/var/run", nullptr, MS_REMOUNT, "size=4k") == 0;
     fails(full ? " WARN Cannot write the pid file: No space left on device" : "",
           "ERROR Failed to connect to pcb://ipc:{/var/run/pcb_sys} (0x0001");
-    mount(nullptr, "/run", nullptr, MS_REMOUNT, "size=50%");
+    mount(nullptr, "/var/run", nullptr, MS_REMOUNT, "size=50%");
     const auto bus = startPcbBus();
     fails(" WARN Failed to open connection to activating message bus: ", "ERROR Cannot create");
     const std::string policy = readFile(ORSM_SOURCE_FOLDER "/tests/world/bus.conf");
@@ -133,10 +132,9 @@ TEST(StartUp, DetachesWhenTheConfigurationAsksForIt) {
     gateway.log.next(" WARN Services info is not UTF-8: no Get can be answered");
     gateway.log.next("Process demonized properly");
     gateway.log.next("Entered pcb data model event loop");
-    EXPECT_FALSE(exists("/var/run/target"));
     const pid_t pid = std::stoi(readFile(KPidFile));
     for (const char* file : {KPidFile, KDaemonLog}) {
-        EXPECT_EQ(std::filesystem::status(file).permissions(), std::filesystem::perms(0644)) << file;
+        EXPECT_EQ(std::filesystem::symlink_status(file).permissions(), std::filesystem::perms(0644)) << file;
     }
     EXPECT_NE(pid, gateway.daemon->pid());
     EXPECT_NE(getsid(pid), getsid(0));

@@ -69,9 +69,10 @@ TEST(Installed, UnitIsHardenedAndStartsWithTheExampleConfiguration) {
     const std::string judged = output({"systemd-analyze", "security", "--offline=true", "--threshold=15", unit});
     printf("figure: the unit's exposure is %s\n", found(judged, "exposure level.*: (\\S+)").begin()->c_str());
     const std::string command = "/usr/sbin/orvoservicemanager -c /etc/orvoservicemanager.conf";
-    EXPECT_EQ(found(readFile(unit), "\n((?:Type|BusName|Restart|StartLimitIntervalSec|ExecStart|LimitDATA|ReadWritePaths)=.*)"),
-              (Words{"Type=dbus", "BusName=com.corvane.orsm", "Restart=always", "StartLimitIntervalSec=0",
-                     "ExecStart=/usr/bin/env -i " + command, "LimitDATA=100M", "ReadWritePaths=/run -/media -/var/log"}));
+    EXPECT_EQ(
+        found(readFile(unit), "\n((?:Type|Bus\\w+|Restart|StartLimit\\w+|ExecStart|LimitDATA|ReadWrite\\w+)=.*)"),
+        (Words{"Type=dbus", "BusName=com.corvane.orsm", "Restart=always", "StartLimitIntervalSec=0",
+               "ExecStart=/usr/bin/env -i " + command, "LimitDATA=100M", "ReadWritePaths=/run -/media -/var/log"}));
     EXPECT_NE(readFile(KRoot + "/etc/orvoservicemanager.conf").find("logger.level = WARN"), std::string::npos);
     const auto dbus = startDbusDaemon();
     const auto bus = startPcbBus();
@@ -91,8 +92,9 @@ TEST(Installed, InitScriptRestartsForeverAndSendsHangups) {
         eval "procd_$name() { echo $name \"\$@\"; }"; done
         . "$0"; echo $START $STOP $USE_PROCD; start_service; reload_service)";
     EXPECT_EQ(output({"sh", "-c", procd, script}),
-              "95 10 1\nopen_instance\nset_param command env -i /usr/sbin/orvoservicemanager -c /etc/orvoservicemanager.conf\n"
-              "set_param limits data=104857600 104857600\nset_param respawn 3600 5 0\nclose_instance\nsend_signal orvoservicemanager * HUP\n");
+              "95 10 1\nopen_instance\nset_param command env -i /usr/sbin/orvoservicemanager "
+              "-c /etc/orvoservicemanager.conf\nset_param limits data=104857600 104857600\n"
+              "set_param respawn 3600 5 0\nclose_instance\nsend_signal orvoservicemanager * HUP\n");
 }
 
 TEST(Manuals, AreWellFormed) {
