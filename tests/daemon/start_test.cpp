@@ -114,7 +114,8 @@ TEST(StartUp, TakesOverOrQueuesForTheBusName) {
 TEST(StartUp, DetachesWhenTheConfigurationAsksForIt) {
     Gateway gateway;
     writeFile(KPidFile, std::to_string(getpid()) + std::string(100'000, '\xFF'));  // a stale one is taken over
-    const std::string configuration = daemonConfiguration(gateway.cloud->url(), gateway.cloud->caPath());
+    const std::string configuration =
+        daemonConfiguration(gateway.cloud->url(), gateway.cloud->caPath(), "synchronize.interval=31536000\n");
     // What a careless parent hands on.
     sigset_t all;
     sigfillset(&all);
