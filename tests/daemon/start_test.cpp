@@ -51,10 +51,11 @@ TEST(CommandLine, WrongUseAndWrongConfigurationAreExplained) {
 }
 
 TEST(StartUp, FailsWithoutBusesNameOrPidFile) {
-    LogReader log(KDaemonLog);
+    std::unique_ptr<Process> daemon;
+    LogReader log(KDaemonLog, &daemon);
     const std::string configuration = daemonConfiguration("https://127.0.0.1:1", "/none");
     const auto fails = [&](const char* first, const char* second) {
-        const auto daemon = startDaemon(configuration);
+        daemon = startDaemon(configuration);
         EXPECT_EQ(daemon->wait(), 1);
         EXPECT_EQ(daemon->output(), "");
         log.next(first);
@@ -117,15 +118,16 @@ TEST(StartUp, DetachesWhenTheConfigurationAsksForIt) {
     EXPECT_EQ(readFile(KPidFile), std::to_string(gateway.daemon->pid()) + "\n");
     EXPECT_EQ(gateway.end(SIGINT), 0);
 
-    gateway.daemon = startDaemon("demonize-process=yes\n" + configuration);
-    EXPECT_EQ(gateway.daemon->wait(), 0);
+    gateway.daemon.reset();
+    const auto parent = startDaemon("demonize-process=yes\n" + configuration);
+    EXPECT_EQ(parent->wait(), 0);
     gateway.log.next("Process demonized properly");
     gateway.log.next("Entered pcb data model event loop");
     const pid_t pid = std::stoi(readFile(KPidFile));
     for (const char* file : {KPidFile, KDaemonLog}) {
         EXPECT_EQ(std::filesystem::status(file).permissions(), std::filesystem::perms(0644)) << file;
     }
-    EXPECT_NE(pid, gateway.daemon->pid());
+    EXPECT_NE(pid, parent->pid());
     EXPECT_NE(getsid(pid), getsid(0));
     EXPECT_NE(getsid(pid), pid);
     const std::string proc = "/proc/" + std::to_string(pid);
@@ -142,7 +144,7 @@ TEST(StartUp, CanBeEndedWhileABusHangs) {
     for (Process* hung : {gateway.dbus.get(), gateway.bus.get()}) {
         hung->send(SIGSTOP);
         gateway.launch();
-        ASSERT_TRUE(waitFor([] { return exists(KPidFile); }));
+        ASSERT_TRUE(gateway.waitFor([] { return exists(KPidFile); }));
         EXPECT_EQ(gateway.end(SIGINT), 0);
         EXPECT_EQ(gateway.log.count("WARN") + gateway.log.count("ERROR"), 0U) << "it waited for the bus";
         EXPECT_FALSE(exists(KPidFile));
