@@ -42,8 +42,8 @@ struct Gateway {
     std::unique_ptr<Process> dbus = startDbusDaemon();
     std::unique_ptr<Process> bus = startPcbBus();
     std::unique_ptr<Cloud> cloud = startCloud();
-    LogReader log{KDaemonLog};
     std::unique_ptr<Process> daemon;
+    LogReader log{KDaemonLog, &daemon};
 
     virtual ~Gateway() = default;
 
@@ -52,10 +52,14 @@ struct Gateway {
         daemon = startDaemon(before + daemonConfiguration(cloud->url(), cloud->caPath()), program);
     }
     /// Starts it and waits until it runs its loop and knows whether it is behind CG-NAT.
-    void start(const char* program = "orvoservicemanager") {
+    void start(const char* program = "orvoservicemanager", Caller caller = here()) {
         launch(program);
-        log.next("Entered pcb data model event loop");
-        log.next("CG-NAT status: false");
+        log.next("Entered pcb data model event loop", caller);
+        log.next("CG-NAT status: false", caller);
+    }
+    /// As world::waitFor, for what only a running daemon can do.
+    [[nodiscard]] bool waitFor(const std::function<bool()>& condition) const {
+        return world::waitFor(condition, daemon.get());
     }
     virtual void set(const std::string& object, const std::string& parameter, const std::string& value) {
         pcbCtl({"set", object, parameter, value});
@@ -64,11 +68,11 @@ struct Gateway {
         return pcbCtl({"get", object, parameter});
     }
     /// Waits until the bus thread has handled everything that was sent to it before.
-    void settle() {
+    void settle(Caller caller = here()) {
         static int serial = 0;
         const std::string marker = "marker-" + std::to_string(++serial);
         set("OrvoService.HomeAutomation", "CommunicationServer", marker);
-        log.next("Communication server URL changed: " + marker);
+        log.next("Communication server URL changed: " + marker, caller);
     }
     /// Ends the daemon with a signal: its exit status.
     int end(int signalNumber = SIGTERM) {

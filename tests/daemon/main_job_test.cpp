@@ -18,7 +18,7 @@ static void startHeldRequest(Gateway& gateway) {
     gateway.cloud->order({"fault", "get", "hold", "1"});
     gateway.start();
     gateway.set("NMC.HomeAutomation", "HA-ID", "HA-1");
-    ASSERT_TRUE(waitFor([&] { return gateway.cloud->journal().size() == 1; }));
+    ASSERT_TRUE(gateway.waitFor([&] { return gateway.cloud->journal().size() == 1; }));
 }
 
 TEST(MainJob, StoresTheRegistrationWithoutPushingItBack) {
@@ -100,13 +100,13 @@ TEST(MainJob, FirstCallsWaitForStoreAndFirstValues) {
         unlink(KStore);
         gateway.launch();
         BusClient client;
-        ASSERT_TRUE(
-            waitFor([&] { return dbus_bus_name_has_owner(client.connection(), "com.corvane.orsm", nullptr) != 0; }));
+        ASSERT_TRUE(gateway.waitFor(
+            [&] { return dbus_bus_name_has_owner(client.connection(), "com.corvane.orsm", nullptr) != 0; }));
         const std::string reply = configures ? client.call("/dyndns", "", "Configure", {false, "box"})
                                              : client.call("/dyndns", "", "SetEnabled", {false});
         EXPECT_EQ(reply, configures ? R"({"status":"OK","result":true})" : "true");
         // The server hears of both.
-        EXPECT_TRUE(waitFor([&] { return gateway.cloud->journal().size() > pushes; }));
+        EXPECT_TRUE(gateway.waitFor([&] { return gateway.cloud->journal().size() > pushes; }));
         EXPECT_TRUE(gateway.cloud->journal().back().ends_with(R"({"name":"box","haId":"HA-1","enabled":false})"));
         EXPECT_EQ(gateway.end(), 0);
         EXPECT_EQ(gateway.cloud->journal().size(), ++pushes);
@@ -138,7 +138,7 @@ TEST(MainJob, RunsWhenNobodyReadsItsLog) {
     ASSERT_EQ(mkfifo(KDaemonLog, 0600), 0);
     gateway.launch();
     BusClient client;
-    ASSERT_TRUE(waitFor([&] { return client.call("/dyndns", "", "SetEnabled", {true}) == "true"; }));
+    ASSERT_TRUE(gateway.waitFor([&] { return client.call("/dyndns", "", "SetEnabled", {true}) == "true"; }));
     EXPECT_EQ(client.call("/dyndns", "", "IsEnabled"), R"({"status":"OK","result":true})");
     EXPECT_EQ(gateway.end(), 0);
 }
@@ -199,7 +199,7 @@ TEST(LostBus, ReplyWaitsWhileMessageBusIsFrozen) {
         BusClient client;
         // The daemon asks the data model, which is frozen until the message bus is too.
         gateway.bus->send(SIGSTOP);
-        std::thread call([&] {
+        std::jthread call([&] {
             EXPECT_EQ(client.call("/dyndns", "", "GetName").size(), thawed ? 900'028U : sizeof DBUS_ERROR_NO_REPLY - 1);
         });
         gateway.log.next("Dyn DNS GetName requested");
@@ -224,6 +224,6 @@ TEST(Log, HangupReloadsSettingsFromWorkingDirectory) {
     gateway.log.next("parsing configuration file: zolclient.log");
     gateway.set("OrvoService.HomeAutomation", "CommunicationServer", "after");
     LogReader("/var/log/other.log").next("Communication server URL changed: after");
-    EXPECT_EQ(gateway.log.count("URL changed: after"), 0U);
+    EXPECT_EQ(gateway.log.count("URL changed: after") + gateway.log.count("ERROR Error "), 0U);
     EXPECT_EQ(gateway.end(), 0);
 }

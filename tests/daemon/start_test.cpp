@@ -59,10 +59,11 @@ TEST(CommandLine, WrongUseAndWrongConfigurationAreExplained) {
 }
 
 TEST(StartUp, FailsWithoutBusesNameOrPidFile) {
-    LogReader log(KDaemonLog);
+    std::unique_ptr<Process> daemon;
+    LogReader log(KDaemonLog, &daemon);
     const std::string configuration = daemonConfiguration("https://127.0.0.1:1", "/none");
     const auto fails = [&](const char* first, const char* second) {
-        const auto daemon = startDaemon(configuration);
+        daemon = startDaemon(configuration);
         EXPECT_EQ(daemon->wait(), 1);
         EXPECT_EQ(daemon->output(), "");
         log.next(first);
@@ -128,8 +129,9 @@ TEST(StartUp, DetachesWhenTheConfigurationAsksForIt) {
     EXPECT_EQ(gateway.end(SIGINT), 0);
 
     std::filesystem::create_symlink("/var/run/target", KPidFile);
-    gateway.daemon = startDaemon("demonize-process=yes\norvoservicesinfo=\xFF\n" + configuration);
-    EXPECT_EQ(gateway.daemon->wait(), 0);
+    gateway.daemon.reset();
+    const auto parent = startDaemon("demonize-process=yes\norvoservicesinfo=\xFF\n" + configuration);
+    EXPECT_EQ(parent->wait(), 0);
     gateway.log.next(" WARN Services info is not UTF-8: no Get can be answered");
     gateway.log.next("Process demonized properly");
     gateway.log.next("Entered pcb data model event loop");
@@ -137,7 +139,7 @@ TEST(StartUp, DetachesWhenTheConfigurationAsksForIt) {
     for (const char* file : {KPidFile, KDaemonLog}) {
         EXPECT_EQ(std::filesystem::symlink_status(file).permissions(), std::filesystem::perms(0644)) << file;
     }
-    EXPECT_NE(pid, gateway.daemon->pid());
+    EXPECT_NE(pid, parent->pid());
     EXPECT_NE(getsid(pid), getsid(0));
     EXPECT_NE(getsid(pid), pid);
     const std::string proc = "/proc/" + std::to_string(pid);
@@ -155,7 +157,7 @@ TEST(StartUp, CanBeEndedWhileABusHangs) {
         hung->send(SIGSTOP);
         ASSERT_EQ(mkfifo(KPidFile, 0600), 0);
         gateway.launch();
-        ASSERT_TRUE(waitFor([] { return std::filesystem::is_regular_file(KPidFile); }));
+        ASSERT_TRUE(gateway.waitFor([] { return std::filesystem::is_regular_file(KPidFile); }));
         EXPECT_EQ(gateway.end(SIGINT), 0);
         EXPECT_EQ(gateway.log.count("WARN") + gateway.log.count("ERROR"), 0U) << "it waited for the bus";
         EXPECT_FALSE(exists(KPidFile));

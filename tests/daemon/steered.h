@@ -34,7 +34,7 @@ struct SteeredGateway : Gateway {
     void touch() { set("NMC.HomeAutomation", "Enable", enable_ = enable_ == "1" ? "true" : "1"); }
     void emptyLog() {
         writeFile(KDaemonLog, "");
-        log = LogReader(KDaemonLog);
+        log = LogReader(KDaemonLog, &daemon);
     }
     /// The value of a parameter in the store, of the first that is called so.
     static std::string stored(const std::string& parameter) {

@@ -125,7 +125,7 @@ TEST(SuddenEnd, NextStartFinishesAnInterruptedSynchronization) {
         EXPECT_TRUE(begun || gateway.cloud->journal().size() == requests) << "asked, and nothing remembers it";
         gateway.restart();
         EXPECT_EQ(gateway.log.count("Continuing unfinished DynDNS synchronization"), unfinished ? 1U : 0U);
-        ASSERT_TRUE(waitFor([&] { return gateway.stored("SyncNotFinished") == "false"; }));
+        ASSERT_TRUE(gateway.waitFor([&] { return gateway.stored("SyncNotFinished") == "false"; }));
         gateway.heal(name);
         ASSERT_EQ(gateway.stored("HostName"), begun ? name : before);
         EXPECT_TRUE(!begun || gateway.stored("Enable") == enabled);

@@ -78,7 +78,8 @@ TEST(Installed, UnitIsHardenedAndStartsWithTheExampleConfiguration) {
     const auto bus = startPcbBus();
     Process daemon({"sh", "-c", "exec " + std::regex_replace(command, std::regex("/(usr|etc)"), KRoot + "$&")});
     BusClient client;
-    EXPECT_TRUE(waitFor([&] { return client.call("/orvoservicesinfo", "", "Get").starts_with(R"({"status":"OK",)"); }));
+    ASSERT_TRUE(waitFor([&] { return client.call("/orvoservicesinfo", "", "Get").starts_with(R"({"status":"OK",)"); },
+                        &daemon));
     EXPECT_EQ(readFile(KPidFile), std::to_string(daemon.pid()) + "\n") << "it left the foreground";
     daemon.send(SIGTERM);
     EXPECT_EQ(daemon.wait(), 0);

@@ -29,13 +29,12 @@ TEST_F(Platform, DamagedFileChangesNothingAndNamesItsLine) {
     const std::string before = save(client, "OrvoService"), tooLong(size_t{1024} * 1024 + 1, 'x'), zero(1, '\0');
     const std::string good = "object OrvoService {\n    object DynDNS {\n        bool Enable = \"true\";\n";
     const std::pair<std::string, std::string> cases[] = {
-        {"\n \n",                               "line 3: an object is missing\n"             },
-        {good + "}\n",                          "line 4: '}' is missing\n"                   },
-        {good + "string HostName = \"a\\",      "line 4: the value is not closed\n"          },
-        {good + "string HostName\n= \"a\"\n}}", "line 5: ';' is missing\n"                   },
-        {good + "bool X = \"maybe\";}}",        "line 4: the value is no boolean\n"          },
-        {good + zero,                           "line 4: neither an object nor a parameter\n"},
-        {good + "string X = \"" + tooLong,      "line 4: the value is longer than 1 MiB\n"   },
+        {"\n \n",                          "line 3: an object is missing\n"             },
+        {good + "}\n",                     "line 4: '}' is missing\n"                   },
+        {good + "string HostName = \"a\\", "line 4: the value is not closed\n"          },
+        {good + "bool X = \"maybe\";}}",   "line 4: the value is no boolean\n"          },
+        {good + zero,                      "line 4: neither an object nor a parameter\n"},
+        {good + "string X = \"" + tooLong, "line 4: the value is longer than 1 MiB\n"   },
     };
     for (const auto& [text, message] : cases) {
         SCOPED_TRACE(text.substr(0, 1000));
@@ -45,7 +44,4 @@ TEST_F(Platform, DamagedFileChangesNothingAndNamesItsLine) {
         ASSERT_TRUE(testing::internal::GetCapturedStderr().starts_with(std::string(KFile) + ": " + message));
         ASSERT_EQ(save(client, "OrvoService"), before);
     }
-    world::writeFile(KFile, good + "string SyncNotFinished = \"x\";}}");
-    EXPECT_EQ(load(client), "the value does not fit the type") << "known by the bus alone";
-    EXPECT_EQ(save(client, "OrvoService"), before);
 }

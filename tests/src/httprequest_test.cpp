@@ -46,7 +46,7 @@ struct Http : testing::Test {
 };
 
 TEST_F(Http, ReturnsBodiesOfAnySizeAndStatus) {
-    for (const unsigned size : {0U, 1U, 1023U, 1024U, 1025U, 5000U, 8U << 20}) {
+    for (const unsigned size : {0U, 1U, 1023U, 1024U, 1025U, 5000U, 1U << 20}) {
         std::string body(size, '\xFF');
         for (unsigned i = 0; i < size; i += 7) {
             body[i] = static_cast<char>('%' + i % 90);

@@ -24,7 +24,10 @@ class World : public testing::EmptyTestEventListener {
         signal(SIGPIPE, SIG_IGN);
     }
     void OnTestEnd(const testing::TestInfo& test) override {
-        if (test.result()->Failed()) (void)!system("tail -v -n +1 /var/log/output.* >&2");  // what ran in it
+        if (!test.result()->Failed()) return;
+        // What the test's programs wrote, the latest at the end.
+        (void)!system(R"(cd /var/log; for file in $(ls -tr output.* orsm.log test.log 2>/dev/null); do
+            [ ! -s $file ] || tail -v -n 40 $file; done >&2)");
     }
 };
 
@@ -78,10 +81,12 @@ int run(std::vector<std::string> arguments, std::string* output) {
     return status;
 }
 
-bool waitFor(const std::function<bool()>& condition) {
+bool waitFor(const std::function<bool()>& condition, Process* needed) {
     const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    bool last = false;  // what a process did before its end still counts
     for (; !condition(); poll(nullptr, 0, 5)) {
-        if (std::chrono::steady_clock::now() > end) return false;
+        if (last) return false;
+        last = std::chrono::steady_clock::now() > end || (needed && !needed->running());
     }
     return true;
 }
@@ -118,19 +123,30 @@ void writeFile(const std::string& path, std::string_view content) {
     std::ofstream(path, std::ios::binary).write(content.data(), static_cast<std::streamsize>(content.size()));
 }
 
-std::string LogReader::next(std::string_view text) {
-    std::string line;
-    const bool came = waitFor([&] {
+std::string LogReader::next(std::string_view text, Caller caller) {
+    std::string match;
+    Process* const writer = writer_ ? writer_->get() : nullptr;
+    const auto came = [&] {
         const std::string rest = readFile(path_, position_);
         const size_t found = rest.find(text), end = rest.find('\n', found);
         if (end == std::string::npos) return false;
         const size_t begin = rest.rfind('\n', found) + 1;
-        line = rest.substr(begin, end - begin);
+        match = rest.substr(begin, end - begin);
         position_ += end + 1;
         return true;
-    });
-    EXPECT_TRUE(came) << "no log line holds: " << text;
-    return line;
+    };
+    const std::string after = std::exchange(after_, text);
+    if (waitFor(came, writer)) return match;
+    const std::string wrote = content() + (writer ? writer->output() : "");
+    const std::string end = writer && !writer->running() ? std::to_string(writer->wait()) : "";
+    const auto& [file, line] = caller;
+    ADD_FAILURE_AT(file, line) << "no log line \"" << text << "\" after \"" << after << '"'
+                               << (count(text) ? ", but before" : "") << "\n  "
+                               << (end.empty() ? "" : "the daemon has ended with status " + end + "; ")
+                               << "it wrote last:\n"
+                               << wrote.substr(wrote.size() - std::min(wrote.size(), size_t{1000}));
+    // To wait for what comes later would only hide this failure.
+    throw testing::AssertionException({testing::TestPartResult::kFatalFailure, file, line, ""});
 }
 
 size_t LogReader::count(std::string_view text) const {

@@ -9,9 +9,15 @@
 #include <random>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace world {
+
+/// File and line where a helper was called, which its failure names: the last argument `Caller caller = here()`. In the
+/// place of std::source_location, which clang 14 does not have.
+using Caller = std::pair<const char*, int>;
+constexpr Caller here(const char* file = __builtin_FILE(), int line = __builtin_LINE()) { return {file, line}; }
 
 /// A running program whose standard output and error go to one file; killed and reaped at the end of its life.
 class Process {
@@ -38,8 +44,9 @@ class Process {
 /// Runs a program to its end; its output goes into `output` when given. The exit status as Process::wait.
 int run(std::vector<std::string> arguments, std::string* output = nullptr);
 
-/// Waits until `condition` holds, looking again every few milliseconds; false after a generous bound (30 s).
-[[nodiscard]] bool waitFor(const std::function<bool()>& condition);
+/// Waits until `condition` holds, looking again every few milliseconds; false after a generous bound (30 s), or when
+/// `needed`, without which it cannot come true, has ended.
+[[nodiscard]] bool waitFor(const std::function<bool()>& condition, Process* needed = nullptr);
 
 /// The path of a program of this build, such as binary("pcb-bus").
 std::string binary(const std::string& name);
@@ -65,18 +72,23 @@ class Sweep {
 std::string readFile(const std::string& path, size_t from = 0);
 void writeFile(const std::string& path, std::string_view content);
 
-/// Reads a growing log file from the front; each search starts after the match before.
+/// Reads a growing log file from the front; each search starts after the match before. `writer` points to the process
+/// that writes it, which may be replaced meanwhile; null while it is not known.
 class LogReader {
   public:
-    explicit LogReader(std::string path) : path_(std::move(path)) {}
-    /// Waits for the next line that holds `text` and moves past it; empty when none comes in time.
-    std::string next(std::string_view text);
+    explicit LogReader(std::string path, const std::unique_ptr<Process>* writer = nullptr)
+        : path_(std::move(path)), writer_(writer) {}
+    /// Waits for the next line that holds `text` and moves past it. When none comes in time, or the writer has ended
+    /// without it, the test fails in the caller's line and ends there.
+    std::string next(std::string_view text, Caller caller = here());
     /// How many lines hold `text`, in the whole file.
     size_t count(std::string_view text) const;
     std::string content() const { return readFile(path_); }
 
   private:
     std::string path_;
+    const std::unique_ptr<Process>* writer_;
+    std::string after_ = "the beginning";  // the text that was looked for last
     size_t position_ = 0;
 };
 
