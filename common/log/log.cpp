@@ -95,7 +95,6 @@ static const LogCategory* findCategory(const char* name) {
 }
 
 static bool passesFilter(const char* category, int level) {
-    if (level < LEVEL_TRACE || level > LEVEL_SYSLOG) return false;
     if (level == LEVEL_SYSLOG) return true;
     if (!iLogSettings.enabled) return false;
     const LogCategory* const own = findCategory(category);

@@ -35,7 +35,7 @@ using namespace world;
 static const char* const KFile = "/var/log/f";
 
 // Defaults of a test. The first of two settings with one key wins, so a test puts its own settings first.
-#define TO_FILE " enabled=true file=true filename=/var/log/f category.unassigned=ERROR"
+#define TO_FILE " enabled=true file=true filename=/var/log/f category.unassigned=ERROR levels=QUIET"
 
 // A configuration with one "logger." line for each word.
 static std::string settings(const std::string& words) {
@@ -48,7 +48,7 @@ static std::string settings(const std::string& words) {
 }
 
 static void configure(const std::string& words) {
-    const std::string text = settings(words);
+    const std::string text = settings(words) + "logger_enabled=no\n";  // no key of the log
     debug_init(configFileLoadFromBytes(text.data(), text.size()).get());
 }
 
@@ -60,8 +60,8 @@ TEST(Log, WritesTheSameLineToEveryOutputWithOneWriteEach) {
     ASSERT_TRUE(!mounted || bind(systemLog, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0);
     char received[9000];
     const std::tuple<const char*, const char*, size_t> levels[] = {
-  // 7999 have room
-        {"TRACE",  "<15>", 60   },
+  // 54 are no message, 7999 have room
+        {"TRACE",  "<15>", 54   },
         {"DEBUG",  "<14>", 4097 },
         {" INFO",  "<13>", 7998 },
         {" WARN",  "<12>", 7999 },
@@ -103,8 +103,9 @@ TEST(Log, WritesTheSameLineToEveryOutputWithOneWriteEach) {
 
 TEST(Log, MessageCannotForgeALineOrControlATerminal) {
     configure(TO_FILE);
-    LOG(ERROR, "%s: \n %s\n", "a\r\n2009\t\x1b[2J", "\x01\x1f\x7f\xc2\x80\xc2\x9f|\xc2\xa0\xc3\xa4\n");
-    EXPECT_EQ(readFile(KFile).substr(24), "ERROR a  2009 ?[2J: \n ???????|\xc2\xa0\xc3\xa4 \n\n");
+    LOG(ERROR, "\n%s: \n %s\n", "a\r\n2009\t\x1b[2J", "\x01\x1f\x7f\xc2\x80\xc2\x9f|\xc2\xa0\xc3\xa4\n");
+    EXPECT_EQ(readFile(KFile).substr(24), "ERROR \na  2009 ?[2J: \n ???????|\xc2\xa0\xc3\xa4 \n\n");
+    LOG(ERROR, "%s\n", std::string(8000, 'x').c_str());  // the break is cut off
 }
 
 TEST(Log, RotatesTheConfiguredNumberOfFiles) {
@@ -250,7 +251,15 @@ TEST(Log, SlowReaderGetsWholeLinesAndStoppedReaderDelaysOnce) {
 
 TEST(LogReload, HappensAtTheNextCallEvenIfItsLineIsDropped) {
     ASSERT_EQ(chdir("/media"), 0);
+    // The name of the log file is cut, has a default, and is no reason to write it.
+    const std::string longest = "/var/log/" + std::string(246, 'n');
+    for (const std::string& words : {"file=true filename=" + longest + "more", "file=true"s, ""s}) {
+        configure("enabled=true " + words);
+        LOG(ERROR, "%s", words.substr(0, 10).c_str());
+    }
+    EXPECT_EQ(takeLog(longest) + takeLog("zolclient.log"), "ERROR file=true \nERROR file=true\n");
     configure("category.unassigned=INFO" TO_FILE);
+    const int lowest = dup(0);
     const auto hangUp = [](const std::string& content) {
         writeFile("zolclient.log", content);
         raise(SIGHUP);
@@ -271,4 +280,5 @@ TEST(LogReload, HappensAtTheNextCallEvenIfItsLineIsDropped) {
     EXPECT_EQ(takeLog(KFile), " WARN not an ordinary file: zolclient.log\nERROR as before\n" + parsing +
                                   " WARN syntax error in configuration\nERROR broken, so nothing changes\n" + parsing +
                                   " INFO reloaded before this line\n");
+    EXPECT_EQ(dup(0), lowest + 1) << "a file is left open";
 }

@@ -48,6 +48,7 @@ struct MessageBus : testing::Test {
 
     ~MessageBus() override {
         message_bus_free(&bus);
+        EXPECT_EQ(log.count(" functions to NULL failed"), 0U);
         event_base_free(base);
     }
     void offer(const Texts& methods, const char* name = KName, const char* path = "/test") {
@@ -164,6 +165,7 @@ TEST_F(MessageBus, RetriesACallAfterMemoryShortage) {
     DBusPendingCall* pending = send(newCall("Two"));
     EXPECT_TRUE(pumpUntil([&] { return refusals == 1; }));  // not tried again in the same run
     EXPECT_EQ(replyTo(pending), "true");
+    EXPECT_TRUE(pumpUntil([&] { return event_pending(bus->dispatchEvent.get(), EV_TIMEOUT, nullptr) == 0; }));
 }
 
 TEST_F(MessageBus, ClientGetsAnErrorWhenAReplyCannotBeSent) {

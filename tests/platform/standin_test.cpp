@@ -4,17 +4,8 @@
 #include <unistd.h>
 
 #include "tests/platform/client.h"
-#include "tests/world/wrap.h"
 
 using namespace std::string_literals;
-
-static int iRefusedSends = 0;
-WRAP(ssize_t, send, int socket, const void* bytes, size_t size, int flags) {
-    if (iRefusedSends == 0) return __real_send(socket, bytes, size, flags);
-    --iRefusedSends;
-    errno = ENOMEM;
-    return -1;
-}
 
 // A connection to the bus that sends and gets frames as they are.
 struct Raw {
@@ -37,26 +28,17 @@ struct Raw {
 };
 
 TEST_F(Platform, BadFramesAreRefusedOrCloseTheConnection) {
-    const Raw watch(R"({"id":1,"op":"subscribe","path":"OrvoService.DynDNS","flags":1024})"
-                    "\n");
-    EXPECT_EQ(watch.answer(), R"({"id":1})");
     const std::string set = R"({"id":1,"op":"set","path":"OrvoService.DynDNS","parameter":"HostName","value":)";
-    const std::string call = R"({"id":1,"op":"call","path":"NeMo.Intf.data","function":"hasFlag","arguments":)";
-    const std::string subscribe = R"({"id":1,"op":"subscribe","path":"OrvoService",)";
     for (const std::string& closing :
-         {""s, "[]"s, R"({"op":"x"})"s, R"({"id":1})"s, R"({"id":1.5,"op":"x"})"s, R"({"id":1,"op":"x"} {})"s,
-          std::string(2000, '['), "{\"id\":1,\"op\":\"x\"\0}"s, set + R"("a\\\u0000b"})"}) {
-        EXPECT_EQ(Raw(closing + "\n").answer(), "") << closing;
+         {""s, "[]"s, R"({"id":1.5,"op":"x"})"s, R"({"id":1,"op":"x"} {})"s, std::string(2000, '['),
+          "{\"id\":1,\"op\":\"x\"\0}"s, set + R"("a\\\u0000b"})", std::string(size_t{16} * 1024 * 1024 + 100, ' ')}) {
+        EXPECT_EQ(Raw(closing + "\n").answer(), "") << closing.substr(0, 1000);
     }
-    EXPECT_EQ(Raw(std::string(size_t{16} * 1024 * 1024 + 100, ' ')).answer(), "") << "a line of any length";
-    for (const std::string& refused : {R"({"id":1,"op":"x"})"s, set + "7}", call + R"({"flag":7}})",
-                                       subscribe + R"("depth":1.5})", subscribe + R"("flags":1e10})"}) {
+    for (const std::string& refused :
+         {R"({"id":1,"op":"x"})"s, set + "7}", R"({"id":1,"op":"subscribe","path":"DNS","flags":1e10})"s}) {
         EXPECT_NE(Raw(refused + "\n").answer().find("malformed request"), std::string::npos) << refused;
     }
-    EXPECT_EQ(Raw(set + "\"a\\\\u0000b\"}\n").answer(), R"({"id":1})");
-    client.set(KDynDns, "HostName", "alive");
-    EXPECT_NE(watch.answer().find("u0000b\"]"), std::string::npos);
-    EXPECT_NE(watch.answer().find("\"alive\"]"), std::string::npos);
+    EXPECT_EQ(client.set(KDynDns, "HostName", "alive"), "done");
 }
 
 TEST_F(Platform, WatcherGetsOnlyItsObjectAndIsDroppedWhenItDoesNotRead) {
@@ -82,17 +64,6 @@ TEST_F(Platform, WatcherGetsOnlyItsObjectAndIsDroppedWhenItDoesNotRead) {
     EXPECT_NE(bus->output().find("dropped: it does not read, 64 MiB wait"), std::string::npos);
     char byte;
     EXPECT_EQ(recv(watcher.socket, &byte, 1, MSG_DONTWAIT), -1) << "it hears of what it does not watch any more";
-}
-
-TEST_F(Platform, FailedSendFailsItsRequestOnly) {
-    request_t* const refused = request_create_getObject("DNS.Server", -1, REQUEST_WATCH);
-    iRefusedSends = 1;
-    EXPECT_FALSE(pcb_sendRequest(client.pcb, client.peer, refused));
-    EXPECT_STREQ(error_string(pcb_error), "a system call failed");
-    iRefusedSends = 1;
-    EXPECT_EQ(client.set(KDynDns, "HostName", "lost"), "a system call failed");
-    EXPECT_EQ(client.set(KDynDns, "HostName", "set"), "done");
-    request_destroy(refused);
 }
 
 TEST_F(Platform, CtlPrintsValuesOrOneErrorLine) {
