@@ -10,6 +10,11 @@
 
 #include "tests/world/world.h"
 
+static std::vector<std::smatch> matches(const std::string& text, const char* pattern) {
+    const std::regex regex(pattern);
+    return {std::sregex_iterator(text.begin(), text.end(), regex), std::sregex_iterator()};
+}
+
 TEST(Layers, EveryIncludeIsAllowed) {
     std::filesystem::current_path(ORSM_SOURCE_FOLDER);
     std::map<std::string, std::set<std::string>> layers;  // of each folder what it may include, itself among it
@@ -31,19 +36,12 @@ TEST(Layers, EveryIncludeIsAllowed) {
         for (const std::filesystem::path& path : std::filesystem::recursive_directory_iterator(top)) {
             if (path.extension() != ".h" && path.extension() != ".cpp") continue;
             ASSERT_TRUE(layers.contains(path.parent_path())) << path << " is in no folder of the list";
-            std::ifstream file(path);
-            for (std::string line; std::getline(file, line);) {
-                if (!line.starts_with("#include \"")) continue;
-                EXPECT_TRUE(layers[path.parent_path()].contains(line.substr(10, line.rfind('/') - 10)))
-                    << path << ": " << line;
+            const std::string text = world::readFile(path);
+            for (const std::smatch& found : matches(text, "#include \"(.*)/")) {
+                EXPECT_TRUE(layers[path.parent_path()].contains(found[1])) << path << " includes from " << found[1];
             }
         }
     }
-}
-
-static std::vector<std::smatch> matches(const std::string& text, const char* pattern) {
-    const std::regex regex(pattern);
-    return {std::sregex_iterator(text.begin(), text.end(), regex), std::sregex_iterator()};
 }
 
 TEST(Messages, StandInTheirPageWithTheirLevel) {

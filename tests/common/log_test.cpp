@@ -260,6 +260,13 @@ TEST(Log, FileNameIsCutAndHasADefault) {
 
 TEST(LogReload, HappensAtTheNextCallEvenIfItsLineIsDropped) {
     ASSERT_EQ(chdir("/media"), 0);
+    // The name of the log file is cut, has a default, and is no reason to write it.
+    const std::string longest = "/var/log/" + std::string(246, 'n');
+    for (const std::string& words : {"file=true filename=" + longest + "more", "file=true"s, ""s}) {
+        configure("enabled=true " + words);
+        LOG(ERROR, "%s", words.substr(0, 10).c_str());
+    }
+    EXPECT_EQ(takeLog(longest) + takeLog("zolclient.log"), "ERROR file=true \nERROR file=true\n");
     configure("category.unassigned=INFO" TO_FILE);
     const int lowest = dup(0);
     const auto hangUp = [](const std::string& content) {

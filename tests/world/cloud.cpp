@@ -7,8 +7,7 @@
 namespace world {
 
 Cloud::Cloud() : process_({binary("cloud-sim"), "--dir", directory_}) {
-    EXPECT_TRUE(waitFor([this] { return !url().empty() || !process_.running(); }));
-    EXPECT_TRUE(process_.running()) << process_.output();
+    EXPECT_TRUE(waitFor([this] { return !url().empty(); }, &process_)) << process_.output();
 }
 
 std::string Cloud::order(std::vector<std::string> words) const {
