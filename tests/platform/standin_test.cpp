@@ -4,17 +4,8 @@
 #include <unistd.h>
 
 #include "tests/platform/client.h"
-#include "tests/world/wrap.h"
 
 using namespace std::string_literals;
-
-static int iRefusedSends = 0;
-WRAP(ssize_t, send, int socket, const void* bytes, size_t size, int flags) {
-    if (iRefusedSends == 0) return __real_send(socket, bytes, size, flags);
-    --iRefusedSends;
-    errno = ENOMEM;
-    return -1;
-}
 
 // A connection to the bus that sends and gets frames as they are.
 struct Raw {
@@ -82,17 +73,6 @@ TEST_F(Platform, WatcherGetsOnlyItsObjectAndIsDroppedWhenItDoesNotRead) {
     EXPECT_NE(bus->output().find("dropped: it does not read, 64 MiB wait"), std::string::npos);
     char byte;
     EXPECT_EQ(recv(watcher.socket, &byte, 1, MSG_DONTWAIT), -1) << "it hears of what it does not watch any more";
-}
-
-TEST_F(Platform, FailedSendFailsItsRequestOnly) {
-    request_t* const refused = request_create_getObject("DNS.Server", -1, REQUEST_WATCH);
-    iRefusedSends = 1;
-    EXPECT_FALSE(pcb_sendRequest(client.pcb, client.peer, refused));
-    EXPECT_STREQ(error_string(pcb_error), "a system call failed");
-    iRefusedSends = 1;
-    EXPECT_EQ(client.set(KDynDns, "HostName", "lost"), "a system call failed");
-    EXPECT_EQ(client.set(KDynDns, "HostName", "set"), "done");
-    request_destroy(refused);
 }
 
 TEST_F(Platform, CtlPrintsValuesOrOneErrorLine) {
