@@ -114,7 +114,7 @@ PcbContext* easyCreatePcbDataModelClient() {
     }
     LibraryUse use;
     if (!use.counts) return nullptr;
-    Owned<pcb_t, pcb_destroy> pcb(pcb_create(KClientName, 0, nullptr));
+    Owned<pcb_t, destroyClient> pcb(pcb_create(KClientName, 0, nullptr));
     if (!pcb) {
         LOG(ERROR, "Cannot create pcb client");
         return nullptr;
@@ -122,8 +122,8 @@ PcbContext* easyCreatePcbDataModelClient() {
     pcb_client_set_attribute(pcb.get(), KClientAttribute, 0);
     context->peer = connectToBus(pcb.get());
     if (!context->peer) {
-        const uint32_t error = pcb_error;
-        LOG(ERROR, "Failed to connect to %s (0x%8.8X - %s), exiting", KBusUri, error, error_string(error));
+        const uint32_t error = lastError();
+        LOG(ERROR, "Failed to connect to %s (0x%8.8X - %s), exiting", KBusUri, error, errorText(error));
         return nullptr;
     }
     connection_setTerminated(false);

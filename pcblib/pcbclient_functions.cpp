@@ -152,7 +152,7 @@ static int handleSyncFunctionReturn(request_t* request, reply_item_t* item) {
 // Waits once. An event that is not the answer ends the wait, too.
 static void waitForResult(connection_info_t* connection) {
     ConnectionList connections(connection);
-    if (!connection) pcb_error = KErrorNotConnected;
+    if (!connection) setNotConnected();
     timeval limit = {5, 0};
     const int events =
         connections.ready ? outsideGate([&] { return connection_waitForEvents(&connections.list, &limit); }) : -1;

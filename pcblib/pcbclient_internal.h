@@ -1,6 +1,8 @@
 // What the files of the data-model client share.
 #pragma once
 
+#include <type_traits>
+
 #include "common/log/log.h"
 #include "common/owned/owned.h"
 #include "pcblib/pcbclient.h"
@@ -8,8 +10,26 @@
 [[maybe_unused]] static constexpr char KLogCategory[] = "orvoservicemanager";
 [[maybe_unused]] static constexpr char KLogModule[] = "pcblib/pcbclient";
 
+/// The library's code of a failure: its own type, which may be an enumeration; the last one as a number; a code's text.
+using PcbError = std::remove_cvref_t<decltype(pcb_error)>;
+inline uint32_t lastError() { return static_cast<uint32_t>(pcb_error); }
+inline const char* errorText(uint32_t code) { return error_string(static_cast<PcbError>(code)); }
+
+/// Sets the library's code to that of a client without a connection.
+inline void setNotConnected() { pcb_error = static_cast<PcbError>(KErrorNotConnected); }
+
+/// What a library may hand out as constant.
+template <class Handle>
+Handle* handleOf(const Handle* handle) {
+    return const_cast<Handle*>(handle);
+}
+
+/// Release what they are given. The library's own functions may be macros.
+inline void destroyClient(pcb_t* client) { pcb_destroy(client); }
+inline void destroyRequest(request_t* request) { request_destroy(request); }
+
 /// A request that keepRequest has not taken over.
-using OwnedRequest = Owned<request_t, request_destroy>;
+using OwnedRequest = Owned<request_t, destroyRequest>;
 
 /// A variant on the stack that releases what it holds; `ready` says whether it can be used.
 struct ScopedVariant {

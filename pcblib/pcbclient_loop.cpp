@@ -89,8 +89,8 @@ void setPcbLoopCallback(void (*callback)()) { iLoopCallback = callback; }
 // ----- Subscriptions
 
 void logCreateFailure() {
-    const uint32_t error = pcb_error;
-    LOG(ERROR, "Failed to create request (0x%8.8X - %s)", error, error_string(error));
+    const uint32_t error = lastError();
+    LOG(ERROR, "Failed to create request (0x%8.8X - %s)", error, errorText(error));
 }
 
 request_t* keepRequest(request_t* created) {
@@ -108,8 +108,8 @@ request_t* keepRequest(request_t* created) {
 
 bool sendRequest(PcbContext* context, request_t* request) {
     if (pcb_sendRequest(context->pcb, context->peer, request)) return true;
-    const uint32_t error = pcb_error;
-    LOG(ERROR, "Failed to send request (0x%8.8X - %s)", error, error_string(error));
+    const uint32_t error = lastError();
+    LOG(ERROR, "Failed to send request (0x%8.8X - %s)", error, errorText(error));
     return false;
 }
 
@@ -175,14 +175,14 @@ void walkThroughNotificationParameters(notification_t* notification) {
 
 // Hands on the notification of an item, if it has one.
 static void walkThrough(void (*walk)(notification_t*), reply_item_t* item) {
-    notification_t* notification = reply_item_notification(item);
-    if (notification) walk(notification);
+    auto* notification = reply_item_notification(item);
+    if (notification) walk(handleOf(notification));
 }
 
 int clientHandleReplyItem(request_t*, reply_item_t* item) {
     const int type = reply_item_type(item);  // as int, since -Wswitch-enum wants all members of an enumeration
     switch (type) {
-        case KReplyObject: reportObject(reply_item_object(item)); break;
+        case KReplyObject: reportObject(handleOf(reply_item_object(item))); break;
         case KReplyNotification: walkThrough(walkThroughChangedParameters, item); break;
         case KReplyError: logErrorItem(item); break;
         default: break;
@@ -225,7 +225,7 @@ void freePcbRequestObject(request_t* request) {
     iPendingExecutions.remove(request);
     iPendingRequestReleases.remove(request);
     iKeptRequests.remove(request);
-    request_destroy(request);
+    destroyRequest(request);
 }
 
 void freePcbRequestObjectAsync(request_t* request) {
@@ -279,8 +279,8 @@ void releasePendingWork() {
 // ----- The loop
 
 void logWaitFailure() {
-    const uint32_t error = pcb_error;
-    LOG(ERROR, "Error %d (%s)", static_cast<int>(error), error_string(error));
+    const uint32_t error = lastError();
+    LOG(ERROR, "Error %d (%s)", static_cast<int>(error), errorText(error));
 }
 
 static void runEventLoop(connection_info_t* connection) {
@@ -310,7 +310,7 @@ int startPcbDataModelEventLoop() {
     LOG(INFO, "Entered pcb data model event loop");
     if (!connection) {
         // There is nothing to wait for: a loop would only spin.
-        pcb_error = KErrorNotConnected;
+        setNotConnected();
         logWaitFailure();
         return 0;
     }

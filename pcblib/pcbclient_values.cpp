@@ -12,8 +12,7 @@ OwnedText easyGetPcbParamAsString(PcbContext* context, const char* object, const
     auto* value = outsideGate([&] { return pcb_client_get(context->peer, object, parameter); });
     if (!value) {
         const uint32_t error = pcb_client_error(context->pcb);
-        LOG(ERROR, "Get: Failed to get object %s param %s (0x%8.8X - %s)", object, parameter, error,
-            error_string(error));
+        LOG(ERROR, "Get: Failed to get object %s param %s (0x%8.8X - %s)", object, parameter, error, errorText(error));
         return nullptr;
     }
     OwnedText text(variant_char(value));
@@ -31,8 +30,7 @@ int easySetPcbParam(PcbContext* context, const char* object, const char* paramet
     const bool set = outsideGate([&] { return pcb_client_set(context->peer, object, parameter, &text.variant); });
     if (!set) {
         const uint32_t error = pcb_client_error(context->pcb);
-        LOG(ERROR, "Set: Failed to set object %s param %s (0x%8.8X - %s)", object, parameter, error,
-            error_string(error));
+        LOG(ERROR, "Set: Failed to set object %s param %s (0x%8.8X - %s)", object, parameter, error, errorText(error));
     }
     return set;
 }
@@ -50,10 +48,10 @@ object_t* easyGetPcbObject(PcbContext* context, const char* path) {
         LOG(ERROR, "GetO: Null context passed");
         return nullptr;
     }
-    object_t* object = outsideGate([&] { return pcb_client_get_object(context->peer, path, 0); });
+    object_t* object = handleOf(outsideGate([&] { return pcb_client_get_object(context->peer, path, 0); }));
     if (!object) {
         const uint32_t error = pcb_client_error(context->pcb);
-        LOG(ERROR, "GetO: Failed to get object %s (0x%8.8X - %s)", path, error, error_string(error));
+        LOG(ERROR, "GetO: Failed to get object %s (0x%8.8X - %s)", path, error, errorText(error));
     }
     return object;
 }
@@ -69,7 +67,7 @@ parameter_t* easyGetPcbParamNext(object_t* object, parameter_t** cursor, const c
         LOG(WARN, "Next: pcb object has no parameters");
         return nullptr;
     }
-    *cursor = *cursor ? object_nextParameter(*cursor) : object_firstParameter(object);
+    *cursor = handleOf(*cursor ? object_nextParameter(*cursor) : object_firstParameter(object));
     if (!*cursor) return nullptr;
     *name = parameter_name(*cursor);
     value->reset(variant_char(parameter_getValue(*cursor)));
@@ -117,12 +115,12 @@ static int pcbDatamodelLoadOrSave(PcbContext* context, const char* folder, const
     const OwnedText path = formatText("%s/%s", folder, file);
     if (!path) return 0;
     object_t* object =
-        outsideGate([&] { return context ? pcb_client_get_object(context->peer, objectPath, 0) : nullptr; });
+        outsideGate([&] { return context ? handleOf(pcb_client_get_object(context->peer, objectPath, 0)) : nullptr; });
     if (!object) {
         LOG(WARN, "Cannot find object %s in the datamodel", objectPath);
         return 0;
     }
-    datamodel_t* datamodel = object_datamodel(object);
+    datamodel_t* datamodel = handleOf(object_datamodel(object));
     if (!datamodel) {
         LOG(WARN, "Failed to get datamodel");
         return 0;

@@ -11,6 +11,18 @@ build() {
     { cat "build/$1.log"; exit 1; }
 }
 
+# gateway_package PRESET [CPACK ARGUMENT...]: makes a gateway's package as a porter does, in build/PRESET-gateway. The
+# stand-in plays the platform's library, build/PRESET/platform/libpcb.so.0.
+gateway_package() {
+  local folder=build/$1-gateway
+  { cmake --build --preset "$1" --target pcb_shared &&
+    cmake --preset "$1" -B "$folder" -DBUILD_TESTING=OFF -DORSM_PCB_LIBRARIES=pcb -DORSM_PCB_INCLUDE=platform/pcb \
+      -DORSM_PCB_LIBRARY_FOLDERS="$PWD/build/$1/platform" &&
+    cmake --build "$folder" &&
+    cpack --config "$folder/CPackConfig.cmake" "${@:2}"; } >"$folder.log" 2>&1 ||
+    { cat "$folder.log"; exit 1; }
+}
+
 # run_tests FOLDER CTEST_ARGUMENT...: ends with ctest's status, after the figures that the tests have printed.
 run_tests() {
   local status=0 log=$1/Testing/Temporary/LastTest.log

@@ -30,10 +30,10 @@ static Words found(const std::string& text, const char* pattern) {
     return {std::sregex_token_iterator(text.begin(), text.end(), regex, 1), std::sregex_token_iterator()};
 }
 
-// Installs a component into an empty folder: its files, each with its mode in front.
-static Words install(const std::string& component) {
+// Installs a component of a build into an empty folder: its files, each with its mode in front.
+static Words install(const std::string& component, const std::string& build = ORSM_BUILD_FOLDER) {
     std::filesystem::remove_all(KRoot);
-    output({"env", "DESTDIR=" + KRoot, "cmake", "--install", ORSM_BUILD_FOLDER, "--component", component});
+    output({"env", "DESTDIR=" + KRoot, "cmake", "--install", build, "--component", component});
     return found(output({"find", KRoot, "!", "-type", "d", "-printf", "%m /%P\n"}), "(.+)\n");
 }
 
@@ -42,29 +42,41 @@ TEST(Installed, EachComponentHoldsExactlyItsFiles) {
                       interface = dbus + "interfaces/com.corvane.orsm.";
     const std::string doc = share + "doc/orvoservicemanager";
     EXPECT_EQ(install("desk"), (Words{"755 /usr/bin/cloud-sim", "755 /usr/bin/pcb-bus", "755 /usr/bin/pcb-ctl",
+                                      share + "man/man1/cloud-sim.1.gz", share + "man/man1/pcb-bus.1.gz",
                                       share + "man/man1/pcb-ctl.1.gz", share + "orvoservicemanager/gateway.odl",
                                       doc + "-desk/changelog.gz", doc + "-desk/copyright"}));
     EXPECT_EQ(install("procd"), (Words{"755 /etc/init.d/orvoservicemanager"}));
+    const Words systemd = {"644 /usr/lib/systemd/system/orvoservicemanager.service",
+                           "644 /usr/lib/sysusers.d/orvoservicemanager.conf",
+                           dbus + "system-services/com.corvane.orsm.service"};
+    EXPECT_EQ(install("systemd"), systemd);
     const Words expected = {
         "755 /usr/sbin/orvoservicemanager",
         "644 /etc/orvoservicemanager.conf",
-        "644 /usr/lib/systemd/system/orvoservicemanager.service",
-        "644 /usr/lib/sysusers.d/orvoservicemanager.conf",
         dbus + "system.d/com.corvane.orsm.conf",
-        dbus + "system-services/com.corvane.orsm.service",
         interface + "dyndns.xml",
         interface + "voltaro.xml",
         interface + "orvoservicesinfo.xml",
         share + "man/man8/orvoservicemanager.8.gz",
         share + "man/man5/orvoservicemanager.conf.5.gz",
-        doc + "/changelog.gz",
-        doc + "/copyright",
+        doc + "-standin/changelog.gz",
+        doc + "-standin/copyright",
     };
     EXPECT_EQ(install("daemon"), expected);
+
+    // With the platform's library, and a prefix of its own.
+    const std::string build = "/var/run/gateway";
+    output({"cmake", "-S", ORSM_SOURCE_FOLDER, "-B", build, "-DORSM_PCB_LIBRARIES=pcb", "-DCMAKE_INSTALL_PREFIX=/opt/x",
+            "-DBUILD_TESTING=OFF"});
+    EXPECT_EQ(install("systemd", build), systemd);
+    EXPECT_EQ(found(readFile(KUnits + "orvoservicemanager.service"), "\nExecStart=(.*)"),
+              Words{"/opt/x/sbin/orvoservicemanager -c /etc/opt/x/orvoservicemanager.conf"});
+    EXPECT_EQ(found(readFile(build + "/CPackConfig.cmake"), "(?:COMPONENTS_ALL|DAEMON_PACKAGE_NAME) \"(.*)\""),
+              (Words{"daemon;systemd", "orvoservicemanager"}));
 }
 
 TEST(Installed, UnitIsHardenedAndStartsWithTheExampleConfiguration) {
-    install("daemon");
+    install("systemd");
     const std::string unit = KUnits + "orvoservicemanager.service";
     const std::string judged = output({"systemd-analyze", "security", "--offline=true", "--threshold=15", unit});
     printf("figure: the unit's exposure is %s\n", found(judged, "exposure level.*: (\\S+)").begin()->c_str());
@@ -73,6 +85,7 @@ TEST(Installed, UnitIsHardenedAndStartsWithTheExampleConfiguration) {
         found(readFile(unit), "\n((?:Type|Bus\\w+|Restart|StartLimit\\w+|ExecStart|LimitDATA|ReadWrite\\w+)=.*)"),
         (Words{"Type=dbus", "BusName=com.corvane.orsm", "Restart=always", "StartLimitIntervalSec=0",
                "ExecStart=/usr/bin/env -i " + command, "LimitDATA=100M", "ReadWritePaths=/run -/media -/var/log"}));
+    install("daemon");
     EXPECT_NE(readFile(KRoot + "/etc/orvoservicemanager.conf").find("logger.level = WARN"), std::string::npos);
     const auto dbus = startDbusDaemon();
     const auto bus = startPcbBus();
@@ -98,12 +111,7 @@ TEST(Installed, InitScriptRestartsForeverAndSendsHangups) {
               "set_param respawn 3600 5 0\nclose_instance\nsend_signal orvoservicemanager * HUP\n");
 }
 
-TEST(Manuals, AreWellFormed) {
-    const std::string man = ORSM_SOURCE_FOLDER "/man/";
-    EXPECT_EQ(output({"mandoc", "-T", "lint", man + "orvoservicemanager.8", man + "orvoservicemanager.conf.5",
-                      man + "pcb-ctl.1"}),
-              "");
-}
+TEST(Manuals, AreWellFormed) { EXPECT_EQ(output({"sh", "-c", "mandoc -T lint " ORSM_SOURCE_FOLDER "/man/*"}), ""); }
 
 static constexpr int KStandardInput = STDIN_FILENO;
 
