@@ -45,7 +45,7 @@ struct Http : testing::Test {
 };
 
 TEST_F(Http, ReturnsBodiesOfAnySizeAndStatus) {
-    for (const unsigned size : {0U, 1U, 1023U, 1024U, 1025U, 5000U, 8U << 20}) {
+    for (const unsigned size : {0U, 1U, 1023U, 1024U, 1025U, 5000U, 1U << 20}) {
         std::string body(size, '\xFF');
         for (unsigned i = 0; i < size; i += 7) {
             body[i] = static_cast<char>('%' + i % 90);
@@ -73,6 +73,11 @@ TEST_F(Http, EachFailureIsLoggedAndTheNextRequestSucceeds) {
         iFailing.clear();
         EXPECT_TRUE(post("{}", "{}")) << line;
     }
+    EXPECT_EQ(log_.count("res_init"), 1U);
+    // A simulated server that took a wrong type, or no token, would hide a fault of the daemon.
+    EXPECT_STREQ(post(R"({"name":"a","haId":"H","enabled":1})", "{}").get(), R"({"status":"BAD_REQUEST"})");
+    EXPECT_STREQ(curlPostV2((url_ + "/api/device").c_str(), "id=p", ca_.c_str(), "{}").get(),
+                 R"({"status":"error","error":"auth.token.invalid"})");
 }
 
 // A fault of the server or of the connection ends its request with libcurl's own code and no other. What ends with 0 is
