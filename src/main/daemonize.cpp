@@ -5,17 +5,19 @@
 
 #include <cstdio>
 
+// Ends this process and goes on in a child; false in this process when there is none.
+static bool goOnAsChild() {
+    const pid_t child = fork();
+    if (child > 0) _exit(0);
+    return child == 0;
+}
+
 extern "C" int daemon(int keepDirectory, int keepStreams) {
     // Buffered output would be written once by each process that a fork makes.
     fflush(nullptr);
 
-    pid_t child = fork();
-    if (child < 0) return -1;
-    if (child > 0) _exit(0);
-    if (setsid() < 0) return -1;
-    child = fork();
-    if (child < 0) return -1;
-    if (child > 0) _exit(0);
+    // The second time, so that the process leads no session and no terminal can become its own.
+    if (!goOnAsChild() || setsid() < 0 || !goOnAsChild()) return -1;
 
     if (!keepDirectory && chdir("/") != 0) {
         // The root directory is always there; a process that may not enter it stays where it is.

@@ -11,7 +11,6 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -113,7 +112,6 @@ static void blockSignals() {
 // From now on the process ends at once when its orderly end takes too long, for example with a hung data model.
 static void limitTheEnd(int status) {
     iEndStatus = status;
-    handleSignal(SIGALRM, endAtTheLimit);
     const itimerval limit = {
         {                },
         { 0, KEndMicroseconds}
@@ -146,8 +144,7 @@ static void limitTheEnd(int status) {
 // A call served before the store is loaded could save the defaults over the stored file. A call served before the first
 // values are known would not find the HA-ID, and its own change would be taken for a first value.
 static void awaitStart() {
-    while (sem_wait(&iStoreLoaded) != 0 && errno == EINTR) {
-    }
+    (void)sem_wait(&iStoreLoaded);  // no signal interrupts it: this thread has them blocked
     pollfd sent = {iFirstValuesSent, POLLIN, 0};
     (void)poll(&sent, 1, KFirstValuesMilliseconds);
     prepareToServeDbus();
@@ -176,10 +173,7 @@ static bool startBusThread() {
 
 static void onObjectChanged(const char* path, object_t* object) {
     pcbObjectChanged(path, object);
-    static bool told = false;
-    if (told || !areInitialValuesSent()) return;
-    told = true;
-    (void)eventfd_write(iFirstValuesSent, 1);
+    if (areInitialValuesSent()) (void)eventfd_write(iFirstValuesSent, 1);
 }
 
 // What a reconciliation asks for before it synchronizes.
@@ -226,9 +220,9 @@ static int serve() {
     }
     loadOrvoServiceData();
     sem_post(&iStoreLoaded);
+    handleSignal(SIGALRM, endAtTheLimit);
     if (!createPcbDataModelClient()) endProcess(1);
 
-    handleSignal(SIGALRM, endAtTheLimit);
     handleEndSignals(endLoop);
     wakeOnHangup([] { (void)connection_setEventsAvailable(); });
     watchDataModel();

@@ -89,13 +89,12 @@ OwnedText setDynDnsConfiguration(const DynDnsConfiguration& configuration) {
     if (!requireText(iApplicationServerUrl, "Missing Dyn DNS server url")) return nullptr;
     if (!requireText(configuration.name, "Missing name")) return nullptr;
     if (!requireText(configuration.haId, "Missing HA-ID")) return nullptr;
-    OwnedJson object = makeConfigurationJson(configuration);
+    const OwnedJson object = makeConfigurationJson(configuration);
     if (!object) {
         LOG(ERROR, "Cannot create json object");
         return nullptr;
     }
     const OwnedText body = printJson(object.get());
-    object.reset();
     if (!requireText(body.get(), "Cannot create json string")) return nullptr;
     const OwnedText url = formatText("%s" DYNDNS_PATH "/set", iApplicationServerUrl);
     if (!requireText(url.get(), "Out of memory")) return nullptr;

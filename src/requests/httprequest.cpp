@@ -158,7 +158,6 @@ static OwnedText performRequest(const char* uri, const char* method, const char*
     curl_easy_setopt(handle.get(), CURLOPT_WRITEDATA, &response);
 
     const CURLcode result = transfer(handle.get());
-    headers.reset();
     if (result != CURLE_OK) {
         LOG(ERROR, "Request error %d: %s", static_cast<int>(result), curl_easy_strerror(result));
         return nullptr;

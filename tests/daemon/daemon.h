@@ -67,6 +67,12 @@ struct Gateway {
     std::string get(const std::string& object, const std::string& parameter) {
         return pcbCtl({"get", object, parameter});
     }
+    /// Starts a synchronization, up to its request, whose answer the server holds.
+    void startHeldRequest() {
+        cloud->order({"fault", "get", "hold", "1"});
+        set("NMC.HomeAutomation", "HA-ID", "HA-1");
+        ASSERT_TRUE(waitFor([this] { return cloud->journal().size() == 1; }));
+    }
     /// Waits until the bus thread has handled everything that was sent to it before.
     void settle(Caller caller = here()) {
         static int serial = 0;

@@ -6,6 +6,7 @@
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/syscall.h>
+#include <sys/time.h>
 
 #include <cerrno>
 #include <csignal>
@@ -76,6 +77,11 @@ WRAP(pid_t, fork) { return isRefused("fork") ? -1 : __real_fork(); }
 
 WRAP(unsigned, alarm, unsigned seconds) { return isRefused("alarm") ? 0 : __real_alarm(seconds); }
 
+// A limit of a second or more is none.
+WRAP(int, setitimer, __itimer_which_t which, const itimerval* limit, itimerval* before) {
+    return limit->it_value.tv_sec > 0 ? -1 : __real_setitimer(which, limit, before);
+}
+
 WRAP(pid_t, setsid) { return isRefused("setsid") ? -1 : __real_setsid(); }
 
 WRAP(int, pipe2, int* ends, int flags) { return isRefused("pipe2") ? -1 : __real_pipe2(ends, flags); }
@@ -87,6 +93,7 @@ WRAP(int, pthread_create, pthread_t* thread, const pthread_attr_t* attributes, v
 }
 
 WRAP(int, event_add, event* event, const timeval* time) {
+    if (isRefused("event_add")) return -1;
     const int second = steering().second;
     if (!time || time->tv_sec == 0 || second == 0) return __real_event_add(event, time);
     const int64_t scaled = time->tv_sec * second;

@@ -1,21 +1,34 @@
-// Every input of the corpora once more, without libFuzzer.
+// Every input of the corpora once more, without libFuzzer; and then with each allocation of it failing in its turn.
 #include <gtest/gtest.h>
 
 #include <filesystem>
 
+#include "tests/daemon/steering.h"
 #include "tests/fuzz/fuzz.h"
 #include "tests/world/world.h"
 
-TEST(Fuzz, EveryCorpusInputPasses) {
-    size_t count = 0;
+TEST(Fuzz, EveryCorpusInputPassesAlsoOutOfMemory) {
+    size_t count = 0, failures = 0;
+    Steering& page = steering();
+    page.toFail = 1;
     for (const auto& file : std::filesystem::recursive_directory_iterator(ORSM_SOURCE_FOLDER "/tests/fuzz/corpus")) {
         if (file.is_directory()) continue;
         fprintf(stderr, "%s\n", file.path().c_str());  // the last name printed is the input that failed
         setenv("ORSM_FUZZ_TARGET", file.path().parent_path().filename().c_str(), 1);
         LLVMFuzzerInitialize(nullptr, nullptr);
         const std::string bytes = world::readFile(file.path());
-        LLVMFuzzerTestOneInput(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size());
+        for (const unsigned owner : {0U, 1U}) {  // of KModules
+            page.failed = 1;
+            for (unsigned number = 0; page.failed || number == 1; ++number) {
+                page.allocations = page.failed = 0;
+                page.firstToFail = number;
+                page.starved = owner + 1;
+                LLVMFuzzerTestOneInput(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size());
+                page.starved = 0;
+                failures += page.failed;
+            }
+        }
         ++count;
     }
-    printf("figure: fuzz: %zu inputs replayed\n", count);
+    printf("figure: fuzz: %zu inputs replayed, %zu allocations failed\n", count, failures);
 }

@@ -31,7 +31,8 @@ dbus_bool_t dbus_connection_send(DBusConnection*, DBusMessage* reply, dbus_uint3
     const char* text = nullptr;
     const bool isText = dbus_message_get_type(reply) != DBUS_MESSAGE_TYPE_ERROR &&
                         dbus_message_get_args(reply, nullptr, DBUS_TYPE_STRING, &text, DBUS_TYPE_INVALID);
-    require(!isText || jsonTextMember(parseJson(text).get(), "status"));
+    const auto hasStatus = [&] { return jsonTextMember(parseJson(text).get(), "status") != nullptr; };
+    require(!isText || hasStatus() || hasStatus());  // memory is short once
     return TRUE;
 }
 void dbus_connection_flush(DBusConnection*) {}
@@ -75,6 +76,7 @@ static void makeCall(DBusMessage* call) {
             bus.name = copyText(service->interface);
             bus.methodCallback = service->handler;
             bus.methodListeners = &only;
+            if (!only.name || !bus.name) continue;  // out of memory
             taken = taken || handle_message(nullptr, call, &bus) == DBUS_HANDLER_RESULT_HANDLED;
         }
     }

@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include <sstream>
+
 #include "common/msg_bus/message_bus_internal.h"
 #include "src/dbusinterface/dyndns_service.h"
 #include "src/dbusinterface/service_store.h"
@@ -10,28 +12,34 @@
 #include "src/voltarodbus/voltaro_service.h"
 #include "tests/world/world.h"
 
+using namespace std::string_literals;
+
 TEST(Methods, MatchDescriptionAndPolicy) {
     const std::string policy = world::readFile(ORSM_SOURCE_FOLDER "/dbus/com.corvane.orsm.conf");
+    const std::string examples = world::readFile(ORSM_SOURCE_FOLDER "/docs/dbus.md");
     for (const BusService* service : {&KDynDnsService, &KVoltaroService, &KOrvoServicesInfoService}) {
         std::string described;
         for (const Method& method : service->methods) {
             described += std::string(method.name) + "(" + method.arguments + ") ";
             const std::string rule = std::string("\"") + service->path + "\" send_member=\"" + method.name + "\"";
             EXPECT_EQ(policy.find(rule) != std::string::npos, method.isGuarded) << rule;
+            std::string example = " com.corvane.orsm "s + service->path + " " + service->interface + " " + method.name;
+            example += *method.arguments ? " "s + method.arguments + " " : "\n";
+            EXPECT_NE(examples.find(example), std::string::npos) << example;
         }
         // The same from the description: each argument of a method has its type before its direction.
-        std::string rows, text = service->description;
-        for (size_t at = text.find("<method name=\""); at != std::string::npos; at = text.find("<method name=\"", at)) {
-            at += strlen("<method name=\"");
-            rows += text.substr(at, text.find('"', at) - at) + "(";
-            const size_t end = text.find("</method>", at);
-            for (size_t in = text.find("\" direction=\"in\"", at); in < end;
-                 in = text.find("\" direction=\"in\"", in + 1)) {
-                rows += text[in - 1];
-            }
-            rows += ") ";
+        std::string rows, line;
+        for (std::istringstream text(service->description); std::getline(text, line);) {
+            const size_t method = line.find("<method name=\""), in = line.find("\" direction=\"in\"");
+            if (method != std::string::npos) rows += line.substr(method + 14, line.rfind('"') - method - 14) + "(";
+            if (in != std::string::npos) rows += line[in - 1];
+            if (line.find("</method>") != std::string::npos) rows += ") ";
         }
         EXPECT_EQ(rows, described) << service->path;
+    }
+    std::istringstream readme(world::readFile(ORSM_SOURCE_FOLDER "/README.md"));
+    for (std::string line; std::getline(readme, line);) {
+        EXPECT_TRUE(!line.starts_with("busctl ") || examples.find(line + "\n") != std::string::npos) << line;
     }
 }
 
