@@ -1,6 +1,6 @@
 # Debian packages: cpack --config FOLDER/CPackConfig.cmake. A build with the platform's library makes the gateway's
-# package, orvoservicemanager. One without it makes two for a desk: its daemon talks to the stand-in's bus alone, and has
-# a name of its own, so that nobody puts it on a gateway. lintian finds no error and no warning.
+# package, orvoservicemanager. One without it makes two for a desk: its daemon talks to the stand-in's bus alone, and
+# has a name of its own, so that nobody puts it on a gateway. lintian finds no error and no warning.
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME orvoservicemanager)
 set(CPACK_PACKAGE_CONTACT "OrvoServiceManager maintainers <orvoservicemanager@example.net>")

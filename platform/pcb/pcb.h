@@ -1,8 +1,8 @@
 // The gateway's data model from a client's side: connecting to the data-model bus, reading, writing and watching
 // objects, calling their functions, loading and saving them.
 //
-// Threads: a client, and everything made for it, is used by one thread at a time; two clients may live on two threads.
-// The connection_ functions that take no connection are for any thread.
+// Threads: a client, and everything made for it, is used by one thread at a time, and not always by the one that made
+// it; two clients may live on two threads. The connection_ functions that take no connection are for any thread.
 //
 // Time: connecting and every operation that waits for an answer take at most 5 s, then fail with PCB_ERROR_TIMEOUT; the
 // connection stays usable, and an answer that comes after its time is dropped. Destroying waits for nobody.
