@@ -63,18 +63,18 @@ void synchronizeDynDnsConfiguration() {
     }
     armSyncTimer(KStartDelay);
     iDynDnsSyncRetryInterval = KFirstRetryInterval;
-    iPushesFirst = false;
+    iUnansweredEnable = TRI_UNKNOWN;  // a write that was refused is never reported
     LOG(INFO, "Sync dyndns timer started");
 }
 
 void reconcileDynDnsConfiguration() {
+    iPushesFirst = true;
     if (isSyncDue()) {
         LOG(INFO, "Interval of DynDNS synchronization has passed, one is under way");
         return;
     }
     LOG(INFO, "Synchronizing DynDNS because its interval has passed");
     synchronizeDynDnsConfiguration();
-    iPushesFirst = true;
 }
 
 static void retryLater() {
@@ -113,6 +113,7 @@ void disableDynDnsInPcb() {
 static bool storeRegistration(bool enable, const char* name) {
     // A switch that was changed since an earlier step could not store it stays as it is, and the server hears of it.
     const bool pushes = iIsStoreIncomplete && iPushIsOwed;
+    if (!pushes) forgetOwedPush();
     iIsStoreIncomplete = true;
     if (!storeDynDnsEnable(pushes ? iDynDnsEnable == TRI_TRUE : enable)) {
         LOG(ERROR, "Cannot set DynDNS enable value in PCB");
@@ -120,11 +121,7 @@ static bool storeRegistration(bool enable, const char* name) {
     }
     if (!storeDynDnsHostName(name)) return false;
     iIsStoreIncomplete = false;
-    if (pushes) {
-        (void)setupDynDnsOnServer();
-    } else {
-        forgetOwedPush();
-    }
+    if (pushes) (void)setupDynDnsOnServer();
     return true;
 }
 
@@ -153,6 +150,9 @@ static bool askServer() {
     return fetchAndStore();
 }
 
+// The synchronization is over.
+static void endStep() { iPushesFirst = iIsStoreIncomplete = false; }
+
 void runDynDnsSyncStep(evutil_socket_t, short, void*) {
     handleWaitingEventPipeRecords();
     if (isSyncDue()) return;  // one of them has started the synchronization anew
@@ -161,9 +161,12 @@ void runDynDnsSyncStep(evutil_socket_t, short, void*) {
                                               iIsBehindCgNat, iApplicationServerUrlDefined != 0});
     if (decision.reason) LOG_AT(decision.level, "%s", decision.reason);
     switch (decision.action) {
-        case SyncAction::SwitchOff: iIsStoreIncomplete = false; return disableDynDnsInPcb();
+        case SyncAction::SwitchOff: endStep(); return disableDynDnsInPcb();
         case SyncAction::RetryLater: return retryLater();
-        case SyncAction::FetchAndStore: return askServer() ? markSyncFinished() : retryLater();
+        case SyncAction::FetchAndStore:
+            if (!askServer()) return retryLater();
+            endStep();
+            return markSyncFinished();
     }
 }
 

@@ -91,7 +91,6 @@ void renewCgNatCheck() {
         *check = nullptr;
     }
     checkCgNatAgain();
-    if (iRequestWanChangeNotify) return;
     freePcbRequestObject(iCloseQuery);
     freePcbRequestObject(iOpenQuery);
     (void)startWanQuery();

@@ -22,8 +22,8 @@ extern request_t* iRequestWanChangeNotify;  // the subscription to the query's o
 void checkCgNatAtStart();
 void checkCgNatAgain();
 
-/// Asks again, in place of checks that are not answered, and opens the query again if it is not watched. In the loop,
-/// not from one of its callbacks for requests.
+/// Asks again, in place of checks that are not answered, and opens the query again, whose object is then watched anew.
+/// In the loop, not from one of its callbacks for requests.
 void renewCgNatCheck();
 
 /// The data-model client's callbacks for results of functions (`result` is null when out of memory) and for a call that

@@ -177,6 +177,16 @@ TEST(Agreement, ReconciliationRepairsDifferences) {
         gateway.log.next("ERROR Request failed, error - ");
         set("Simulation.Objects", "Refused", "");
     });
+    comesTo("third", "true", [&] {  // the first check failed, and a client's switch had no server to go to
+        set("Simulation.Functions", "Failing", "hasFlag");
+        set("NMC.HomeAutomation", "Enable", "false");
+        restart(hourly);
+        gateway.log.next("ERROR Request failed, error - ");
+        gateway.client.call("/dyndns", "", "SetEnabled", {true});
+        set("Simulation.Functions", "Failing", "");
+        gateway.log.next("HA is disabled");
+        set("NMC.HomeAutomation", "Enable", "true");
+    });
     comesTo("", "false", [&] {  // a check that failed
         set("Simulation.Functions", "Failing", "hasFlag");
         set("NeMo.Intf.data", "Flags", "cgnat");
@@ -194,6 +204,7 @@ TEST(Agreement, ReconciliationRepairsDifferences) {
     const size_t before = gateway.cloud->journal().size();
     EXPECT_TRUE(waitFor([&] { return gateway.log.count("DNS server is not yet ready") > 40; }));
     EXPECT_EQ(gateway.requests(before), "");
+    EXPECT_EQ(gateway.log.count("nterval"), 0U);
     EXPECT_EQ(gateway.get("OrvoService.DynDNS", "HostName"), "other");
     EXPECT_EQ(gateway.end(), 0);
 }
