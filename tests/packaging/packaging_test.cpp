@@ -11,6 +11,7 @@
 #include "tests/daemon/daemon.h"
 #include "tests/world/bus_client.h"
 
+using namespace std::string_literals;
 using namespace world;
 using Words = std::set<std::string>;
 
@@ -81,12 +82,21 @@ TEST(Installed, UnitIsHardenedAndStartsWithTheExampleConfiguration) {
     const std::string judged = output({"systemd-analyze", "security", "--offline=true", "--threshold=15", unit});
     printf("figure: the unit's exposure is %s\n", found(judged, "exposure level.*: (\\S+)").begin()->c_str());
     const std::string command = "/usr/sbin/orvoservicemanager -c /etc/orvoservicemanager.conf";
-    EXPECT_EQ(
-        found(readFile(unit), "\n((?:Type|Bus\\w+|Restart|StartLimit\\w+|ExecStart|LimitDATA|ReadWrite\\w+)=.*)"),
-        (Words{"Type=dbus", "BusName=com.corvane.orsm", "Restart=always", "StartLimitIntervalSec=0",
-               "ExecStart=/usr/bin/env -i " + command, "LimitDATA=100M", "ReadWritePaths=/run -/media -/var/log"}));
+    std::string lines = "\n" + readFile(unit);
+    for (const char* file : {"orvoservicemanager.conf", "dbus/com.corvane.orsm.service", "packaging/postinst",
+                             "packaging/orvoservicemanager.sysusers", "packaging/conffiles"}) {
+        lines += readFile(ORSM_SOURCE_FOLDER "/"s + file);
+    }
+    for (const std::string& line :
+         {"After=dbus.service network.target media.mount"s, "Alias=dbus-com.corvane.orsm.service"s, "Type=dbus"s,
+          "BusName=com.corvane.orsm"s, "Restart=always"s, "StartLimitIntervalSec=0"s,
+          "ExecStart=/usr/bin/env -i " + command, "LimitDATA=100M"s, "ExecReload=/bin/kill -HUP $MAINPID"s,
+          "ReadWritePaths=/run -/media -/var/log"s, "MemoryMax="s, "logger.level = WARN"s, "logger.syslog = true"s,
+          "SystemdService=dbus-com.corvane.orsm.service"s, "  systemd-sysusers orvoservicemanager.conf"s,
+          "g orvoservice -"s, "@SYSCONFDIR@/orvoservicemanager.conf"s}) {
+        EXPECT_NE(lines.find("\n" + line), std::string::npos) << "no line " << line;
+    }
     install("daemon");
-    EXPECT_NE(readFile(KRoot + "/etc/orvoservicemanager.conf").find("logger.level = WARN"), std::string::npos);
     const auto dbus = startDbusDaemon();
     const auto bus = startPcbBus();
     Process daemon({"sh", "-c", "exec " + std::regex_replace(command, std::regex("/(usr|etc)"), KRoot + "$&")});
@@ -109,6 +119,19 @@ TEST(Installed, InitScriptRestartsForeverAndSendsHangups) {
               "95 10 1\nopen_instance\nset_param command env -i /usr/sbin/orvoservicemanager "
               "-c /etc/orvoservicemanager.conf\nset_param limits data=104857600 104857600\n"
               "set_param respawn 3600 5 0\nclose_instance\nsend_signal orvoservicemanager * HUP\n");
+}
+
+TEST(Manuals, NameEveryKey) {
+    const std::string source = ORSM_SOURCE_FOLDER "/",
+                      settings = readFile(source + "common/log_settings/log_settings.cpp");
+    Words keys = found(readFile(source + "src/main/startup_config.cpp"), "\\{\"([a-z.-]+)\"[};,]");
+    for (const std::string& key : found(settings, "\n    \\{\"([a-z._]+)\"")) {
+        keys.insert("logger." + key);
+    }
+    EXPECT_EQ(found(readFile(source + "man/orvoservicemanager.conf.5"), "\n\\.It Ic ([a-z._-]+)"), keys);
+    const char documented[] =
+        "`((?:serverrequests|logger|synchronize)\\.[a-z_.]+|orvoservicesinfo|demonize-process)(?:NAME)?`";
+    EXPECT_EQ(found(readFile(source + "docs/configuration.md"), documented), keys);
 }
 
 TEST(Manuals, AreWellFormed) { EXPECT_EQ(output({"sh", "-c", "mandoc -T lint " ORSM_SOURCE_FOLDER "/man/*"}), ""); }

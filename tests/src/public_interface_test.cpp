@@ -1,16 +1,23 @@
-// The bus interface as a whole: what its methods' rows say elsewhere, and what a start that fails leaves.
+// The bus interface as a whole: what its methods' rows say elsewhere, and what a start that fails leaves; and the data
+// model's watch where it fails.
 #include "src/main/public_interface.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <sstream>
 
 #include "common/msg_bus/message_bus_internal.h"
+#include "pcblib/pcbclient_internal.h"
 #include "src/dbusinterface/dyndns_service.h"
 #include "src/dbusinterface/service_store.h"
+#include "src/main/cgnat_check.h"
+#include "src/main/data_model_watch.h"
+#include "src/main/event_writer.h"
 #include "src/orvoservicesinfo/orvoservicesinfo.h"
 #include "src/voltarodbus/voltaro_service.h"
-#include "tests/world/world.h"
+#include "tests/world/test_log.h"
+#include "tests/world/wrap.h"
 
 using namespace std::string_literals;
 
@@ -62,4 +69,52 @@ TEST(PublicInterface, FailedStartReleasesEverything) {
     }
     EXPECT_EQ(iBusPcbClient, nullptr);
     event_base_free(base);
+}
+
+static int iUntilRefused = 0,
+           iReleased = 0;  // a request is not sent when the first comes to 0; those that were released
+
+WRAP(bool, pcb_sendRequest, pcb_t* pcb, peer_info_t* peer, request_t* request) {
+    return --iUntilRefused != 0 && __real_pcb_sendRequest(pcb, peer, request);
+}
+WRAP(void, request_destroy, request_t* request) {
+    ++iReleased;
+    __real_request_destroy(request);
+}
+
+TEST(DataModelWatch, EveryRequestMustBeSentAndALostCheckIsForgotten) {
+    world::LogReader log = world::startLog();
+    const auto bus = world::startPcbBus();
+    int events[2];
+    ASSERT_TRUE(createPcbDataModelClient() && pipe(events) == 0);
+    iPipeForPcbChanges = events;
+    setPcbRequestLostCallback(pcbRequestLost);
+    for (int refused = 1; refused <= 7; ++refused) {
+        iUntilRefused = refused;
+        const bool watches = watchParameters(), queries = startWanQuery();
+        EXPECT_EQ(watches && queries, refused == 7) << refused;
+        releaseParameterWatch();
+        releaseCgNatCheck();
+    }
+    iReleased = 0;
+    for (const int refused : {1, 0, 0}) {
+        iUntilRefused = refused;
+        checkCgNatAgain();
+        drainPendingWork();
+        if (!refused) pcbFunctionCallback("NeMo.Intf.data", "hasFlag", R"({"returns":"true"})");
+        drainPendingWork();
+    }
+    EXPECT_EQ(iReleased, 3);
+    EXPECT_EQ(log.count("still pending"), 0U);
+    iUntilRefused = 1;
+    const std::pair<std::string, const char*> numbers[] = {
+        {"null",                "ERROR Empty query number!"},
+        {"\"" + std::string(79, '7') + "\"",                 "ERROR Query number too long: 7777"},
+        {"\"7\"",                     "ERROR Cannot listen to changes in: NeMo"                                         },
+    };
+    for (const auto& [number, line] : numbers) {
+        pcbFunctionCallback("NeMo.Intf.data", "openQuery", ("{\"returns\":" + number + "}").c_str());
+        log.next(line);
+    }
+    destroyPcbDataModelClient();
 }
