@@ -1,13 +1,9 @@
-// The bus interface as a whole: what its methods' rows say elsewhere, and what a start that fails leaves.
-#include "src/main/public_interface.h"
-
+// The bus interface as a whole: what its methods' rows say is said elsewhere, too.
 #include <gtest/gtest.h>
 
 #include <sstream>
 
-#include "common/msg_bus/message_bus_internal.h"
 #include "src/dbusinterface/dyndns_service.h"
-#include "src/dbusinterface/service_store.h"
 #include "src/orvoservicesinfo/orvoservicesinfo.h"
 #include "src/voltarodbus/voltaro_service.h"
 #include "tests/world/world.h"
@@ -41,25 +37,4 @@ TEST(Methods, MatchDescriptionAndPolicy) {
     for (std::string line; std::getline(readme, line);) {
         EXPECT_TRUE(!line.starts_with("busctl ") || examples.find(line + "\n") != std::string::npos) << line;
     }
-}
-
-TEST(PublicInterface, FailedStartReleasesEverything) {
-    std::string configuration = world::readFile(ORSM_SOURCE_FOLDER "/tests/world/bus.conf");
-    // Enough for the first service and one method of the second.
-    const std::string rules = std::to_string(KDynDnsService.methods.size() + 1);
-    configuration.replace(configuration.find("</busconfig>"), std::string::npos,
-                          "<limit name=\"max_match_rules_per_connection\">" + rules + "</limit></busconfig>");
-    world::writeFile("/var/run/bus.conf", configuration);
-    const auto dbus = world::startDbusDaemon("/var/run/bus.conf"), bus = world::startPcbBus();
-    event_base* const base = event_base_new();
-    EXPECT_FALSE(enableDbusPublicInterface(base));
-    EXPECT_EQ(event_base_get_num_events(base, EVENT_BASE_COUNT_ADDED), 0);
-    for (const char* path : {"/dyndns", "/voltaro"}) {
-        void* object = nullptr;
-        const OwnedConnection shared(dbus_bus_get(DBUS_BUS_SESSION, nullptr));
-        dbus_connection_get_object_path_data(shared.get(), path, &object);
-        EXPECT_EQ(object, nullptr) << path;
-    }
-    EXPECT_EQ(iBusPcbClient, nullptr);
-    event_base_free(base);
 }
