@@ -8,9 +8,6 @@ using namespace world;
 
 namespace {
 
-constexpr const char* KNotSaved[] = {" WARN Failed to store datamodel for object OrvoService in file orvoservice.odl",
-                                     "ERROR Cannot save OrvoService object"};
-
 // A gateway whose connection comes up at once, for a registration.
 struct StoredGateway : SteeredGateway {
     StoredGateway() : SteeredGateway(10'000) {
@@ -69,9 +66,9 @@ TEST(StoreFault, StoreStaysWholeWhenACallFails) {
             strike(static_cast<int>(call), fault);
             EXPECT_TRUE(gateway.configure(name));
             EXPECT_TRUE(gateway.isStoreWhole());
-            for (const char* line : KNotSaved) {
-                EXPECT_EQ(gateway.log.count(line), steering().reported);
-            }
+            EXPECT_EQ(gateway.log.count(" WARN Failed to store datamodel for object OrvoService in file orvoservice"),
+                      steering().reported);
+            EXPECT_EQ(gateway.log.count("ERROR Cannot save OrvoService object"), steering().reported);
             EXPECT_FALSE(exists(std::string(KStore) + ".new"));
             strike(0, 0);
             gateway.heal(name);
@@ -118,7 +115,6 @@ TEST(SuddenEnd, NextStartFinishesAnInterruptedSynchronization) {
         gateway.heal(name);
         ASSERT_EQ(gateway.stored("HostName"), begun ? name : before);
         EXPECT_TRUE(!begun || gateway.stored("Enable") == enabled);
-        EXPECT_EQ(readFile(KPidFile), std::to_string(gateway.daemon->pid()) + "\n");
         EXPECT_LE(gateway.cloud->journal().size(), requests + 2);
     }
     EXPECT_EQ(gateway.end(), 0);

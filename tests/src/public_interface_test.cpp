@@ -33,8 +33,4 @@ TEST(Methods, MatchDescriptionAndPolicy) {
         }
         EXPECT_EQ(rows, described) << service->path;
     }
-    std::istringstream readme(world::readFile(ORSM_SOURCE_FOLDER "/README.md"));
-    for (std::string line; std::getline(readme, line);) {
-        EXPECT_TRUE(!line.starts_with("busctl ") || examples.find(line + "\n") != std::string::npos) << line;
-    }
 }
