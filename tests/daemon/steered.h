@@ -10,7 +10,7 @@ namespace world {
 
 constexpr char KSteered[] = "orvoservicemanager-steered";
 
-/// The servers know two registrations with an account each, and a plug.
+/// The servers know two registrations.
 struct SteeredGateway : Gateway {
     Client platform{"/var/run/pcb_sys", true};
     BusClient client;
@@ -20,9 +20,6 @@ struct SteeredGateway : Gateway {
         steering().second = second;
         cloud->order({"register", "HA-1", "box", "true"});
         cloud->order({"register", "HA-2", "second", "false"});
-        cloud->order({"account", "HA-1", "canary+mail", "canary&word"});
-        cloud->order({"account", "HA-2", "canary+mail", "canary&word"});
-        cloud->order({"plug", "p-1", "on", "12.5"});
     }
     void set(const std::string& object, const std::string& parameter, const std::string& value) override {
         platform.set(object.c_str(), parameter.c_str(), value);

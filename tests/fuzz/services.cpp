@@ -42,16 +42,6 @@ PcbContext* helperPcbDataModelClient() { return iBusPcbClient; }
 void saveOrvoServiceData() {}
 void saveOrvoServiceDataThrough(PcbContext*) {}
 
-namespace {
-
-// What asks the servers, and its arguments.
-struct Asking {
-    const char *path, *method;
-    world::BusArguments arguments;
-};
-
-}  // namespace
-
 // The state in which every input begins.
 static void startOver() {
     if (!iBusEventBase) {
@@ -95,7 +85,7 @@ void fuzzCalls(std::string_view bytes) {
 }
 
 void fuzzAnswers(std::string_view bytes) {
-    static const Asking KCalls[] = {
+    static const std::tuple<const char*, const char*, world::BusArguments> KCalls[] = {
         {"/dyndns",  "IsNameTaken", {"Name"}        },
         {"/dyndns",  "Configure",   {true, "Name"}  },
         {"/voltaro", "Set",         {"id", "on"}    },

@@ -1,16 +1,11 @@
-// The bus interface as a whole: what its methods' rows say elsewhere, and what a start that fails leaves; and the data
-// model's watch where it fails.
-#include "src/main/public_interface.h"
-
+// What the rows of the bus methods say is said elsewhere, too; and the data model's watch where it fails.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <sstream>
 
-#include "common/msg_bus/message_bus_internal.h"
 #include "pcblib/pcbclient_internal.h"
 #include "src/dbusinterface/dyndns_service.h"
-#include "src/dbusinterface/service_store.h"
 #include "src/main/cgnat_check.h"
 #include "src/main/data_model_watch.h"
 #include "src/main/event_writer.h"
@@ -44,31 +39,6 @@ TEST(Methods, MatchDescriptionAndPolicy) {
         }
         EXPECT_EQ(rows, described) << service->path;
     }
-    std::istringstream readme(world::readFile(ORSM_SOURCE_FOLDER "/README.md"));
-    for (std::string line; std::getline(readme, line);) {
-        EXPECT_TRUE(!line.starts_with("busctl ") || examples.find(line + "\n") != std::string::npos) << line;
-    }
-}
-
-TEST(PublicInterface, FailedStartReleasesEverything) {
-    std::string configuration = world::readFile(ORSM_SOURCE_FOLDER "/tests/world/bus.conf");
-    // Enough for the first service and one method of the second.
-    const std::string rules = std::to_string(KDynDnsService.methods.size() + 1);
-    configuration.replace(configuration.find("</busconfig>"), std::string::npos,
-                          "<limit name=\"max_match_rules_per_connection\">" + rules + "</limit></busconfig>");
-    world::writeFile("/var/run/bus.conf", configuration);
-    const auto dbus = world::startDbusDaemon("/var/run/bus.conf"), bus = world::startPcbBus();
-    event_base* const base = event_base_new();
-    EXPECT_FALSE(enableDbusPublicInterface(base));
-    EXPECT_EQ(event_base_get_num_events(base, EVENT_BASE_COUNT_ADDED), 0);
-    for (const char* path : {"/dyndns", "/voltaro"}) {
-        void* object = nullptr;
-        const OwnedConnection shared(dbus_bus_get(DBUS_BUS_SESSION, nullptr));
-        dbus_connection_get_object_path_data(shared.get(), path, &object);
-        EXPECT_EQ(object, nullptr) << path;
-    }
-    EXPECT_EQ(iBusPcbClient, nullptr);
-    event_base_free(base);
 }
 
 static int iUntilRefused = 0,

@@ -30,9 +30,6 @@ class BusClient {
 
     DBusConnection* connection() { return connection_; }
 
-    /// Whom `call` calls.
-    std::string destination = "com.corvane.orsm";
-
     /// A call to the daemon; an empty interface leaves the field out. The caller releases it.
     static DBusMessage* message(const std::string& path, const std::string& interface, const std::string& method,
                                 const BusArguments& arguments) {
@@ -65,7 +62,6 @@ class BusClient {
     std::string call(const std::string& path, const std::string& interface, const std::string& method,
                      const BusArguments& arguments = {}) {
         DBusMessage* const request = message(path, interface, method, arguments);
-        dbus_message_set_destination(request, destination.c_str());
         std::string text = DBUS_ERROR_DISCONNECTED;
         callMany(
             1, 1, [=](int) { return request; }, [&](DBusMessage* reply) { text = textOf(reply); });

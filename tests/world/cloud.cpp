@@ -17,12 +17,6 @@ std::string Cloud::order(std::vector<std::string> words) const {
     return output;
 }
 
-void Cloud::fault(const std::string& resource, const std::string& kind, unsigned count, const std::string& value) {
-    std::vector<std::string> words = {"fault", resource, kind, std::to_string(count)};
-    if (!value.empty()) words.push_back(value);
-    order(words);
-}
-
 void Cloud::answer(const std::string& resource, int status, const std::string& body) {
     writeFile(directory_ + "/answer", body);
     order({"fault", resource, "body", "1", std::to_string(status), "@" + directory_ + "/answer"});

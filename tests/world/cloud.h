@@ -19,8 +19,8 @@ class Cloud {
 
     /// Carries out an order of cloud-sim (see its --help) and gives its output; a refused order fails the test.
     std::string order(std::vector<std::string> words) const;
-    /// Orders a fault for the next `count` requests of a resource, 0 for all until it is cleared.
-    void fault(const std::string& resource, const std::string& kind, unsigned count = 1, const std::string& value = "");
+    /// Orders a fault for the next request of a resource.
+    void fault(const std::string& resource, const std::string& kind) const { order({"fault", resource, kind}); }
     /// Lets the next request of a resource be answered with an HTTP status and these bytes.
     void answer(const std::string& resource, int status, const std::string& body);
     /// All requests so far as one text, a line each: method and target, every header after the host's, the body; "|"

@@ -93,26 +93,6 @@ bool waitFor(const std::function<bool()>& condition, Process* needed) {
 
 std::string binary(const std::string& name) { return std::string(ORSM_BINARY_FOLDER "/") + name; }
 
-static std::string setting(const char* variable) {
-    const char* const value = getenv(variable);
-    return value ? value : "";
-}
-
-Sweep::Sweep(unsigned oneIn)
-    : oneIn_(isWhole() ? 1 : oneIn),
-      seed_(setting("ORSM_SEED").empty() ? 1 : static_cast<unsigned>(std::stoul(setting("ORSM_SEED")))),
-      random_(seed_) {}
-
-bool Sweep::isWhole() { return setting("ORSM_SWEEP") == "all"; }
-
-bool Sweep::next() {
-    if (testing::Test::HasFailure()) return false;
-    ++number_;
-    const bool runs = random_() % oneIn_ == 0;
-    taken_ += runs;
-    return runs;
-}
-
 std::string readFile(const std::string& path, size_t from) {
     std::ifstream file(path, std::ios::binary);
     file.seekg(static_cast<std::streamoff>(from));
@@ -137,14 +117,11 @@ std::string LogReader::next(std::string_view text, Caller caller) {
     };
     const std::string after = std::exchange(after_, text);
     if (waitFor(came, writer)) return match;
-    const std::string wrote = content() + (writer ? writer->output() : "");
     const std::string end = writer && !writer->running() ? std::to_string(writer->wait()) : "";
     const auto& [file, line] = caller;
     ADD_FAILURE_AT(file, line) << "no log line \"" << text << "\" after \"" << after << '"'
-                               << (count(text) ? ", but before" : "") << "\n  "
-                               << (end.empty() ? "" : "the daemon has ended with status " + end + "; ")
-                               << "it wrote last:\n"
-                               << wrote.substr(wrote.size() - std::min(wrote.size(), size_t{1000}));
+                               << (count(text) ? ", but before" : "")
+                               << (end.empty() ? "" : "; the daemon has ended with status " + end);
     // To wait for what comes later would only hide this failure.
     throw testing::AssertionException({testing::TestPartResult::kFatalFailure, file, line, ""});
 }

@@ -6,7 +6,6 @@
 
 #include <functional>
 #include <memory>
-#include <random>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -50,24 +49,6 @@ int run(std::vector<std::string> arguments, std::string* output = nullptr);
 
 /// The path of a program of this build, such as binary("pcb-bus").
 std::string binary(const std::string& name);
-
-/// Which cases of a sweep run: every one with ORSM_SWEEP=all, otherwise a sample of one in `oneIn`, the same each time;
-/// ORSM_SEED=NUMBER draws another.
-class Sweep {
-  public:
-    explicit Sweep(unsigned oneIn);
-    static bool isWhole();
-    /// Whether the next case runs; none does once the test has failed.
-    bool next();
-    /// For the trace of a failure: what draws this sample again, and the case's number in it.
-    std::string again() const { return "ORSM_SEED=" + std::to_string(seed_) + ", case " + std::to_string(number_); }
-    /// How many have run, of how many.
-    std::string count() const { return std::to_string(taken_) + " of " + std::to_string(number_); }
-
-  private:
-    unsigned oneIn_, seed_, number_ = 0, taken_ = 0;
-    std::mt19937 random_;
-};
 
 std::string readFile(const std::string& path, size_t from = 0);
 void writeFile(const std::string& path, std::string_view content);
