@@ -68,7 +68,7 @@ TEST(Log, WritesTheSameLineToEveryOutputWithOneWriteEach) {
         {"ERROR",  "<11>", 8000 },
         {"SYSLOG", "<13>", 20000},
     };
-    std::string all, rotated;
+    std::string all;
     for (const std::string identity : {"unknown", "orsm", "another"}) {
         const std::string hour = std::to_string(3 + ++iSecondsLater);
         setenv("TZ", ("XYZ-" + hour + ":30").c_str(), 1);
@@ -88,7 +88,6 @@ TEST(Log, WritesTheSameLineToEveryOutputWithOneWriteEach) {
             EXPECT_EQ(iWrites, level == LEVEL_SYSLOG ? 3 : 2);
             EXPECT_EQ(testing::internal::GetCapturedStdout(), "printed before " + line);
             EXPECT_EQ(readFile(KFile), all += line);
-            EXPECT_EQ(readFile("/var/log/kelm.0.log"), level == LEVEL_SYSLOG ? rotated += line : rotated);
             if (!mounted) continue;
             const ssize_t got = recv(systemLog, received, sizeof received, MSG_DONTWAIT);
             ASSERT_GT(got, 20);
@@ -96,9 +95,6 @@ TEST(Log, WritesTheSameLineToEveryOutputWithOneWriteEach) {
                       priority + identity + "[" + std::to_string(getpid()) + "]: " + line.substr(24));
         }
     }
-    configure(TO_FILE);
-    LOG(ERROR, "x");
-    EXPECT_EQ(recv(systemLog, received, sizeof received, MSG_DONTWAIT), -1);
 }
 
 TEST(Log, MessageCannotForgeALineOrControlATerminal) {
@@ -136,8 +132,6 @@ TEST(Log, CategoryThresholdOverridesGlobalThreshold) {
         {"enabled=true level=quiet category.a=WARN category.a=DEBUG category.c=TRACE", "3503"},
         {"enabled=yess level=TRACE",                                                   "5555"},
         {"enabled=true enabled=no category.a=TRACE level=TRACE",                       "5555"},
-        {"enabled=1 level=TRACE",                                                      "5555"},
-        {"enabled=true level=info",                                                    "2222"},
     };
     for (const auto& [words, expected] : cases) {
         configure("file=true filename=/var/log/f " + words);
@@ -190,65 +184,53 @@ static bool readMore(int file, std::string& text, int milliseconds) {
 TEST(Log, SlowReaderGetsWholeLinesAndStoppedReaderDelaysOnce) {
     const int console = dup(STDOUT_FILENO);
     const auto message = [](int number) { return std::to_string(number) + std::string(7900, 'x'); };
-    for (const std::string kind : {"terminal file", "terminal", "pipe file"}) {
-        SCOPED_TRACE(kind);
-        std::string path = "/var/log/pipe";
-        const bool file = kind.ends_with("file"), isPipe = kind == "pipe file" && mkfifo(path.c_str(), 0600) == 0;
-        int ends[2] = {isPipe ? open(path.c_str(), O_RDWR) : posix_openpt(O_RDWR | O_NOCTTY), -1};
-        if (!isPipe) path = grantpt(ends[0]) == 0 && unlockpt(ends[0]) == 0 ? ptsname(ends[0]) : "";
-        ASSERT_GE(ends[1] = open(path.c_str(), O_RDWR | O_NOCTTY), 0);
-        configure("enabled=true file="s + (file ? "true" : "no") + " stdout=" + (file ? "no" : "true") +
-                  " filename=" + path);
-        if (!file) dup2(ends[1], STDOUT_FILENO);
+    const auto logLines = [&](int from, int count) {
+        for (int number = from; number < from + count; ++number) {
+            LOG(ERROR, "%s", message(number).c_str());
+        }
+    };
+    configure("enabled=true stdout=true");
+    for (const bool isPipe : {true, false}) {
+        int ends[2] = {posix_openpt(O_RDWR | O_NOCTTY), -1};
+        ASSERT_EQ(isPipe ? pipe(ends) : grantpt(ends[0]) + unlockpt(ends[0]), 0);
+        if (!isPipe) ends[1] = open(ptsname(ends[0]), O_RDWR | O_NOCTTY);
+        ASSERT_EQ(dup2(ends[1], STDOUT_FILENO), STDOUT_FILENO);
 
-        // First a reader that is slower than the log. Then no reader, and more lines than the test has time to wait for
-        // one by one. Then the slow reader again.
         std::string got;
         const auto logToSlowReader = [&](int from) {
-            std::jthread reader([&] {
-                while (got.find(message(from + 29)) == std::string::npos && readMore(ends[0], got, 30'000)) {
+            const std::jthread reader([&, last = message(from + 29)] {
+                while (got.find(last) == std::string::npos && readMore(ends[0], got, 30'000)) {
                     usleep(1000);
                 }
             });
-            for (int number = from; number < from + 30; ++number) {
-                LOG(ERROR, "%s", message(number).c_str());
-            }
-            reader.join();
-            for (int number = from; number < from + 30; ++number) {
-                EXPECT_NE(got.find(message(number)), std::string::npos) << number;
-            }
+            logLines(from, 30);
         };
         logToSlowReader(0);
-        for (int number = 30; number < 120; ++number) {
-            LOG(ERROR, "%s", message(number).c_str());
-        }
+        logLines(100, 90);  // nobody reads, and the test has no time to wait for each
         EXPECT_TRUE(waitFor([&] {
             while (readMore(ends[0], got, 0)) {
             }
-            iWrites = 0;
             LOG(ERROR, "read again");
             return got.ends_with("read again\n") || got.ends_with("read again\r\n");
         }));
-        EXPECT_LE(iWrites, 2) << "a line break and the line";
-        std::string before = got;
-        std::erase(before, '\r');
         logToSlowReader(200);
         dup2(console, STDOUT_FILENO);
 
-        std::istringstream all(before);
-        int whole = 0, torn = 0;
-        for (std::string line; std::getline(all, line) && line.erase(0, 30) != "read again";) {
-            line == message(whole) ? ++whole : ++torn;
-            EXPECT_TRUE(message(torn ? whole : whole - 1).starts_with(line));
+        std::erase(got, '\r');
+        std::istringstream all(got);
+        int whole[3] = {}, torn = 0;
+        for (std::string line; std::getline(all, line);) {
+            if (line.erase(0, 30) == "read again") continue;
+            const int number = std::stoi(line);
+            EXPECT_TRUE(message(number).starts_with(line));
+            ++(line == message(number) ? whole[number / 100] : torn);
         }
-        EXPECT_LT(whole, 60);
+        EXPECT_TRUE(whole[0] == 30 && whole[2] == 30) << "a reader that is only slow misses lines";
         EXPECT_LE(torn, isPipe ? 0 : 1);
-        close(ends[0]);
-        close(ends[1]);
     }
 }
 
-TEST(Log, FileNameIsCutAndHasADefault) {
+TEST(Log, FileNameIsCutHasADefaultAndIsNoReasonToWrite) {
     ASSERT_EQ(chdir("/media"), 0);
     const std::string longest = "/var/log/" + std::string(246, 'n');
     for (const std::string& words : {"file=true filename=" + longest + "more", "file=true"s, ""s}) {
@@ -260,13 +242,6 @@ TEST(Log, FileNameIsCutAndHasADefault) {
 
 TEST(LogReload, HappensAtTheNextCallEvenIfItsLineIsDropped) {
     ASSERT_EQ(chdir("/media"), 0);
-    // The name of the log file is cut, has a default, and is no reason to write it.
-    const std::string longest = "/var/log/" + std::string(246, 'n');
-    for (const std::string& words : {"file=true filename=" + longest + "more", "file=true"s, ""s}) {
-        configure("enabled=true " + words);
-        LOG(ERROR, "%s", words.substr(0, 10).c_str());
-    }
-    EXPECT_EQ(takeLog(longest) + takeLog("zolclient.log"), "ERROR file=true \nERROR file=true\n");
     configure("category.unassigned=INFO" TO_FILE);
     const int lowest = dup(0);
     const auto hangUp = [](const std::string& content) {

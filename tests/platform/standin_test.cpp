@@ -1,69 +1,23 @@
-// The stand-in for the platform where it promises more than a platform does, and pcb-ctl.
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
-
+// The stand-in for the platform's library where it promises more than a platform does, and pcb-ctl.
 #include "tests/platform/client.h"
 
 using namespace std::string_literals;
 
-// A connection to the bus that sends and gets frames as they are.
-struct Raw {
-    int socket = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-
-    explicit Raw(const std::string& frames) {
-        const sockaddr_un address{AF_UNIX, "/var/run/pcb_sys"};
-        EXPECT_EQ(connect(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
-        (void)!::send(socket, frames.data(), frames.size(), MSG_NOSIGNAL);
+TEST_F(Platform, DamagedFileChangesNothingAndNamesItsLine) {
+    const std::string good = "object OrvoService {\n    object DynDNS {\n        bool Enable = \"true\";\n";
+    const std::pair<std::string, const char*> cases[] = {
+        {"}\n",                   "line 4: '}' is missing\n"                   },
+        {"bool X = \"maybe\";}}", "line 4: the value is no boolean\n"          },
+        {"\0"s,                   "line 4: neither an object nor a parameter\n"},
+    };
+    object_t* const object = pcb_client_get_object(client.peer, "OrvoService", 0);
+    for (const auto& [rest, message] : cases) {
+        world::writeFile("/media/o.odl", good + rest);
+        testing::internal::CaptureStderr();
+        EXPECT_FALSE(datamodel_load(object_datamodel(object), "/media/o.odl", DATAMODEL_TEXT));
+        EXPECT_EQ(testing::internal::GetCapturedStderr(), "/media/o.odl: "s + message);
+        EXPECT_EQ(client.get(KDynDns, "Enable"), "false");
     }
-    ~Raw() { close(socket); }
-    // The next frame; empty when the bus has closed the connection.
-    std::string answer() const {
-        std::string line;
-        for (char byte = 0; recv(socket, &byte, 1, 0) == 1 && byte != '\n';) {
-            line += byte;
-        }
-        return line;
-    }
-};
-
-TEST_F(Platform, BadFramesAreRefusedOrCloseTheConnection) {
-    const std::string set = R"({"id":1,"op":"set","path":"OrvoService.DynDNS","parameter":"HostName","value":)";
-    for (const std::string& closing :
-         {""s, "[]"s, R"({"id":1.5,"op":"x"})"s, R"({"id":1,"op":"x"} {})"s, std::string(2000, '['),
-          "{\"id\":1,\"op\":\"x\"\0}"s, set + R"("a\\\u0000b"})", std::string(size_t{16} * 1024 * 1024 + 100, ' ')}) {
-        EXPECT_EQ(Raw(closing + "\n").answer(), "") << closing.substr(0, 1000);
-    }
-    for (const std::string& refused :
-         {R"({"id":1,"op":"x"})"s, set + "7}", R"({"id":1,"op":"subscribe","path":"DNS","flags":1e10})"s}) {
-        EXPECT_NE(Raw(refused + "\n").answer().find("malformed request"), std::string::npos) << refused;
-    }
-    EXPECT_EQ(client.set(KDynDns, "HostName", "alive"), "done");
-}
-
-TEST_F(Platform, WatcherGetsOnlyItsObjectAndIsDroppedWhenItDoesNotRead) {
-    world::writeFile("/var/run/two.odl", "object Q { object 1 { string X = \"\"; } object 10 { string X = \"\"; } }\n");
-    bus.reset();
-    bus = world::startPcbBus("/var/run/two.odl");
-    const Client setter;
-    const std::string subscribe = R"({"id":1,"op":"subscribe","path":"Q.1","flags":1024})"
-                                  "\n";
-    const Raw watcher(subscribe), deaf(subscribe);
-    EXPECT_EQ(watcher.answer() + deaf.answer(), R"({"id":1}{"id":1})");
-    for (const char* object : {"Q.10", "Q.1"}) {
-        EXPECT_EQ(setter.set(object, "X", "a"), "done");
-    }
-    EXPECT_NE(watcher.answer().find(R"("path":"Q.1",)"), std::string::npos);
-    const std::string cancel = "{\"id\":2,\"op\":\"cancel\",\"request\":1}\n{\"id\":3,\"op\":\"x\"}\n";
-    EXPECT_EQ(send(watcher.socket, cancel.data(), cancel.size(), 0), static_cast<ssize_t>(cancel.size()));
-    EXPECT_NE(watcher.answer().find("malformed request"), std::string::npos);
-    const std::string large(1'000'000, 'x');
-    for (unsigned change = 0; change < 70; ++change) {
-        EXPECT_EQ(setter.set("Q.1", "X", large.substr(change % 2)), "done");
-    }
-    EXPECT_NE(bus->output().find("dropped: it does not read, 64 MiB wait"), std::string::npos);
-    char byte;
-    EXPECT_EQ(recv(watcher.socket, &byte, 1, MSG_DONTWAIT), -1) << "it hears of what it does not watch any more";
 }
 
 TEST_F(Platform, CtlPrintsValuesOrOneErrorLine) {
