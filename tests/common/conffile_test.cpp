@@ -1,6 +1,9 @@
 #include "common/conffile/conffile.h"
 
 #include <gtest/gtest.h>
+#include <sys/ioctl.h>
+
+#include <thread>
 
 #include "tests/world/world.h"
 
@@ -40,5 +43,13 @@ TEST(ConfigFile, ReadsTheSamePairsFromBytesAndFile) {
         world::writeFile("/media/test.conf", text);
         EXPECT_EQ(render(configFileLoad("/media/test.conf")), text.size() >= 4096 ? cut : pairs);
     }
+    int ends[2], unread = 1;
+    ASSERT_TRUE(pipe(ends) == 0 && write(ends[1], "a=1\nb", 5) == 5);
+    std::jthread writer([&] {  // the second piece comes once the first is read
+        EXPECT_TRUE(world::waitFor([&] { return ioctl(ends[0], FIONREAD, &unread) == 0 && unread == 0; }));
+        (void)!write(ends[1], "=2", 2);
+        close(ends[1]);
+    });
+    EXPECT_EQ(render(configFileLoad(("/proc/self/fd/" + std::to_string(ends[0])).c_str())), "[b|2][a|1]");
     EXPECT_STREQ(configFileValue(configFileLoadFromBytes("a=1\nb=x\na=2", 11).get(), "a"), "2");
 }
