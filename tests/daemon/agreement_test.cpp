@@ -78,7 +78,6 @@ struct AgreeingGateway : SteeredGateway {
 // writes the server hears nothing, however late they are reported.
 TEST(Agreement, ChangesAndCallsThatWaitedTakeEffectInOrder) {
     const std::pair<const char*, const char*> rows[] = {
-        {"C-x1 C+x2",          "x1 HA-1 - x2 HA-1 + "          },
         {"C-x1 C+x2 C-x3",     "x1 HA-1 - x2 HA-1 + x3 HA-1 - "},
         {"C-x1 E-",            "box HA-1 - x1 HA-1 - "         },
         {"E- E+ C-x1",         "x1 HA-1 - "                    },

@@ -33,7 +33,6 @@ static Steering* iSteering;
 
 static bool fails(void* caller) {
     if (!iSteering) return false;
-    ++iSteering->allAllocations;
     const unsigned starved = iSteering->starved;
     if (!starved || !liesIn(KModules[starved - 1], caller)) return false;
     const unsigned number = ++iSteering->allocations, first = iSteering->firstToFail;

@@ -10,13 +10,12 @@
 #include <cstdint>
 
 /// The modules whose allocations can fail; the program itself has no name.
-constexpr const char* KModules[] = {"", "libcjson", "libdbus", "libevent"};
+constexpr const char* KModules[] = {"", "libcjson"};
 
 struct Steering {
     std::atomic<unsigned> starved;              // 1 + the module whose allocations are counted and fail; 0 for none
     std::atomic<unsigned> firstToFail, toFail;  // counted from 1; how many
     std::atomic<unsigned> allocations, failed;  // of that module so far; how many failed
-    std::atomic<unsigned> allAllocations;       // of all modules, whether one is starved or not
     std::atomic<int> second;                    // microseconds that a timer's second takes; 0: a full second
     std::atomic<bool> alsoLog;                  // calls for the log count, too
     std::atomic<int> call, fault;               // which call meets what, from 1; 0: none
