@@ -139,7 +139,7 @@ void connection_setTerminated(bool terminated);
 /// client of this process has lost its bus, and that client was not destroyed yet.
 bool connection_isTerminated(void);
 /// Makes the present or the next connection_waitForEvents_r return at once. 1, or 0 on failure. The one function that
-/// may be called in a signal handler.
+/// may be called in a signal handler, and from another thread while the loop waits.
 int connection_setEventsAvailable(void);
 /// A null handler ignores the signal for the process. Other handlers are not supported: false.
 bool connection_setSignalEventHandler(connection_info_t* connection, int signalNumber, void (*handler)(int));
