@@ -237,7 +237,7 @@ TEST(Log, FileNameIsCutHasADefaultAndIsNoReasonToWrite) {
         configure("enabled=true " + words);
         LOG(ERROR, "%s", words.substr(0, 10).c_str());
     }
-    EXPECT_EQ(takeLog(longest) + takeLog("zolclient.log"), "ERROR file=true \nERROR file=true\n");
+    EXPECT_EQ(takeLog(longest) + "|" + takeLog("zolclient.log"), "ERROR file=true \n|ERROR file=true\n");
 }
 
 TEST(LogReload, HappensAtTheNextCallEvenIfItsLineIsDropped) {

@@ -77,13 +77,13 @@ TEST(DataModelWatch, EveryRequestMustBeSentAndALostCheckIsForgotten) {
     EXPECT_EQ(iReleased, 3);
     EXPECT_EQ(log.count("still pending"), 0U);
     iUntilRefused = 1;
-    const std::pair<std::string, const char*> numbers[] = {
-        {"null",                "ERROR Empty query number!"},
-        {"\"" + std::string(79, '7') + "\"",                 "ERROR Query number too long: 7777"},
-        {"\"7\"",                     "ERROR Cannot listen to changes in: NeMo"                                         },
-    };
-    for (const auto& [number, line] : numbers) {
-        pcbFunctionCallback("NeMo.Intf.data", "openQuery", ("{\"returns\":" + number + "}").c_str());
+    const std::string tooLong(79, '7');
+    for (const auto& [number, line] : {
+             std::pair{""s,     "ERROR Empty query number!"                                },
+             std::pair{tooLong, "ERROR Query number too long: 7777"                        },
+             std::pair{"7"s,    "ERROR Cannot listen to changes in: NeMo.Intf.data.Query.7"}
+    }) {
+        pcbFunctionCallback("NeMo.Intf.data", "openQuery", ("{\"returns\":\"" + number + "\"}").c_str());
         log.next(line);
     }
     destroyPcbDataModelClient();
