@@ -87,8 +87,9 @@ TEST(Agreement, ChangesAndCallsThatWaitedTakeEffectInOrder) {
     };
     AgreeingGateway gateway(10'000);
     gateway.run();
-    for (const auto& [steps, expected] : rows) {
+    for (const auto& [steps, requests] : rows) {
         SCOPED_TRACE(steps);
+        const std::string expected = requests;
         gateway.cloud->order({"register", "HA-1", "box", "true"});
         gateway.emptyLog();
         gateway.set("NMC.HomeAutomation", "HA-ID", "");
