@@ -71,7 +71,7 @@ TEST(Installed, EachComponentHoldsExactlyItsFiles) {
             "-DBUILD_TESTING=OFF"});
     EXPECT_EQ(install("systemd", build), systemd);
     EXPECT_EQ(found(readFile(KUnits + "orvoservicemanager.service"), "\nExecStart=(.*)"),
-              Words{"/opt/x/sbin/orvoservicemanager -c /etc/opt/x/orvoservicemanager.conf"});
+              Words{"/usr/bin/env -i /opt/x/sbin/orvoservicemanager -c /etc/opt/x/orvoservicemanager.conf"});
     EXPECT_EQ(found(readFile(build + "/CPackConfig.cmake"), "(?:COMPONENTS_ALL|DAEMON_PACKAGE_NAME) \"(.*)\""),
               (Words{"daemon;systemd", "orvoservicemanager"}));
 }

@@ -93,7 +93,7 @@ TEST(Reconciliation, FleetThatLostPowerTogetherIsSpreadOverTheInterval) {
     for (int gateway = 0; gateway < 100'000; ++gateway) {
         ++gateways.at(static_cast<size_t>(firstReconciliationDelay(KInterval, random()) / 1'000'000));
     }
-    EXPECT_LE(*std::max_element(gateways.begin(), gateways.end()), 2 * 100'000 / KInterval);
+    EXPECT_LE(*std::max_element(gateways.begin(), gateways.end()), 200'000L / KInterval);
 }
 
 class Sync : public testing::Test {
