@@ -150,8 +150,7 @@ static bool askServer() {
     return fetchAndStore();
 }
 
-// The synchronization is over.
-static void endStep() { iPushesFirst = iIsStoreIncomplete = false; }
+static void endSynchronization() { iPushesFirst = iIsStoreIncomplete = false; }
 
 void runDynDnsSyncStep(evutil_socket_t, short, void*) {
     handleWaitingEventPipeRecords();
@@ -161,11 +160,11 @@ void runDynDnsSyncStep(evutil_socket_t, short, void*) {
                                               iIsBehindCgNat, iApplicationServerUrlDefined != 0});
     if (decision.reason) LOG_AT(decision.level, "%s", decision.reason);
     switch (decision.action) {
-        case SyncAction::SwitchOff: endStep(); return disableDynDnsInPcb();
+        case SyncAction::SwitchOff: endSynchronization(); return disableDynDnsInPcb();
         case SyncAction::RetryLater: return retryLater();
         case SyncAction::FetchAndStore:
             if (!askServer()) return retryLater();
-            endStep();
+            endSynchronization();
             return markSyncFinished();
     }
 }
