@@ -17,7 +17,7 @@
 
 #include "benchmarks/measure.h"
 #include "platform/pcb/pcb.h"
-#include "src/requests/httprequest.h"
+#include "src/httprequest/httprequest.h"
 #include "tests/daemon/daemon.h"
 #include "tests/world/bus_client.h"
 

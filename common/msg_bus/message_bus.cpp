@@ -155,6 +155,8 @@ int message_bus_add_signal_listener(message_bus* bus, const char* name) {
     return addListener(bus, &bus->signalListeners, name);
 }
 
+void message_bus_describe(message_bus* bus, const char* xml) { bus->description = xml; }
+
 void message_bus_set_method_callback(message_bus* bus, message_bus_method_callback callback) {
     bus->methodCallback = callback;
 }

@@ -53,6 +53,10 @@ void message_bus_free(message_bus** bus);
 /// runs the base.
 void message_bus_limit_descriptors(message_bus* bus);
 
+/// From now on the object answers introspection with this XML text, instead of libdbus, which knows nothing of its
+/// interface. The text stays the caller's and lives as long as the object; null leaves the answer to libdbus.
+void message_bus_describe(message_bus* bus, const char* xml);
+
 /// Sets the one callback of its kind; a message for which there is a listener but no callback counts as not handled.
 void message_bus_set_method_callback(message_bus* bus, message_bus_method_callback callback);
 void message_bus_set_signal_callback(message_bus* bus, message_bus_signal_callback callback);

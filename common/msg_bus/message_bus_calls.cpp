@@ -50,8 +50,24 @@ static const listener* findListener(const listener* list, const message_bus* bus
     return list;
 }
 
+static OwnedMessage newReply(DBusMessage* call, int type, const void* value) {
+    OwnedMessage reply(dbus_message_new_method_return(call));
+    if (!reply || !dbus_message_append_args(reply.get(), type, value, DBUS_TYPE_INVALID)) return nullptr;
+    return reply;
+}
+
+static DBusHandlerResult answerIntrospection(message_bus* bus, DBusMessage* call) {
+    if (dbus_message_get_no_reply(call)) return DBUS_HANDLER_RESULT_HANDLED;
+    const OwnedMessage reply(newReply(call, DBUS_TYPE_STRING, &bus->description));
+    const bool sent = reply && dbus_connection_send(bus->connection.get(), reply.get(), nullptr);
+    return sent ? DBUS_HANDLER_RESULT_HANDLED : DBUS_HANDLER_RESULT_NEED_MEMORY;
+}
+
 DBusHandlerResult handle_message(DBusConnection*, DBusMessage* message, void* data) {
     auto* bus = static_cast<message_bus*>(data);
+    if (bus->description && dbus_message_is_method_call(message, DBUS_INTERFACE_INTROSPECTABLE, "Introspect")) {
+        return answerIntrospection(bus, message);
+    }
     if (const listener* found = findListener(bus->signalListeners, bus, message, dbus_message_is_signal)) {
         if (!bus->signalCallback) return DBUS_HANDLER_RESULT_NOT_YET_HANDLED;
         bus->signalCallback(bus, found->name.get(), get_dbus_message_contents(message));
@@ -132,12 +148,6 @@ static bool sendMessage(message_bus* bus, const OwnedMessage& message) {
     if (!message || !dbus_connection_send(bus->connection.get(), message.get(), nullptr)) return false;
     flush(bus);
     return true;
-}
-
-static OwnedMessage newReply(DBusMessage* call, int type, const void* value) {
-    OwnedMessage reply(dbus_message_new_method_return(call));
-    if (!reply || !dbus_message_append_args(reply.get(), type, value, DBUS_TYPE_INVALID)) return nullptr;
-    return reply;
 }
 
 // Tells a client that its reply cannot be sent; it would wait for its time-out otherwise.

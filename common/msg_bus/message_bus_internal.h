@@ -56,8 +56,9 @@ struct message_bus {
     message_bus_method_callback methodCallback;
     message_bus_method_call_callback methodCallCallback;
     OwnedText name;
-    OwnedText path;  // null unless the object is registered there
-    bool hasFilter;  // whether the connection has the filter that this object added
+    const char* description;  // the XML text for introspection; null for none
+    OwnedText path;           // null unless the object is registered there
+    bool hasFilter;           // whether the connection has the filter that this object added
 };
 
 /// Serves the object's connection from its base; takes the connection over from the object that served it before. 1, or

@@ -9,8 +9,7 @@
 #include "src/dbusinterface/dyndns_sync.h"
 #include "src/dbusinterface/gateway_client.h"
 #include "src/dbusinterface/service_store.h"
-#include "src/requests/dyndnsrequest.h"
-#include "src/services/descriptions.h"
+#include "src/dyndnsrequest/dyndnsrequest.h"
 
 static constexpr char KLogCategory[] = "orvoservicemanager";
 static constexpr char KLogModule[] = "src/dbusinterface";
@@ -72,32 +71,30 @@ static OwnedText lowered(const char* name) {
     return copy;
 }
 
-static void answerIsEnabled(MethodCall& call) {
+static Reply answerIsEnabled(const MethodCall&) {
     LOG(INFO, "Dyn DNS IsEnabled requested");
     const OwnedText enable =
         easyGetPcbParamAsString(iBusPcbClient, getPcbObjectPathForDynDns(), getPcbParameterDynDnsEnable());
     if (!enable) {
         LOG(ERROR, "Dyn DNS IsEnabled error");
-        return replyText(call, KDbusError);
+        return KDbusError;
     }
     const bool enabled = isDataModelTrue(enable.get());
     LOG(INFO, enabled ? "Dyn DNS IsEnabled: true" : "Dyn DNS IsEnabled: false");
-    replyText(call, enabled ? KTrue : KFalse);
-    LOG(INFO, "Dyn DNS IsEnabled finished");
+    return {enabled ? KTrue : KFalse, "Dyn DNS IsEnabled finished"};
 }
 
-static void answerGetName(MethodCall& call) {
+static Reply answerGetName(const MethodCall&) {
     LOG(INFO, "Dyn DNS GetName requested");
     const OwnedText name = easyGetPcbParamAsString(iBusPcbClient, getPcbObjectPathForDynDns(), "HostName");
     if (!name) {
         LOG(ERROR, "Dyn DNS GetName error");
-        return replyText(call, KDbusError);
+        return KDbusError;
     }
-    const OwnedText reply = generateDbusResponseJson_StringResult("OK", *name ? name.get() : nullptr);
-    if (!reply) return replyText(call, KOutOfMemory);
+    OwnedText reply = generateDbusResponseJson_StringResult("OK", *name ? name.get() : nullptr);
+    if (!reply) return KOutOfMemory;
     LOG(INFO, "Dyn DNS GetName response: %s", reply.get());
-    replyText(call, reply.get());
-    LOG(INFO, "Dyn DNS GetName finished");
+    return {std::move(reply), "Dyn DNS GetName finished"};
 }
 
 // The reply to a server's answer about a name.
@@ -130,10 +127,9 @@ static const char* isNameTaken(const char* name) {
     return nameTakenReply(body.get());
 }
 
-static void answerIsNameTaken(MethodCall& call) {
+static Reply answerIsNameTaken(const MethodCall& call) {
     LOG(INFO, "Dyn DNS IsNameTaken requested");
-    replyText(call, isNameTaken(call.firstArgument));
-    LOG(INFO, "Dyn DNS IsNameTaken finished");
+    return {isNameTaken(call.firstArgument), "Dyn DNS IsNameTaken finished"};
 }
 
 // Reads Configure's arguments.
@@ -169,35 +165,32 @@ static Refusal configureOnServer(int enabled, const char* name) {
     return parseSuccessfulAnswer(body.get(), "Failed to configure DynDNS: %s") ? nullptr : KServerInternalError;
 }
 
-static void answerConfigure(MethodCall& call) {
+static Reply answerConfigure(const MethodCall& call) {
     LOG(INFO, "Dyn DNS Configure requested");
     int enabled = 0;
     OwnedText name;
-    if (const Refusal refusal = readConfigureArguments(call.message.get(), &enabled, &name)) {
-        return replyText(call, refusal);
+    if (const Refusal refusal = readConfigureArguments(call.message, &enabled, &name)) {
+        return refusal;
     }
-    if (const Refusal refusal = configureOnServer(enabled, name.get())) return replyText(call, refusal);
+    if (const Refusal refusal = configureOnServer(enabled, name.get())) return refusal;
     forgetOwedPush();
     // The reply says what the server accepted, even when the data model refuses the values.
     if (!storeDynDnsEnable(enabled)) LOG(ERROR, "Cannot set DynDNS enable value in PCB");
     (void)storeDynDnsHostName(name.get());
     saveOrvoServiceData();
-    replyText(call, KTrue);
-    LOG(INFO, "Dyn DNS Configure response: true");
-    LOG(INFO, "Dyn DNS Configure finished");
+    return {KTrue, "Dyn DNS Configure response: true", "Dyn DNS Configure finished"};
 }
 
-static void answerSetEnabled(MethodCall& call) {
+static Reply answerSetEnabled(const MethodCall& call) {
     LOG(INFO, "Dyn DNS SetEnabled requested");
     int enabled = 0;
-    if (!get_first_argument_bool_value(call.message.get(), &enabled)) return replyBool(call, false);
+    if (!get_first_argument_bool_value(call.message, &enabled)) return false;
     LOG(INFO, enabled ? "Requested enabled=true" : "Requested enabled=false");
     if (!easySetPcbParamBoolValue(iBusPcbClient, getPcbObjectPathForDynDns(), getPcbParameterDynDnsEnable(), enabled)) {
         LOG(ERROR, "Cannot SetEnabled DynDNS value in PCB");
-        return replyBool(call, false);
+        return false;
     }
-    replyBool(call, true);
-    LOG(INFO, "Dyn DNS SetEnabled finished");
+    return {true, "Dyn DNS SetEnabled finished"};
 }
 
 static constexpr Method KMethods[] = {
@@ -208,22 +201,18 @@ static constexpr Method KMethods[] = {
     {"SetEnabled",  "b",  true,  answerSetEnabled },
 };
 
-void handleDynDnsMethodCall(message_bus* bus, const char* method, const char* firstArgument, DBusMessage* call) {
-    dispatchMethodCall(KMethods, bus, method, firstArgument, call);
-}
-
 constexpr BusService KDynDnsService = {
+    .sourcePath = KLogModule,
     .interface = "com.corvane.orsm.dyndns",
     .path = "/dyndns",
-    .description = KDynDnsDescription,
     .methods = KMethods,
     .handler = handleDynDnsMethodCall,
     .enablingLine = "Enabling dyndns dbus",
     .cannotCreateLine = "Cannot create message bus",
     .createdLine = "Message bus created",
+    .object = &iDynDnsMessageBus,
 };
 
-bool enableDbusForDynDns(struct event_base* base) {
-    iDynDnsMessageBus = offerService(KDynDnsService, base);
-    return iDynDnsMessageBus != nullptr;
+void handleDynDnsMethodCall(message_bus* bus, const char* method, const char* firstArgument, DBusMessage* call) {
+    dispatchMethodCall(KDynDnsService, bus, method, firstArgument, call);
 }

@@ -7,13 +7,12 @@
 #include "common/text/text.h"
 #include "src/services/bus_service.h"
 
-extern message_bus* iDynDnsMessageBus;  // null while the service is not offered; released by the public bus interface
+extern message_bus* iDynDnsMessageBus;  // null while the service is not offered
 
 extern const BusService KDynDnsService;
 
-/// Offers the service on `base`; false when any of it failed (logged, nothing left behind). Main thread, before the bus
-/// thread runs.
-[[nodiscard]] bool enableDbusForDynDns(struct event_base* base);
+/// As offerService. Main thread, before the bus thread runs.
+[[nodiscard]] inline bool enableDbusForDynDns(struct event_base* base) { return offerService(KDynDnsService, base); }
 
 /// The service's method callback; takes `call` over. Bus thread; blocks for data-model exchanges, IsNameTaken and
 /// Configure for their server request too, and Configure for the GatewayClient before it.

@@ -9,7 +9,7 @@
 #include "src/dbusinterface/event_pipe.h"
 #include "src/dbusinterface/gateway_client.h"
 #include "src/dbusinterface/service_store.h"
-#include "src/requests/dyndnsrequest.h"
+#include "src/dyndnsrequest/dyndnsrequest.h"
 
 static constexpr char KLogCategory[] = "orvoservicemanager";
 static constexpr char KLogModule[] = "src/dbusinterface";

@@ -7,7 +7,7 @@
 #include "src/dbusinterface/dyndns_state.h"
 #include "src/dbusinterface/dyndns_sync.h"
 #include "src/dbusinterface/service_store.h"
-#include "src/requests/dyndnsrequest.h"
+#include "src/dyndnsrequest/dyndnsrequest.h"
 
 static constexpr char KLogCategory[] = "orvoservicemanager";
 static constexpr char KLogModule[] = "src/dbusinterface";

@@ -23,6 +23,7 @@
 #include "src/dbusinterface/gateway_client.h"
 #include "src/dbusinterface/reconciliation.h"
 #include "src/dbusinterface/service_store.h"
+#include "src/dyndnsrequest/dyndnsrequest.h"
 #include "src/main/cgnat_check.h"
 #include "src/main/daemonize.h"
 #include "src/main/data_model_watch.h"
@@ -31,7 +32,6 @@
 #include "src/main/public_interface.h"
 #include "src/main/startup_config.h"
 #include "src/orvoservicesinfo/orvoservicesinfo.h"
-#include "src/requests/dyndnsrequest.h"
 
 static constexpr char KLogCategory[] = "orvoservicemanager";
 static constexpr char KLogModule[] = "src/main";

@@ -10,12 +10,19 @@
 
 static constexpr char KSystemBusAddress[] = "unix:path=/var/run/dbus/system_bus_socket";
 
+static constexpr const BusService* KServices[] = {&KDynDnsService, &KVoltaroService, &KOrvoServicesInfoService};
+
+std::span<const BusService* const> busServices() { return KServices; }
+
 static bool bringUp(struct event_base* base) {
     // Out of memory here: the services connect to another bus, or fail to connect and log that.
     (void)message_bus_set_dbus_socket(KSystemBusAddress);
     iBusPcbClient = easyCreatePcbDataModelClient();
-    return iBusPcbClient && enableDbusForDynDns(base) && enableDbusForVoltaro(base) &&
-           enableDbusForOrvoServicesInfo(base);
+    if (!iBusPcbClient) return false;
+    for (const BusService* service : KServices) {
+        if (!offerService(*service, base)) return false;
+    }
+    return true;
 }
 
 bool enableDbusPublicInterface(struct event_base* base) {
@@ -32,9 +39,9 @@ void prepareToServeDbus() {
 }
 
 void disableDbusPublicInterface() {
-    message_bus_free(&iDynDnsMessageBus);
-    disableDbusForVoltaro();
-    disableDbusForOrvoServicesInfo();
+    for (const BusService* service : KServices) {
+        withdrawService(*service);
+    }
     easyDestroyPcbDataModelClient(iBusPcbClient);
     iBusPcbClient = nullptr;
 }

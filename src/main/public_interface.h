@@ -3,6 +3,13 @@
 
 #include <event2/event.h>
 
+#include <span>
+
+#include "src/services/bus_service.h"
+
+/// The daemon's services, in the order of their start. Any thread.
+std::span<const BusService* const> busServices();
+
 /// Brings everything up on `base`. True, or false when any of it failed (the failing step has logged why; what was made
 /// before is released). Once, on the main thread, before the bus thread runs.
 [[nodiscard]] bool enableDbusPublicInterface(struct event_base* base);

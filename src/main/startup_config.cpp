@@ -7,8 +7,8 @@
 #include "common/log_settings/log_settings.h"
 #include "common/text/text.h"
 #include "src/dbusinterface/reconciliation.h"
+#include "src/dyndnsrequest/dyndnsrequest.h"
 #include "src/orvoservicesinfo/orvoservicesinfo.h"
-#include "src/requests/dyndnsrequest.h"
 
 namespace {
 

@@ -2,13 +2,13 @@
 
 #include "common/log/log.h"
 #include "common/text/text.h"
-#include "src/services/descriptions.h"
 
 static constexpr char KLogCategory[] = "orvoservicemanager";
 static constexpr char KLogModule[] = "src/orvoservicesinfo";
 
-static message_bus* iOrvoServicesInfoMessageBus;  // null while the service is not offered
-static char* iOrvoServicesInfo;                   // owned; null without a text
+message_bus* iOrvoServicesInfoMessageBus;
+
+static char* iOrvoServicesInfo;  // owned; null without a text
 
 int initOrvoServicesInfo(const char* text) {
     OwnedText copy;
@@ -24,35 +24,28 @@ void cleanOrvoServicesInfo() {
     iOrvoServicesInfo = nullptr;
 }
 
-static void answerGet(MethodCall& call) {
+static Reply answerGet(const MethodCall&) {
     LOG(INFO, "OrvoServicesInfo Get requested");
-    replyText(call, iOrvoServicesInfo ? iOrvoServicesInfo : R"({"status":"ERROR"})");
-    LOG(INFO, "OrvoServicesInfo Get finished");
+    return {iOrvoServicesInfo ? iOrvoServicesInfo : R"({"status":"ERROR"})", "OrvoServicesInfo Get finished"};
 }
 
 static constexpr Method KMethods[] = {
     {"Get", "", false, answerGet},
 };
 
-void handleOrvoServicesInfoMethodCall(message_bus* bus, const char* method, const char* firstArgument,
-                                      DBusMessage* call) {
-    dispatchMethodCall(KMethods, bus, method, firstArgument, call);
-}
-
 constexpr BusService KOrvoServicesInfoService = {
+    .sourcePath = KLogModule,
     .interface = "com.corvane.orsm.orvoservicesinfo",
     .path = "/orvoservicesinfo",
-    .description = KOrvoServicesInfoDescription,
     .methods = KMethods,
     .handler = handleOrvoServicesInfoMethodCall,
     .enablingLine = "Enabling orvoServicesInfo dbus",
     .cannotCreateLine = "Cannot create OrvoServicesInfo message bus",
     .createdLine = "OrvoServicesInfo message bus created",
+    .object = &iOrvoServicesInfoMessageBus,
 };
 
-int enableDbusForOrvoServicesInfo(struct event_base* base) {
-    iOrvoServicesInfoMessageBus = offerService(KOrvoServicesInfoService, base);
-    return iOrvoServicesInfoMessageBus != nullptr;
+void handleOrvoServicesInfoMethodCall(message_bus* bus, const char* method, const char* firstArgument,
+                                      DBusMessage* call) {
+    dispatchMethodCall(KOrvoServicesInfoService, bus, method, firstArgument, call);
 }
-
-void disableDbusForOrvoServicesInfo() { message_bus_free(&iOrvoServicesInfoMessageBus); }

@@ -13,15 +13,15 @@
 /// Releases the stored text. Only while the bus thread does not answer calls.
 void cleanOrvoServicesInfo();
 
+extern message_bus* iOrvoServicesInfoMessageBus;  // null while the service is not offered
+
 extern const BusService KOrvoServicesInfoService;
 
-/// Offers the service on `base`: 1, or 0 when any of it failed (logged, nothing left behind). Main thread, before the
-/// bus thread runs.
-[[nodiscard]] int enableDbusForOrvoServicesInfo(struct event_base* base);
-
-/// Takes the service back, if it is offered; see message_bus_free for what that means for the other services. Only
-/// while no thread runs the base.
-void disableDbusForOrvoServicesInfo();
+/// As offerService and withdrawService.
+[[nodiscard]] inline bool enableDbusForOrvoServicesInfo(struct event_base* base) {
+    return offerService(KOrvoServicesInfoService, base);
+}
+inline void disableDbusForOrvoServicesInfo() { withdrawService(KOrvoServicesInfoService); }
 
 /// The service's method callback; takes `call` over. Bus thread; blocks until the reply is written.
 void handleOrvoServicesInfoMethodCall(message_bus* bus, const char* method, const char* firstArgument,

@@ -1,4 +1,4 @@
-// Method table, dispatch, description and registration, shared by the daemon's D-Bus services.
+// What the daemon's D-Bus services share: their description as a table, their registration and the dispatch of calls.
 #pragma once
 
 #include <dbus/dbus.h>
@@ -7,21 +7,29 @@
 #include <span>
 
 #include "common/msg_bus/message_bus.h"
-#include "common/owned/owned.h"
+#include "common/text/text.h"
 
-/// Releases a call that nobody answers (null is ignored); its client waits until its own time-out. Bus thread.
-inline void releaseUnanswered(DBusMessage* call) { message_bus_send_no_reply(nullptr, call); }
-using UnansweredCall = Owned<DBusMessage, releaseUnanswered>;
-
-/// A call that waits for its one answer. Answering takes the message out, so it cannot be answered twice; a call that
-/// goes out of scope unanswered is released.
+/// A method call, valid until the method returns.
 struct MethodCall {
-    message_bus* bus;
+    DBusMessage* message;
     const char* firstArgument;  // null when it has no text form; belongs to the message
-    UnansweredCall message;
 };
 
-/// The reply to send when a step fails; null when the step succeeded and the next one may follow.
+/// What a method answers: a text that lives as long as the program, a text that is released after it was sent, or a
+/// boolean; and at most two lines that are logged at INFO once the answer was sent.
+struct Reply {
+    const char* text = nullptr;  // null for a boolean
+    OwnedText owned;
+    bool flag = false;
+    const char* linesAfter[2] = {};
+
+    Reply(const char* fixed, const char* line = nullptr, const char* secondLine = nullptr)
+        : text(fixed), linesAfter{line, secondLine} {}
+    Reply(OwnedText built, const char* line) : text(built.get()), owned(std::move(built)), linesAfter{line, nullptr} {}
+    Reply(bool value, const char* line = nullptr) : flag(value), linesAfter{line, nullptr} {}
+};
+
+/// What a step of a method answers when it fails: the reply's text; null when the next step may follow.
 using Refusal = const char*;
 
 /// A method of a service. The service's description and the bus policy must agree with it; a test compares them.
@@ -29,38 +37,41 @@ struct Method {
     const char* name;
     const char* arguments;  // the types of what it takes, as D-Bus writes them
     bool isGuarded;         // it changes something or asks a server: for root and the group only
-    void (*answer)(MethodCall& call);
+    Reply (*answer)(const MethodCall& call);
 };
 
-/// All that makes one service: who it is on the bus, how it describes itself to clients that introspect it, its methods
-/// in the order of their registration, and the log lines of its registration that are its own.
+/// All that makes one service: where its code stands, who it is on the bus, its methods in the order of their
+/// registration, and the log lines of its registration that are its own.
 struct BusService {
+    const char* sourcePath;  // in the log lines about it
     const char* interface;
     const char* path;
-    const char* description;
     std::span<const Method> methods;
     message_bus_method_callback handler;
     const char* enablingLine;
     const char* cannotCreateLine;
     const char* createdLine;
+    message_bus** object;  // its bus object; null while the service is not offered
 };
 
-/// Makes the service's bus object, asks for the daemon's bus name, listens for the methods and answers introspection.
-/// `service` lives as long as the process. The object, to be freed with message_bus_free, or null when any of it failed
-/// (logged, nothing left behind). Blocks for the bus's answers. Main thread, before the bus thread runs.
-[[nodiscard]] message_bus* offerService(const BusService& service, struct event_base* base);
+/// The XML text that describes an interface to clients that introspect it; null for an unknown one. The text lives as
+/// long as the program. Any thread.
+const char* descriptionOf(const char* interface);
+
+/// Makes the service's bus object, asks for the daemon's bus name and listens for the methods: true, or false when any
+/// of it failed (logged, nothing left behind). Blocks for the bus's answers. Main thread, before the bus thread runs.
+[[nodiscard]] bool offerService(const BusService& service, struct event_base* base);
+
+/// Takes the service back, if it is offered; see message_bus_free for what that means for the other services. Only
+/// while no thread runs the base.
+void withdrawService(const BusService& service);
 
 /// Sets what every call waits for: `look` runs outside the gate before the call is logged and answered. Bus thread, or
 /// before it runs.
 void beforeEachCall(void (*look)());
 
-/// The body of every service's method callback: logs the call and lets the method of that name answer it, holding the
-/// gate. Takes `call` over: it is answered, or released without an answer, also for an unknown name (logged). Bus
-/// thread.
-void dispatchMethodCall(std::span<const Method> methods, message_bus* bus, const char* method,
-                        const char* firstArgument, DBusMessage* call);
-
-/// Answer the call and release its message, whatever the outcome; the message bus logs a reply that cannot be sent.
-/// `text` is not null and stays the caller's. Bus thread; blocks until the reply is written.
-void replyText(MethodCall& call, const char* text);
-void replyBool(MethodCall& call, bool value);
+/// The body of every service's method callback: logs the call, lets the method of that name answer it and sends the
+/// answer, holding the gate. Takes `call` over: it is answered once, or released without an answer for an unknown name
+/// (logged). The message bus logs an answer that cannot be sent. Bus thread; blocks until the answer is written.
+void dispatchMethodCall(const BusService& service, message_bus* bus, const char* method, const char* firstArgument,
+                        DBusMessage* call);

@@ -8,8 +8,8 @@
 
 #include "common/json/json.h"
 #include "common/log/one_text_format.h"
-#include "src/requests/dyndnsrequest.h"
-#include "src/requests/httprequest.h"
+#include "src/dyndnsrequest/dyndnsrequest.h"
+#include "src/httprequest/httprequest.h"
 
 static constexpr char KLogCategory[] = "orvoservicemanager";
 static constexpr char KLogModule[] = "src/voltarodbus";

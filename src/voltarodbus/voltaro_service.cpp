@@ -7,14 +7,13 @@
 #include "common/text/text.h"
 #include "src/dbusinterface/dyndns_state.h"
 #include "src/dbusinterface/service_store.h"
-#include "src/requests/dyndnsrequest.h"
-#include "src/services/descriptions.h"
+#include "src/dyndnsrequest/dyndnsrequest.h"
 #include "src/voltarodbus/voltaro_cloud.h"
 
 static constexpr char KLogCategory[] = "orvoservicemanager";
 static constexpr char KLogModule[] = "src/voltarodbus";
 
-static message_bus* iVoltaroMessageBus;  // null while the service is not offered
+message_bus* iVoltaroMessageBus;
 
 static constexpr char KOn[] = R"({"status":"OK","state":"on"})";
 static constexpr char KOff[] = R"({"status":"OK","state":"off"})";
@@ -109,14 +108,14 @@ static const NamedAction* findAction(const char* word) {
     return nullptr;
 }
 
-// The reply to Set; `*done` becomes true when the plug was switched.
-static const char* setSwitch(DBusMessage* message, bool* done) {
-    const char* switchId = get_first_argument_string_value(message);
+static Reply answerSet(const MethodCall& call) {
+    LOG(INFO, "Voltaro Set requested");
+    const char* switchId = get_first_argument_string_value(call.message);
     if (!switchId || !*switchId) {
         LOG(ERROR, "Missing dbus method argument: switchId");
         return KSwitchNotFound;
     }
-    const char* word = get_second_argument_string_value(message);
+    const char* word = get_second_argument_string_value(call.message);
     if (!word || !*word) {
         LOG(ERROR, "Missing dbus method argument: action");
         return KActionNotDefined;
@@ -132,15 +131,7 @@ static const char* setSwitch(DBusMessage* message, bool* done) {
     const OwnedText state = changeStateOfSwitch(token.get(), switchId, action->action, &error);
     if (!state) return refusalOf(error);
     LOG(DEBUG, "changeStateOfSwitch OK: %s", state.get());
-    *done = true;
-    return strcmp(state.get(), "on") == 0 ? KOn : KOff;
-}
-
-static void answerSet(MethodCall& call) {
-    LOG(INFO, "Voltaro Set requested");
-    bool done = false;
-    replyText(call, setSwitch(call.message.get(), &done));
-    if (done) LOG(INFO, "Voltaro Set finished");
+    return {strcmp(state.get(), "on") == 0 ? KOn : KOff, "Voltaro Set finished"};
 }
 
 // ----- Get
@@ -178,8 +169,9 @@ static OwnedText plugReply(cJSON* device) {
     return printJson(reply.get());
 }
 
-// `built` receives the reply to Get.
-static Refusal getSwitch(const char* switchId, OwnedText* built) {
+static Reply answerGet(const MethodCall& call) {
+    LOG(INFO, "Voltaro Get requested");
+    const char* switchId = call.firstArgument;
     if (!switchId || !*switchId) {
         LOG(ERROR, "Missing dbus method argument: switchId");
         return KSwitchNotFound;
@@ -192,18 +184,12 @@ static Refusal getSwitch(const char* switchId, OwnedText* built) {
     const OwnedJson parsed = parseJson(details.get());
     cJSON* device = nullptr;
     if (const Refusal refusal = readPlug(parsed.get(), &device)) return refusal;
-    *built = plugReply(device);
-    if (*built) return nullptr;
-    LOG(ERROR, "Cannot create json string");
-    return KOutOfMemory;
-}
-
-static void answerGet(MethodCall& call) {
-    LOG(INFO, "Voltaro Get requested");
-    OwnedText built;
-    if (const Refusal refusal = getSwitch(call.firstArgument, &built)) return replyText(call, refusal);
-    replyText(call, built.get());
-    LOG(INFO, "Voltaro Get finished");
+    OwnedText reply = plugReply(device);
+    if (!reply) {
+        LOG(ERROR, "Cannot create json string");
+        return KOutOfMemory;
+    }
+    return {std::move(reply), "Voltaro Get finished"};
 }
 
 // ----- EnableBackend
@@ -217,10 +203,9 @@ static bool enableBackend(DBusMessage* message) {
     return true;
 }
 
-static void answerEnableBackend(MethodCall& call) {
+static Reply answerEnableBackend(const MethodCall& call) {
     LOG(INFO, "Voltaro EnableBackend requested");
-    replyBool(call, enableBackend(call.message.get()));
-    LOG(INFO, "Voltaro EnableBackend finished");
+    return {enableBackend(call.message), "Voltaro EnableBackend finished"};
 }
 
 // ----- The service
@@ -231,24 +216,18 @@ static constexpr Method KMethods[] = {
     {"EnableBackend", "b",  true, answerEnableBackend},
 };
 
-void handleVoltaroMethodCall(message_bus* bus, const char* method, const char* firstArgument, DBusMessage* call) {
-    dispatchMethodCall(KMethods, bus, method, firstArgument, call);
-}
-
 constexpr BusService KVoltaroService = {
+    .sourcePath = KLogModule,
     .interface = "com.corvane.orsm.voltaro",
     .path = "/voltaro",
-    .description = KVoltaroDescription,
     .methods = KMethods,
     .handler = handleVoltaroMethodCall,
     .enablingLine = "Enabling Voltaro dbus",
     .cannotCreateLine = "Cannot create Voltaro message bus",
     .createdLine = "Voltaro message bus created",
+    .object = &iVoltaroMessageBus,
 };
 
-int enableDbusForVoltaro(struct event_base* base) {
-    iVoltaroMessageBus = offerService(KVoltaroService, base);
-    return iVoltaroMessageBus != nullptr;
+void handleVoltaroMethodCall(message_bus* bus, const char* method, const char* firstArgument, DBusMessage* call) {
+    dispatchMethodCall(KVoltaroService, bus, method, firstArgument, call);
 }
-
-void disableDbusForVoltaro() { message_bus_free(&iVoltaroMessageBus); }

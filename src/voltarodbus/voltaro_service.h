@@ -6,15 +6,13 @@
 
 #include "src/services/bus_service.h"
 
+extern message_bus* iVoltaroMessageBus;  // null while the service is not offered
+
 extern const BusService KVoltaroService;
 
-/// Offers the service on `base`: 1, or 0 when any of it failed (logged, nothing left behind). Main thread, before the
-/// bus thread runs.
-[[nodiscard]] int enableDbusForVoltaro(struct event_base* base);
-
-/// Takes the service back, if it is offered; see message_bus_free for what that means for the other services. Only
-/// while no thread runs the base.
-void disableDbusForVoltaro();
+/// As offerService and withdrawService.
+[[nodiscard]] inline bool enableDbusForVoltaro(struct event_base* base) { return offerService(KVoltaroService, base); }
+inline void disableDbusForVoltaro() { withdrawService(KVoltaroService); }
 
 /// The service's method callback; takes `call` over. Bus thread; Set and Get block for three or four requests of up to
 /// 30 s each, EnableBackend for its exchanges and the save.

@@ -4,13 +4,12 @@
 
 #include "common/json/json.h"
 #include "common/msg_bus/message_bus_internal.h"
-#include "src/dbusinterface/dyndns_service.h"
 #include "src/dbusinterface/dyndns_sync.h"
 #include "src/dbusinterface/service_store.h"
+#include "src/dyndnsrequest/dyndnsrequest.h"
+#include "src/httprequest/httprequest.h"
+#include "src/main/public_interface.h"
 #include "src/orvoservicesinfo/orvoservicesinfo.h"
-#include "src/requests/dyndnsrequest.h"
-#include "src/requests/httprequest.h"
-#include "src/voltarodbus/voltaro_service.h"
 #include "tests/fuzz/fuzz.h"
 #include "tests/world/bus_client.h"
 
@@ -59,7 +58,7 @@ static void startOver() {
 static void makeCall(DBusMessage* call) {
     bool taken = false;
     iReplies = 0;
-    for (const BusService* service : {&KDynDnsService, &KVoltaroService, &KOrvoServicesInfoService}) {
+    for (const BusService* service : busServices()) {
         for (const Method& method : service->methods) {
             listener only{copyText(method.name), nullptr};
             message_bus bus{};

@@ -12,7 +12,7 @@
 #include "src/dbusinterface/gateway_client.h"
 #include "src/dbusinterface/reconciliation.h"
 #include "src/dbusinterface/service_store.h"
-#include "src/requests/dyndnsrequest.h"
+#include "src/dyndnsrequest/dyndnsrequest.h"
 #include "tests/world/cloud.h"
 #include "tests/world/test_log.h"
 #include "tests/world/wrap.h"

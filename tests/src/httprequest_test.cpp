@@ -1,4 +1,4 @@
-#include "src/requests/httprequest.h"
+#include "src/httprequest/httprequest.h"
 
 #include <curl/curl.h>
 #include <gtest/gtest.h>

@@ -1,16 +1,15 @@
 // What the rows of the bus methods say is said elsewhere, too; and the data model's watch where it fails.
+#include "src/main/public_interface.h"
+
 #include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <sstream>
 
 #include "pcblib/pcbclient_internal.h"
-#include "src/dbusinterface/dyndns_service.h"
 #include "src/main/cgnat_check.h"
 #include "src/main/data_model_watch.h"
 #include "src/main/event_writer.h"
-#include "src/orvoservicesinfo/orvoservicesinfo.h"
-#include "src/voltarodbus/voltaro_service.h"
 #include "tests/world/test_log.h"
 #include "tests/world/wrap.h"
 
@@ -19,7 +18,7 @@ using namespace std::string_literals;
 TEST(Methods, MatchDescriptionAndPolicy) {
     const std::string policy = world::readFile(ORSM_SOURCE_FOLDER "/dbus/com.corvane.orsm.conf");
     const std::string examples = world::readFile(ORSM_SOURCE_FOLDER "/docs/dbus.md");
-    for (const BusService* service : {&KDynDnsService, &KVoltaroService, &KOrvoServicesInfoService}) {
+    for (const BusService* service : busServices()) {
         std::string described;
         for (const Method& method : service->methods) {
             described += std::string(method.name) + "(" + method.arguments + ") ";
@@ -31,7 +30,7 @@ TEST(Methods, MatchDescriptionAndPolicy) {
         }
         // The same from the description: each argument of a method has its type before its direction.
         std::string rows, line;
-        for (std::istringstream text(service->description); std::getline(text, line);) {
+        for (std::istringstream text(descriptionOf(service->interface)); std::getline(text, line);) {
             const size_t method = line.find("<method name=\""), in = line.find("\" direction=\"in\"");
             if (method != std::string::npos) rows += line.substr(method + 14, line.rfind('"') - method - 14) + "(";
             if (in != std::string::npos) rows += line[in - 1];

@@ -1,10 +1,10 @@
-#include "src/requests/dyndnsrequest.h"
+#include "src/dyndnsrequest/dyndnsrequest.h"
 
 #include <utility>
 
 #include "common/json/json.h"
 #include "common/log/log.h"
-#include "src/requests/httprequest.h"
+#include "src/httprequest/httprequest.h"
 
 #define DYNDNS_PATH "/hm/dyndns"
 #define STARDEVICE_PATH "/hm/stardevice/"
