@@ -8,9 +8,9 @@
 
 namespace {
 
-// A queue that is drained newest first: entries go in at the head and come out there.
+// A linked stack: entries go in at the head and come out there, the newest first.
 template <class Item>
-struct Queue {
+struct Stack {
     struct Entry {
         Item item;
         Entry* next;
@@ -67,11 +67,11 @@ static std::atomic<bool> iLoopCallIsAsked = false;
 static std::atomic<bool> iEnding = false;
 static_assert(std::atomic<bool>::is_always_lock_free, "set by a signal handler");
 
-static Queue<request_t*> iPendingExecutions;
-static Queue<request_t*> iPendingRequestReleases;
-static Queue<request_t*> iKeptRequests;              // all that live and do not wait for their release
-static Queue<char*> iPendingListens;                 // paths, owned
-static Queue<request_t*> iRequestsOfPendingListens;  // nobody else keeps these; they live as long as the client
+static Stack<request_t*> iPendingExecutions;
+static Stack<request_t*> iPendingRequestReleases;
+static Stack<request_t*> iKeptRequests;              // all that live and do not wait for their release
+static Stack<char*> iPendingListens;                 // paths, owned
+static Stack<request_t*> iRequestsOfPendingListens;  // nobody else keeps these; they live as long as the client
 
 void setPcbChangesCallbacks(PcbObjectChangedCallback objectChanged, PcbParamChangedCallback paramChanged) {
     iObjectChangedCallback = objectChanged;

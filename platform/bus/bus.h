@@ -77,6 +77,8 @@ bool startFunctions();
 void stopFunctions();
 /// Calls a function, after the delay that is set; answers of calls come in their order.
 void callFunction(Client* client, uint64_t id, const cJSON* frame);
+/// Serves the calls that have waited for the delay that is set now.
+void serveDueCalls();
 /// Drop one call of a client that waits (an unknown id is ignored), or all of them: they get no answer.
 void cancelCall(const Client* client, uint64_t id);
 void cancelCalls(const Client* client);

@@ -15,7 +15,7 @@ struct PendingCall {
     uint64_t id = 0;
     OwnedText path, function;
     OwnedJson arguments;
-    int64_t due = 0;  // milliseconds of the monotonic clock
+    int64_t asked = 0;  // milliseconds of the monotonic clock
     PendingCall* next = nullptr;
 };
 
@@ -128,15 +128,15 @@ static int64_t now() {
     return int64_t{time.tv_sec} * 1000 + time.tv_nsec / 1000000;
 }
 
-// Serves what is due and waits for the next.
-static void serveDue(evutil_socket_t, short, void*) {
-    while (firstCall && firstCall->due <= now()) {
+void serveDueCalls() {
+    const long delay = millisecondsOf(KSimulation, "Delay", 0);
+    while (firstCall && firstCall->asked + delay <= now()) {
         const OwnedRecord<PendingCall> call(firstCall);
         firstCall = call->next;
         serve(call.get());
     }
     if (!firstCall) return;
-    const long rest = static_cast<long>(std::max<int64_t>(firstCall->due - now(), 1));
+    const long rest = static_cast<long>(std::max<int64_t>(firstCall->asked + delay - now(), 1));
     const timeval time = {rest / 1000, rest % 1000 * 1000};
     event_base_update_cache_time(iBus.base);
     event_add(callTimer, &time);
@@ -154,15 +154,13 @@ void callFunction(Client* client, uint64_t id, const cJSON* frame) {
     if (!call->path || !call->function || (arguments && !call->arguments)) {
         return sendError(client, id, PCB_ERROR_NO_MEMORY, nullptr, nullptr);
     }
-    call->due = now() + millisecondsOf(KSimulation, "Delay", 0);
+    call->asked = now();
     PendingCall** end = &firstCall;
     while (*end) {
-        // A shorter delay lets no call overtake an earlier one.
-        call->due = std::max(call->due, (*end)->due);
         end = &(*end)->next;
     }
     *end = call.release();
-    serveDue(-1, 0, nullptr);
+    serveDueCalls();
 }
 
 template <class Condition>
@@ -187,7 +185,8 @@ void cancelCalls(const Client* client) {
 }
 
 bool startFunctions() {
-    callTimer = evtimer_new(iBus.base, serveDue, nullptr);
+    callTimer = evtimer_new(
+        iBus.base, [](evutil_socket_t, short, void*) { serveDueCalls(); }, nullptr);
     return callTimer;
 }
 

@@ -85,10 +85,11 @@ static constexpr struct {
     const char *path, *parameter;
     void (*react)();
 } KReactions[] = {
-    {KGatewayClient,   KConnectionMode,   followConnectionMode  },
-    {KGatewayClient,   KConnectionStatus, reportConnectionStatus},
-    {KSimulation,      "Connects",        followConnectionMode  },
-    {"NeMo.Intf.data", "Addresses",       updateQueries         },
+    {KGatewayClient,         KConnectionMode,   followConnectionMode  },
+    {KGatewayClient,         KConnectionStatus, reportConnectionStatus},
+    {KSimulation,            "Connects",        followConnectionMode  },
+    {"Simulation.Functions", "Delay",           serveDueCalls         },
+    {"NeMo.Intf.data",       "Addresses",       updateQueries         },
 };
 
 bool changeValue(object_t* object, parameter_t* parameter, const char* text) {

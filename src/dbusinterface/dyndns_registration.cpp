@@ -2,17 +2,16 @@
 
 #include <cstring>
 
+#include "src/dbusinterface/data_model_names.h"
 #include "src/dbusinterface/dyndns_state.h"
 #include "src/dbusinterface/service_store.h"
 
 static constexpr char KLogCategory[] = "orvoservicemanager";
 static constexpr char KLogModule[] = "src/dbusinterface";
 
-static constexpr char KHostName[] = "HostName";
-
 bool storeDynDnsEnable(bool enable) {
     const TriState value = enable ? TRI_TRUE : TRI_FALSE;
-    if (!easySetPcbParamBoolValue(iBusPcbClient, getPcbObjectPathForDynDns(), getPcbParameterDynDnsEnable(), enable)) {
+    if (!easySetPcbParamBoolValue(iBusPcbClient, KDynDnsObject, KDynDnsEnable, enable)) {
         // A write that was not answered in time may take effect later. It is reported only if it changes the value.
         iUnansweredEnable = value == iDynDnsEnable ? TRI_UNKNOWN : value;
         return false;
@@ -25,7 +24,7 @@ bool storeDynDnsEnable(bool enable) {
 }
 
 static bool clearHostName() {
-    if (!easyClearPcbParam(iBusPcbClient, getPcbObjectPathForDynDns(), KHostName)) {
+    if (!easyClearPcbParam(iBusPcbClient, KDynDnsObject, KHostName)) {
         LOG(ERROR, "Cannot clear DynDNS hostname value in PCB");
         return false;
     }
@@ -35,7 +34,7 @@ static bool clearHostName() {
 
 bool storeDynDnsHostName(const char* name) {
     if (!*name) return clearHostName();
-    if (!easySetPcbParam(iBusPcbClient, getPcbObjectPathForDynDns(), KHostName, name)) {
+    if (!easySetPcbParam(iBusPcbClient, KDynDnsObject, KHostName, name)) {
         LOG(ERROR, "Cannot set DynDNS hostname value in PCB");
         return false;
     }

@@ -4,6 +4,7 @@
 
 #include "common/json/json.h"
 #include "common/log/log.h"
+#include "src/dbusinterface/data_model_names.h"
 #include "src/dbusinterface/dyndns_registration.h"
 #include "src/dbusinterface/dyndns_state.h"
 #include "src/dbusinterface/dyndns_sync.h"
@@ -73,8 +74,7 @@ static OwnedText lowered(const char* name) {
 
 static Reply answerIsEnabled(const MethodCall&) {
     LOG(INFO, "Dyn DNS IsEnabled requested");
-    const OwnedText enable =
-        easyGetPcbParamAsString(iBusPcbClient, getPcbObjectPathForDynDns(), getPcbParameterDynDnsEnable());
+    const OwnedText enable = easyGetPcbParamAsString(iBusPcbClient, KDynDnsObject, KDynDnsEnable);
     if (!enable) {
         LOG(ERROR, "Dyn DNS IsEnabled error");
         return KDbusError;
@@ -86,7 +86,7 @@ static Reply answerIsEnabled(const MethodCall&) {
 
 static Reply answerGetName(const MethodCall&) {
     LOG(INFO, "Dyn DNS GetName requested");
-    const OwnedText name = easyGetPcbParamAsString(iBusPcbClient, getPcbObjectPathForDynDns(), "HostName");
+    const OwnedText name = easyGetPcbParamAsString(iBusPcbClient, KDynDnsObject, KHostName);
     if (!name) {
         LOG(ERROR, "Dyn DNS GetName error");
         return KDbusError;
@@ -186,7 +186,7 @@ static Reply answerSetEnabled(const MethodCall& call) {
     int enabled = 0;
     if (!get_first_argument_bool_value(call.message, &enabled)) return false;
     LOG(INFO, enabled ? "Requested enabled=true" : "Requested enabled=false");
-    if (!easySetPcbParamBoolValue(iBusPcbClient, getPcbObjectPathForDynDns(), getPcbParameterDynDnsEnable(), enabled)) {
+    if (!easySetPcbParamBoolValue(iBusPcbClient, KDynDnsObject, KDynDnsEnable, enabled)) {
         LOG(ERROR, "Cannot SetEnabled DynDNS value in PCB");
         return false;
     }

@@ -5,6 +5,7 @@
 #include "common/log/log.h"
 #include "common/text/text.h"
 #include "common/timer/timer.h"
+#include "src/dbusinterface/data_model_names.h"
 #include "src/dbusinterface/dyndns_registration.h"
 #include "src/dbusinterface/event_pipe.h"
 #include "src/dbusinterface/gateway_client.h"
@@ -13,9 +14,6 @@
 
 static constexpr char KLogCategory[] = "orvoservicemanager";
 static constexpr char KLogModule[] = "src/dbusinterface";
-
-static constexpr char KHostName[] = "HostName";
-static constexpr char KSyncNotFinished[] = "SyncNotFinished";
 
 static constexpr int KStartDelay = 1;          // seconds
 static constexpr int KFirstRetryInterval = 5;  // seconds, also what every retry adds
@@ -84,7 +82,7 @@ static void retryLater() {
 }
 
 static void markSyncUnfinished() {
-    if (!easySetPcbParamBoolValue(iBusPcbClient, getPcbObjectPathForDynDns(), KSyncNotFinished, 1)) {
+    if (!easySetPcbParamBoolValue(iBusPcbClient, KDynDnsObject, KSyncNotFinished, 1)) {
         LOG(WARN, "Cannot set dyn dns SyncNotFinished=1");
         return;
     }
@@ -92,7 +90,7 @@ static void markSyncUnfinished() {
 }
 
 static void markSyncFinished() {
-    if (!easySetPcbParamBoolValue(iBusPcbClient, getPcbObjectPathForDynDns(), KSyncNotFinished, 0)) {
+    if (!easySetPcbParamBoolValue(iBusPcbClient, KDynDnsObject, KSyncNotFinished, 0)) {
         LOG(WARN, "Cannot set dyn dns SyncNotFinished=0");
     }
     saveOrvoServiceData();
@@ -175,7 +173,7 @@ static bool pushRegistration() {
         LOG(INFO, "No possibility to setup dyn dns on server");
         return false;
     }
-    const OwnedText name = easyGetPcbParamAsString(iBusPcbClient, getPcbObjectPathForDynDns(), KHostName);
+    const OwnedText name = easyGetPcbParamAsString(iBusPcbClient, KDynDnsObject, KHostName);
     if (!name) {
         LOG(ERROR, "Read dyn dns error");
         return false;

@@ -12,9 +12,9 @@ extern int iDynDnsSyncRetryInterval;      // seconds until the retry after the n
 /// What one step decides on.
 struct SyncState {
     const char* haId;
-    int homeAutomationEnable;
-    int dnsServerStatus;
-    int isBehindCgNat;
+    TriState homeAutomationEnable;
+    TriState dnsServerStatus;
+    TriState isBehindCgNat;
     bool applicationServerUrlDefined;
 };
 

@@ -4,6 +4,7 @@
 
 #include "common/log/one_text_format.h"
 #include "common/text/text.h"
+#include "src/dbusinterface/data_model_names.h"
 #include "src/dbusinterface/dyndns_state.h"
 #include "src/dbusinterface/dyndns_sync.h"
 #include "src/dbusinterface/service_store.h"
@@ -34,7 +35,7 @@ static void copyHomeAutomationId(const char* id) {
 
 static void onHomeAutomationIdInit(const char* id) {
     copyHomeAutomationId(id);
-    const OwnedText unfinished = easyGetPcbParamAsString(iBusPcbClient, getPcbObjectPathForDynDns(), "SyncNotFinished");
+    const OwnedText unfinished = easyGetPcbParamAsString(iBusPcbClient, KDynDnsObject, KSyncNotFinished);
     if (!unfinished) {
         LOG(WARN, "Cannot determine state of previous DynDNS synchronization");
         return;
@@ -75,8 +76,7 @@ static void onDynDnsEnableInit(const char* value) { iDynDnsEnable = triStateOf(v
 
 // The switch as it is now; as it was reported when it cannot be read.
 static TriState presentDynDnsEnable(TriState reported) {
-    const OwnedText present =
-        easyGetPcbParamAsString(iBusPcbClient, getPcbObjectPathForDynDns(), getPcbParameterDynDnsEnable());
+    const OwnedText present = easyGetPcbParamAsString(iBusPcbClient, KDynDnsObject, KDynDnsEnable);
     return present ? triStateOf(present.get()) : reported;
 }
 

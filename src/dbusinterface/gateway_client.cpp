@@ -7,14 +7,11 @@
 #include "common/gate/gate.h"
 #include "common/log/log.h"
 #include "common/text/text.h"
+#include "src/dbusinterface/data_model_names.h"
 #include "src/dbusinterface/service_store.h"
 
 static constexpr char KLogCategory[] = "orvoservicemanager";
 static constexpr char KLogModule[] = "src/dbusinterface";
-
-static constexpr char KGatewayClientObject[] = "OrvoService.GatewayClient";
-static constexpr char KConnectionStatus[] = "ConnectionStatus";
-static constexpr char KConnectionMode[] = "ConnectionMode";
 
 static constexpr double KLongestWaitSeconds = 10.0;
 static constexpr time_t KWaitCeilingSeconds = 12;

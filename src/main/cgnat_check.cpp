@@ -6,14 +6,12 @@
 
 #include "common/json/json.h"
 #include "common/log/log.h"
+#include "src/dbusinterface/data_model_names.h"
 #include "src/dbusinterface/event_record.h"
 #include "src/main/event_writer.h"
 
 static constexpr char KLogCategory[] = "orvoservicemanager";
 static constexpr char KLogModule[] = "src/main";
-
-static constexpr char KQueryObject[] = "NeMo.Intf.data";
-static constexpr char KQueryPathPrefix[] = "NeMo.Intf.data.Query.";
 
 request_t* iRequestWanChangeNotify;
 
@@ -38,7 +36,7 @@ struct TextParameter {
 // A call on the query object with all of its parameters, or null. A call that lacks one would ask for something else,
 // and its answer would be taken for this one's.
 static request_t* prepareQuery(const char* function, std::span<const TextParameter> parameters) {
-    request_t* request = prepareToExecutePcbFunction(KQueryObject, function);
+    request_t* request = prepareToExecutePcbFunction(KWanObject, function);
     for (const TextParameter& parameter : parameters) {
         if (addStringParameter(request, parameter.name, parameter.value)) continue;
         freePcbRequestObject(request);
@@ -72,7 +70,7 @@ bool startWanQuery() {
 }
 
 bool isWanAddress(const char* path, const char* parameter) {
-    return strcmp(path, iPcbObjectPathForIntfDataQuery) == 0 && strcmp(parameter, "ResultString") == 0;
+    return strcmp(path, iPcbObjectPathForIntfDataQuery) == 0 && strcmp(parameter, KWanAddresses) == 0;
 }
 
 void checkCgNatAtStart() { iCheckCgNatOnInit = startCgNatCheck(); }
@@ -104,12 +102,12 @@ static void handleOpenQueryResult(const char* result) {
         LOG(ERROR, "Empty query number!");
         return;
     }
-    if (strlen(KQueryPathPrefix) + strlen(number) >= sizeof iPcbObjectPathForIntfDataQuery) {
+    if (strlen(KWanQueryPrefix) + strlen(number) >= sizeof iPcbObjectPathForIntfDataQuery) {
         // A truncated path would name another query.
         LOG(ERROR, "Query number too long: %s", number);
         return;
     }
-    snprintf(iPcbObjectPathForIntfDataQuery, sizeof iPcbObjectPathForIntfDataQuery, "%s%s", KQueryPathPrefix, number);
+    snprintf(iPcbObjectPathForIntfDataQuery, sizeof iPcbObjectPathForIntfDataQuery, "%s%s", KWanQueryPrefix, number);
     LOG(DEBUG, "QueryPath=%s", iPcbObjectPathForIntfDataQuery);
     freePcbRequestObjectAsync(iRequestWanChangeNotify);
     iRequestWanChangeNotify = listenToChangesInPcbObject(iPcbObjectPathForIntfDataQuery);
@@ -145,7 +143,7 @@ void pcbFunctionCallback(const char* path, const char* function, const char* res
     LOG(DEBUG, "OBJECT=%s", path);
     LOG(DEBUG, "FUNCTION=%s", function);
     LOG(DEBUG, "RESULT=%s", result);
-    if (strcmp(path, KQueryObject) != 0) return;
+    if (strcmp(path, KWanObject) != 0) return;
     if (strcmp(function, "openQuery") == 0) return handleOpenQueryResult(result);
     if (strcmp(function, "hasFlag") == 0) return handleHasFlagResult(result);
 }

@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "common/log/one_text_format.h"
+#include "src/dbusinterface/data_model_names.h"
 #include "src/dbusinterface/event_record.h"
 #include "src/main/cgnat_check.h"
 #include "src/main/event_writer.h"
@@ -19,11 +20,17 @@ static int initValueRead_DynDnsEnabled;
 
 namespace {
 
+// What a value causes: the event, and what a true one starts besides; null for nothing.
+struct Effect {
+    EventCode event;
+    void (*whenTrue)() = nullptr;
+};
+
 struct WatchedParameter {
     const char* object;
     const char* parameter;
-    EventCode initCode;
-    EventCode changedCode;
+    Effect onFirstValue;
+    Effect onChange;
     int* initValueRead;
     int initLevel;
     OneTextFormat initLine;
@@ -33,67 +40,74 @@ struct WatchedParameter {
 }  // namespace
 
 static constexpr WatchedParameter KWatched[] = {
-    {
-     .object = "OrvoService.HomeAutomation",
-     .parameter = "ApplicationServer",
-     .initCode = EVENT_APP_SERVER_URL_INIT,
-     .changedCode = EVENT_APP_SERVER_URL_CHANGED,
-     .initValueRead = &initValueRead_AppServerUrl,
-     .initLevel = LEVEL_DEBUG,
-     .initLine = "Application server URL init value: %s",
-     .initErrorLine = "Error reading application server URL init value",
-     },
-    {
-     .object = "OrvoService.HomeAutomation",
-     .parameter = "CommunicationServer",
-     .initCode = EVENT_COMM_SERVER_URL_INIT,
-     .changedCode = EVENT_COMM_SERVER_URL_CHANGED,
-     .initValueRead = &initValueRead_CommServerUrl,
-     .initLevel = LEVEL_DEBUG,
-     .initLine = "Communication server URL init value: %s",
-     .initErrorLine = "Error reading communication server URL init value",
-     },
-    {
-     .object = "NMC.HomeAutomation",
-     .parameter = "HA-ID",
-     .initCode = EVENT_HA_ID_INIT,
-     .changedCode = EVENT_HA_ID_CHANGED,
-     .initValueRead = &initValueRead_HaId,
-     .initLevel = LEVEL_INFO,
-     .initLine = "HA-ID init value: %s",
-     .initErrorLine = "Error reading HA-ID init value",
-     },
-    {
-     .object = "NMC.HomeAutomation",
-     .parameter = "Enable",
-     .initCode = EVENT_HA_ENABLE_INIT,
-     .changedCode = EVENT_HA_ENABLE_CHANGED,
-     .initValueRead = &initValueRead_HaEnable,
-     .initLevel = LEVEL_INFO,
-     .initLine = "HA enabled init value: %s",
-     .initErrorLine = "Error reading HA enabled init value",
-     },
-    {
-     .object = "DNS.Server",
-     .parameter = "Status",
-     .initCode = EVENT_DNS_SERVER_STATUS_INIT,
-     .changedCode = EVENT_DNS_SERVER_STATUS_CHANGED,
-     .initValueRead = &initValueRead_DnsServerStatus,
-     .initLevel = LEVEL_INFO,
-     .initLine = "DNS Server status init value: %s",
-     .initErrorLine = "Error reading DNS Server status init value",
-     },
-    {
-     .object = getPcbObjectPathForDynDns(),
-     .parameter = getPcbParameterDynDnsEnable(),
-     .initCode = EVENT_DYNDNS_ENABLE_INIT,
-     .changedCode = EVENT_DYNDNS_ENABLE_CHANGED,
-     .initValueRead = &initValueRead_DynDnsEnabled,
-     .initLevel = LEVEL_INFO,
-     .initLine = "DynDNS enabled init value: %s",
-     .initErrorLine = "Error reading DynDNS init value",
-     },
+    WatchedParameter{
+                     .object = KServersObject,
+                     .parameter = KApplicationServer,
+                     .onFirstValue = {EVENT_APP_SERVER_URL_INIT},
+                     .onChange = {EVENT_APP_SERVER_URL_CHANGED},
+                     .initValueRead = &initValueRead_AppServerUrl,
+                     .initLevel = LEVEL_DEBUG,
+                     .initLine = "Application server URL init value: %s",
+                     .initErrorLine = "Error reading application server URL init value",
+                     },
+    WatchedParameter{
+                     .object = KServersObject,
+                     .parameter = KCommunicationServer,
+                     .onFirstValue = {EVENT_COMM_SERVER_URL_INIT},
+                     .onChange = {EVENT_COMM_SERVER_URL_CHANGED},
+                     .initValueRead = &initValueRead_CommServerUrl,
+                     .initLevel = LEVEL_DEBUG,
+                     .initLine = "Communication server URL init value: %s",
+                     .initErrorLine = "Error reading communication server URL init value",
+                     },
+    WatchedParameter{
+                     .object = KHomeAutomationObject,
+                     .parameter = KHomeAutomationId,
+                     .onFirstValue = {EVENT_HA_ID_INIT},
+                     .onChange = {EVENT_HA_ID_CHANGED},
+                     .initValueRead = &initValueRead_HaId,
+                     .initLevel = LEVEL_INFO,
+                     .initLine = "HA-ID init value: %s",
+                     .initErrorLine = "Error reading HA-ID init value",
+                     },
+    WatchedParameter{
+                     .object = KHomeAutomationObject,
+                     .parameter = KHomeAutomationEnable,
+                     .onFirstValue = {EVENT_HA_ENABLE_INIT},
+                     .onChange = {EVENT_HA_ENABLE_CHANGED},
+                     .initValueRead = &initValueRead_HaEnable,
+                     .initLevel = LEVEL_INFO,
+                     .initLine = "HA enabled init value: %s",
+                     .initErrorLine = "Error reading HA enabled init value",
+                     },
+    WatchedParameter{
+                     .object = KDnsServerObject,
+                     .parameter = KDnsServerStatus,
+                     .onFirstValue = {EVENT_DNS_SERVER_STATUS_INIT, checkCgNatAtStart},
+                     .onChange = {EVENT_DNS_SERVER_STATUS_CHANGED, checkCgNatAgain},
+                     .initValueRead = &initValueRead_DnsServerStatus,
+                     .initLevel = LEVEL_INFO,
+                     .initLine = "DNS Server status init value: %s",
+                     .initErrorLine = "Error reading DNS Server status init value",
+                     },
+    WatchedParameter{
+                     .object = KDynDnsObject,
+                     .parameter = KDynDnsEnable,
+                     .onFirstValue = {EVENT_DYNDNS_ENABLE_INIT},
+                     .onChange = {EVENT_DYNDNS_ENABLE_CHANGED},
+                     .initValueRead = &initValueRead_DynDnsEnabled,
+                     .initLevel = LEVEL_INFO,
+                     .initLine = "DynDNS enabled init value: %s",
+                     .initErrorLine = "Error reading DynDNS init value",
+                     },
 };
+
+// Only "true" or "1" starts a check here, too: a list of addresses starts none.
+static constexpr Effect KWanAddressChange = {EVENT_WAN_ADDRESS_CHANGED, checkCgNatAgain};
+
+static void (*iInitialValuesCallback)();
+
+void setInitialValuesCallback(void (*callback)()) { iInitialValuesCallback = callback; }
 
 static request_t* iSubscriptions[std::size(KWatched)];  // null after the last
 
@@ -135,6 +149,11 @@ void releaseParameterWatch() {
     }
 }
 
+static void sendValue(const Effect& effect, const char* value) {
+    sendValueThroughPipe(effect.event, value);
+    if (effect.whenTrue && isDataModelTrue(value)) effect.whenTrue();
+}
+
 static void handleInitialValue(const WatchedParameter& watched, object_t* object) {
     *watched.initValueRead = 1;
     const OwnedText value = easyGetPcbParamByName(object, watched.parameter);
@@ -143,19 +162,10 @@ static void handleInitialValue(const WatchedParameter& watched, object_t* object
         return;
     }
     LOG_TEXT(watched.initLevel, watched.initLine, value.get());
-    sendValueThroughPipe(watched.initCode, value.get());
-    if (watched.initCode == EVENT_DNS_SERVER_STATUS_INIT && isDataModelTrue(value.get())) {
-        checkCgNatAtStart();
-    }
+    sendValue(watched.onFirstValue, value.get());
 }
 
-void pcbObjectChanged(const char* path, object_t* object) {
-    for (const WatchedParameter& watched : KWatched) {
-        if (!*watched.initValueRead && strcmp(path, watched.object) == 0) handleInitialValue(watched, object);
-    }
-}
-
-bool areInitialValuesSent() {
+static bool areInitialValuesSent() {
     bool sent = true;
     for (const WatchedParameter& watched : KWatched) {
         sent = sent && *watched.initValueRead;
@@ -163,26 +173,31 @@ bool areInitialValuesSent() {
     return sent;
 }
 
-// The code of a watched parameter's change, or EVENT_COUNT for a parameter that is not watched.
-static EventCode changedCodeOf(const char* path, const char* parameter) {
+void pcbObjectChanged(const char* path, object_t* object) {
     for (const WatchedParameter& watched : KWatched) {
-        if (strcmp(path, watched.object) == 0 && strcmp(parameter, watched.parameter) == 0) return watched.changedCode;
+        if (!*watched.initValueRead && strcmp(path, watched.object) == 0) handleInitialValue(watched, object);
     }
-    return isWanAddress(path, parameter) ? EVENT_WAN_ADDRESS_CHANGED : EVENT_COUNT;
+    if (!iInitialValuesCallback || !areInitialValuesSent()) return;
+    iInitialValuesCallback();
+    iInitialValuesCallback = nullptr;
+}
+
+// What a change of this parameter causes; null for one that is not watched.
+static const Effect* findEffect(const char* path, const char* parameter) {
+    for (const WatchedParameter& watched : KWatched) {
+        if (strcmp(path, watched.object) == 0 && strcmp(parameter, watched.parameter) == 0) return &watched.onChange;
+    }
+    return isWanAddress(path, parameter) ? &KWanAddressChange : nullptr;
 }
 
 void pcbParamChanged(const char* path, const char* parameter, const char* oldValue, const char* newValue) {
-    const EventCode code = changedCodeOf(path, parameter);
-    if (code == EVENT_COUNT) return;
+    const Effect* effect = findEffect(path, parameter);
+    if (!effect) return;
 
     LOG(DEBUG, "Change in observed PCB parameter");
     LOG(DEBUG, "OBJECT=%s", path);
     LOG(DEBUG, "PARAMETER=%s", parameter);
     LOG(DEBUG, "OLD_VALUE=%s", oldValue);
     LOG(DEBUG, "NEW_VALUE=%s", newValue);
-    sendValueThroughPipe(code, newValue);
-
-    if (code != EVENT_DNS_SERVER_STATUS_CHANGED && code != EVENT_WAN_ADDRESS_CHANGED) return;
-    // The same rule for both: only "true" or "1" starts a check. A list of addresses starts none.
-    if (isDataModelTrue(newValue)) checkCgNatAgain();
+    sendValue(*effect, newValue);
 }

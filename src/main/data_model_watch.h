@@ -11,8 +11,8 @@
 void pcbObjectChanged(const char* path, object_t* object);
 void pcbParamChanged(const char* path, const char* parameter, const char* oldValue, const char* newValue);
 
-/// Whether every watched parameter's first value was sent, or could not be read.
-[[nodiscard]] bool areInitialValuesSent();
+/// Sets what is called, once, when every watched parameter's first value was sent, or could not be read.
+void setInitialValuesCallback(void (*callback)());
 
 /// Subscribes again to each object that was not delivered: the data model may have refused it, because it came later
 /// than the daemon. In the loop, not from one of its callbacks for requests.

@@ -5,6 +5,7 @@
 #include "common/json/json.h"
 #include "common/log/log.h"
 #include "common/text/text.h"
+#include "src/dbusinterface/data_model_names.h"
 #include "src/dbusinterface/dyndns_state.h"
 #include "src/dbusinterface/service_store.h"
 #include "src/dyndnsrequest/dyndnsrequest.h"
@@ -197,7 +198,7 @@ static Reply answerGet(const MethodCall& call) {
 static bool enableBackend(DBusMessage* message) {
     int enabled = 0;
     if (!get_first_argument_bool_value(message, &enabled)) return false;
-    if (!easySetPcbParamBoolValue(helperPcbDataModelClient(), "OrvoService.Voltaro", "Enable", enabled)) return false;
+    if (!easySetPcbParamBoolValue(helperPcbDataModelClient(), KVoltaroObject, KVoltaroEnable, enabled)) return false;
     LOG(INFO, "Voltaro Enable set to %d", enabled);
     saveOrvoServiceData();
     return true;

@@ -41,7 +41,7 @@ TEST(Layers, EveryIncludeIsAllowed) {
                 EXPECT_TRUE(layers[path.parent_path()].contains(found[1])) << path << " includes from " << found[1];
             }
             // A log line names the file's folder, or the module in it.
-            for (const std::smatch& found : matches(text, "static constexpr char KLogModule\\[\\] = \"(.*)\";")) {
+            for (const std::smatch& found : matches(text, "\n[^/\n]*char KLogModule\\[\\] = \"(.*)\";")) {
                 const std::filesystem::path named = found[1].str();
                 const bool isModule = std::filesystem::exists(found.str(1) + ".h");
                 EXPECT_EQ(isModule ? named.parent_path() : named, path.parent_path()) << path;

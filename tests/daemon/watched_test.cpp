@@ -78,10 +78,11 @@ TEST(Watched, CgNatIsCheckedAgainAndChangesAreReported) {
     gateway.log.next("DEBUG RESULT={\"returns\":\"false\"}");
     gateway.set("NeMo.Intf.data", "Flags", "cgnat");
     gateway.set("NeMo.Intf.data", "Addresses", "10.0.0.1");  // no boolean: not asked
-    gateway.set("Simulation.Functions", "Delay", "1000");
+    gateway.set("Simulation.Functions", "Delay", "60000");
     gateway.set("DNS.Server", "Status", "true");
     gateway.set("DNS.Server", "Status", "1");
     gateway.log.next(" WARN Previous CG-NAT check is still pending!");
+    gateway.set("Simulation.Functions", "Delay", "0");
     gateway.log.next("CG-NAT status: true");
     EXPECT_EQ(gateway.log.count("CG-NAT status: "), 4U);
     gateway.set("OrvoService.DynDNS", "Enable", "true");

@@ -68,16 +68,17 @@ static void react(EventCode code, const std::string& value) {
 
 TEST(SyncDecision, FirstMatchingConditionDecides) {
     using enum SyncAction;
+    constexpr TriState unknown = TRI_UNKNOWN, yes = TRI_TRUE, no = TRI_FALSE;
     const std::tuple<SyncState, SyncAction, int, const char*> cases[] = {
-        {{"", 0, 0, 0, false},  SwitchOff,     LEVEL_WARN, "HA-ID is empty"                       },
-        {{"H", 0, 0, 0, false}, RetryLater,    LEVEL_INFO, "HA enable - state unknown"            },
-        {{"H", 2, 0, 0, false}, SwitchOff,     LEVEL_INFO, "HA is disabled"                       },
-        {{"H", 1, 0, 0, false}, RetryLater,    LEVEL_INFO, "DNS server is not yet ready"          },
-        {{"H", 1, 2, 1, false}, RetryLater,    LEVEL_INFO, "DNS server is not yet ready"          },
-        {{"H", 1, 1, 0, false}, RetryLater,    LEVEL_INFO, "CG-NAT check - state unknown"         },
-        {{"H", 1, 1, 1, false}, SwitchOff,     LEVEL_INFO, "CG-NAT check - we are behind CG-NAT"  },
-        {{"H", 1, 1, 2, false}, RetryLater,    LEVEL_WARN, "Application server URL is not defined"},
-        {{"H", 1, 1, 2, true},  FetchAndStore, LEVEL_INFO, nullptr                                },
+        {{"", unknown, unknown, unknown, false},  SwitchOff,     LEVEL_WARN, "HA-ID is empty"                       },
+        {{"H", unknown, unknown, unknown, false}, RetryLater,    LEVEL_INFO, "HA enable - state unknown"            },
+        {{"H", no, unknown, unknown, false},      SwitchOff,     LEVEL_INFO, "HA is disabled"                       },
+        {{"H", yes, unknown, unknown, false},     RetryLater,    LEVEL_INFO, "DNS server is not yet ready"          },
+        {{"H", yes, no, yes, false},              RetryLater,    LEVEL_INFO, "DNS server is not yet ready"          },
+        {{"H", yes, yes, unknown, false},         RetryLater,    LEVEL_INFO, "CG-NAT check - state unknown"         },
+        {{"H", yes, yes, yes, false},             SwitchOff,     LEVEL_INFO, "CG-NAT check - we are behind CG-NAT"  },
+        {{"H", yes, yes, no, false},              RetryLater,    LEVEL_WARN, "Application server URL is not defined"},
+        {{"H", yes, yes, no, true},               FetchAndStore, LEVEL_INFO, nullptr                                },
     };
     for (const auto& [state, action, level, reason] : cases) {
         const SyncDecision decision = decideSync(state);
