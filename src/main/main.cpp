@@ -52,7 +52,8 @@ static void renewWatch() {
 
 // The rest of the start, after the pid file. Returns the exit status only when it fails before the bus thread runs.
 static int serve() {
-    event_base* base = event_base_new();
+    static event_base* base;  // lives as long as the process
+    base = event_base_new();
     if (!base) {
         LOG(ERROR, "Cannot start event loop");
         return 1;
