@@ -14,12 +14,14 @@ constexpr char KDaemonLog[] = "/var/log/orsm.log";
 
 inline bool exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
 
-/// The configuration of a daemon that logs everything into KDaemonLog; `more` is appended.
+/// The shipped configuration for a daemon that logs everything into KDaemonLog, with `more` in front of it: of two
+/// lines with one key the first counts.
 inline std::string daemonConfiguration(const std::string& server, const std::string& ca, const std::string& more = "") {
-    return "serverrequests.pathtocabundlefile=" + ca + "\nserverrequests.applicationserver=" + server +
+    return more + "serverrequests.pathtocabundlefile=" + ca + "\nserverrequests.applicationserver=" + server +
            "\nserverrequests.voltaroserver=" + server +
-           "\norvoservicesinfo=\"{\\\"status\\\":\\\"OK\\\"}\"\ndemonize-process=false\nlogger.filename=" + KDaemonLog +
-           "\nlogger.file=true\nlogger.level=DEBUG\nlogger.category.message_bus=DEBUG\nlogger.enabled=true\n" + more;
+           "\norvoservicesinfo=\"{\\\"status\\\":\\\"OK\\\"}\"\nlogger.syslog=false\nlogger.filename=" + KDaemonLog +
+           "\nlogger.file=true\nlogger.level=DEBUG\nlogger.category.message_bus=DEBUG\n" +
+           readFile(ORSM_SOURCE_FOLDER "/orvoservicemanager.conf");
 }
 
 /// Starts a daemon (or a test variant of it) with a configuration.
@@ -49,7 +51,7 @@ struct Gateway {
 
     /// Starts the daemon (or a test variant); `before` goes in front of its configuration.
     void launch(const char* program = "orvoservicemanager", const std::string& before = "") {
-        daemon = startDaemon(before + daemonConfiguration(cloud->url(), cloud->caPath()), program);
+        daemon = startDaemon(daemonConfiguration(cloud->url(), cloud->caPath(), before), program);
     }
     /// Starts it and waits until it runs its loop and knows whether it is behind CG-NAT.
     void start(const char* program = "orvoservicemanager", Caller caller = here()) {

@@ -27,9 +27,9 @@ TEST(RefusedCall, FailsTheStart) {
     }) {
         SCOPED_TRACE(call);
         snprintf(steering().refused, sizeof steering().refused, "%s", call);
-        auto daemon = startDaemon(
-            (detaches ? "demonize-process=true\n" : "") + daemonConfiguration("https://127.0.0.1:1", "/none"),
-            "orvoservicemanager-steered");
+        auto daemon =
+            startDaemon(daemonConfiguration("https://127.0.0.1:1", "/none", detaches ? "demonize-process=true\n" : ""),
+                        "orvoservicemanager-steered");
         EXPECT_EQ(daemon->wait(), strcmp(call, "setsid") == 0 ? 0 : 1);  // there, the child fails
         log.next(line);
         EXPECT_TRUE(waitFor([] { return !exists(KPidFile); }));

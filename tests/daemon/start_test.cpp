@@ -26,9 +26,9 @@ TEST(CommandLine, WrongUseAndWrongConfigurationAreExplained) {
               "demonize-process=no\nserverrequests.voltaroserver=\norvoservicesinfo=\n"
               "serverrequests.applicationserver=u\n");
     writeFile("/var/run/line", "no equals sign\n");
-    const std::string whole = daemonConfiguration("u", "/none"), key = "synchronize.interval";
+    const std::string key = "synchronize.interval";
     const auto wrong = [&](const std::string& value) {
-        writeFile("/var/run/" + value, key + "=" + value + "\n" + whole);
+        writeFile("/var/run/" + value, daemonConfiguration("u", "/none", key + "=" + value + "\n"));
         return "Wrong " + key + " key in config file: " + value + " (0 or 3600 to 31536000)\n" + broken;
     };
     const std::pair<std::vector<std::string>, std::string> cases[] = {
