@@ -101,15 +101,15 @@ namespace {
 struct Reaction {
     EventCode code;
     OneTextFormat line;
-    void (*react)(const char* value);
+    void (*react)(const char* value);  // null: the record is ignored without a line
 };
 
 }  // namespace
 
-// An event without a row is ignored without a line.
 static constexpr Reaction KReactions[] = {
     {EVENT_APP_SERVER_URL_INIT,       "Application server URL init value: %s", onApplicationServerInit     },
     {EVENT_APP_SERVER_URL_CHANGED,    "Application server URL changed: %s",    onApplicationServerChanged  },
+    {EVENT_COMM_SERVER_URL_INIT,      {},                                      nullptr                     },
     {EVENT_COMM_SERVER_URL_CHANGED,   "Communication server URL changed: %s",  onCommunicationServerChanged},
     {EVENT_HA_ID_INIT,                "HA-ID value: %s",                       onHomeAutomationIdInit      },
     {EVENT_HA_ID_CHANGED,             "HA-ID value: %s",                       onHomeAutomationIdChanged   },
@@ -117,20 +117,30 @@ static constexpr Reaction KReactions[] = {
     {EVENT_HA_ENABLE_CHANGED,         "HA enable: %s",                         onHomeAutomationEnable      },
     {EVENT_DNS_SERVER_STATUS_INIT,    "DNS server status: %s",                 onDnsServerStatus           },
     {EVENT_DNS_SERVER_STATUS_CHANGED, "DNS server status: %s",                 onDnsServerStatus           },
+    {EVENT_WAN_ADDRESS_CHANGED,       {},                                      nullptr                     },
     {EVENT_CGNAT_STATUS_INIT,         "CG-NAT status: %s",                     onCgNatStatus               },
     {EVENT_CGNAT_STATUS_CHANGED,      "CG-NAT status: %s",                     onCgNatStatus               },
     {EVENT_DYNDNS_ENABLE_INIT,        "DynDNS enable: %s",                     onDynDnsEnableInit          },
     {EVENT_DYNDNS_ENABLE_CHANGED,     "DynDNS enable: %s",                     onDynDnsEnableChanged       },
 };
 
+// Every code has its row, in the place of its number.
+static consteval bool isComplete() {
+    size_t rows = 0;
+    while (rows < std::size(KReactions) && KReactions[rows].code == rows) {
+        ++rows;
+    }
+    return rows == EVENT_COUNT;
+}
+static_assert(isComplete());
+
 void reactToEvent(const EventRecord& record) {
     if (record.code >= EVENT_COUNT) {
         LOG(WARN, "Unknown event");
         return;
     }
-    for (const Reaction& reaction : KReactions) {
-        if (reaction.code != record.code) continue;
-        LOG_TEXT(LEVEL_INFO, reaction.line, record.value);
-        return reaction.react(record.value);
-    }
+    const Reaction& reaction = KReactions[record.code];
+    if (!reaction.react) return;
+    LOG_TEXT(LEVEL_INFO, reaction.line, record.value);
+    reaction.react(record.value);
 }

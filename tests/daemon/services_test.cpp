@@ -4,6 +4,8 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <span>
+
 #include "tests/daemon/daemon.h"
 #include "tests/world/bus_client.h"
 
@@ -43,15 +45,6 @@ struct Services : testing::Test {
     }
     void voltaro(const char* method, const BusArguments& arguments, const std::string& reply, const char* line) {
         call("voltaro", method, arguments, reply, line);
-    }
-    // Reads or switches the plug of the tests.
-    void plug(const std::string& what, const std::string& reply, const char* line) {
-        what == "Get" ? voltaro("Get", {"p-1"}, reply, line) : voltaro("Set", {"p-1", what}, reply, line);
-    }
-    // Orders what the next answer is: a fault of cloud-sim, or a body.
-    Services& after(const char* resource, const char* answer) {
-        *answer == '{' ? gateway_.cloud->answer(resource, 200, answer) : gateway_.cloud->fault(resource, answer);
-        return *this;
     }
     void synchronize() {
         gateway_.set("NMC.HomeAutomation", "HA-ID", "HA-1");
@@ -211,51 +204,77 @@ TEST_F(Services, HandleBadServerAnswersAndKeepTheAccountSecret) {
     synchronize();
     gateway_.cloud->order({"plug", "p-1", "on", "12.5"});
     gateway_.cloud->order({"account", "HA-1", "canary+mail", "canary&word"});
-    const BusArguments free = {"free"}, box = {true, "box"};
-    const std::string noServer = dynDnsError("SERVER_CONNECTION_ERROR"), odd = dynDnsError("SERVER_INTERNAL_ERROR");
-    const std::string noCloud = voltaroError("SERVER_CONNECTION_ERROR"),
-                      oddCloud = voltaroError("SERVER_INTERNAL_ERROR");
-    const std::string noLogin = voltaroError("CANNOT_LOGIN_TO_VOLTARO"), off = R"({"status":"OK","state":"off"})";
-    const std::string noAccount = voltaroError("NO_PAIRED_VOLTARO_ACCOUNT"), notText = DBUS_ERROR_FAILED;
-    after("verify", "close").dyndns("IsNameTaken", free, noServer, "ERROR Dyn DNS IsNameTaken error");
-    after("verify", "http500").dyndns("IsNameTaken", free, odd, " WARN Dyn DNS status error: INTERNAL_ERROR");
-    after("verify", "not-json").dyndns("IsNameTaken", free, odd, "Dyn DNS IsNameTaken finished");
-    after("verify", R"({"status":"SUCCESS"})").dyndns("IsNameTaken", free, odd, "Dyn DNS IsNameTaken OK: ");
-    after("verify", R"({"Status":"SUCCESS","AVAILABLE":1})").dyndns("IsNameTaken", free, KTrue, "IsNameTaken: true");
-    after("verify", R"({"status":"sUCCESS","available":true})").dyndns("IsNameTaken", free, odd, "error: sUCCESS");
-    after("set", "close").dyndns("Configure", box, noServer, "ERROR Dyn DNS Configure error");
-    after("set", "not-json").dyndns("Configure", box, odd, "Dyn DNS Configure OK: ");
-    after("set", "redirect").dyndns("Configure", box, odd, " WARN Failed to configure DynDNS: BAD_REQUEST");
-    after("params", "close").plug("Get", noCloud, "ERROR getParamsForHaId error");
-    after("params", "duplicate").plug("Get", oddCloud, " WARN Failed to get params: DUPLICATE");
-    after("params", "not-json").plug("Get", oddCloud, "Curl HTTP GET success");
-    after("params", R"({"status":"SUCCESS"})").plug("Get", noAccount, "Curl HTTP GET success");
-    after("params", R"({"status":"SUCCESS","params":{"email":"x"}})").plug("Get", noAccount, "GET success");
-    after("params", R"({"status":"SUCCESS","params":"{\"password\":\"x\"}"})")
-        .plug("Get", noAccount, " WARN Cannot find Voltaro email or password");
-    after("params", R"({"status":"SUCCESS","params":"{"})").plug("Get", oddCloud, "Curl HTTP GET success");
-    after("auth", "close").plug("Get", noLogin, "ERROR Cannot login to Voltaro");
-    after("auth", R"({"status":"OK","authToken":"t"})").plug("Get", noLogin, "ERROR Auth request returned error OK");
-    after("auth", R"({"status":"ok","authToken":7})").plug("Get", noLogin, "ERROR Cannot find authToken");
-    after("device", "close").plug("Get", noCloud, "ERROR Error while executing request ");
-    after("device", "http500").plug("Get", noCloud, "ERROR Request returned error ");
-    after("device", R"({"status":"ok"})").plug("Get", oddCloud, " WARN No device data in getSwitchDetails");
-    after("device", R"({"status":"ok","device":{"state":"on"}})").plug("Get", oddCloud, "Get switch details OK");
-    after("device", R"({"status":"ok","device":{"state":1,"power":1}})")
-        .plug("toggle", noCloud, "ERROR Unknown device state");
-    after("device", R"({"status":"ok"})").plug("toggle", noCloud, "ERROR No device contents");
-    after("device", "close").plug("toggle", noCloud, "ERROR Error while executing request ");
-    after("device", "{\"status\":\"ok\",\"device\":{\"state\":\"\xFF\",\"power\":1}}")
-        .plug("Get", notText, "failed to send DBus method response");
-    after("switch", "not-json").plug("on", noCloud, "Request returned OK");
-    after("switch", R"({"status":"ok"})").plug("on", noCloud, "ERROR Cannot find state in response json");
-    after("switch", R"({"status":"ok","state":"dimmed"})").plug("on", off, "Current switch state: dimmed");
-    after("switch", R"({"status":"no","error":"device.not.connected"})")
-        .plug("on", voltaroError("SWITCH_IS_OFFLINE"), "error no");
-    after("switch", R"({"status":"no","error":"switch.not.allowed"})")
-        .plug("on", voltaroError("SWITCH_ALREADY_HAS_SUCH_STATE"), "error no");
-    after("switch", R"({"status":"no","error":7})").plug("on", noCloud, "ERROR Request returned error no");
-    plug("toggle", off, "IIIIIIIIIIIIIIIIIIIIIIIIIIIIIIII Voltaro Set finished");
+    // A fault of cloud-sim or a body; the reply's status or the reply; and the line.
+    using Case = std::tuple<const char*, const char*, const char*>;
+    const auto play = [&](const char* resource, std::span<const Case> cases, const std::string& service,
+                          const char* method, const BusArguments& arguments) {
+        for (const auto& [answer, reply, line] : cases) {
+            *answer == '{' ? gateway_.cloud->answer(resource, 200, answer) : gateway_.cloud->fault(resource, answer);
+            const std::string error = service == "dyndns" ? dynDnsError(reply) : voltaroError(reply);
+            call(service, method, arguments, isupper(*reply) ? error : reply, line);
+        }
+    };
+    constexpr char KNoServer[] = "SERVER_CONNECTION_ERROR", KOdd[] = "SERVER_INTERNAL_ERROR";
+    constexpr char KNoAccount[] = "NO_PAIRED_VOLTARO_ACCOUNT", KNoLogin[] = "CANNOT_LOGIN_TO_VOLTARO";
+    constexpr char KOffline[] = "SWITCH_IS_OFFLINE", KAlready[] = "SWITCH_ALREADY_HAS_SUCH_STATE";
+    constexpr char KOff[] = R"({"status":"OK","state":"off"})", KNoText[] = DBUS_ERROR_FAILED;
+    constexpr char KNoEmail[] = R"({"status":"SUCCESS","params":"{\"password\":\"x\"}"})";
+    constexpr char KNotUtf8[] = "{\"status\":\"ok\",\"device\":{\"state\":\"\xFF\",\"power\":1}}";
+    const Case verify[] = {
+        {"close",                                    KNoServer,     "ERROR Dyn DNS IsNameTaken error"           },
+        {"http500",                                  KOdd,          " WARN Dyn DNS status error: INTERNAL_ERROR"},
+        {"not-json",                                 KOdd,          "Dyn DNS IsNameTaken finished"              },
+        {R"({"status":"SUCCESS"})",                  KOdd,          "Dyn DNS IsNameTaken OK: "                  },
+        {R"({"Status":"SUCCESS","AVAILABLE":1})",    KTrue.c_str(), "IsNameTaken: true"                         },
+        {R"({"status":"sUCCESS","available":true})", KOdd,          "error: sUCCESS"                            },
+    };
+    const Case set[] = {
+        {"close",    KNoServer, "ERROR Dyn DNS Configure error"                },
+        {"not-json", KOdd,      "Dyn DNS Configure OK: "                       },
+        {"redirect", KOdd,      " WARN Failed to configure DynDNS: BAD_REQUEST"},
+    };
+    const Case params[] = {
+        {"close",                                          KNoServer,  "ERROR getParamsForHaId error"               },
+        {"duplicate",                                      KOdd,       " WARN Failed to get params: DUPLICATE"      },
+        {"not-json",                                       KOdd,       "Curl HTTP GET success"                      },
+        {R"({"status":"SUCCESS"})",                        KNoAccount, "Curl HTTP GET success"                      },
+        {R"({"status":"SUCCESS","params":{"email":"x"}})", KNoAccount, "GET success"                                },
+        {KNoEmail,                                         KNoAccount, " WARN Cannot find Voltaro email or password"},
+        {R"({"status":"SUCCESS","params":"{"})",           KOdd,       "Curl HTTP GET success"                      },
+    };
+    const Case auth[] = {
+        {"close",                              KNoLogin, "ERROR Cannot login to Voltaro"       },
+        {R"({"status":"OK","authToken":"t"})", KNoLogin, "ERROR Auth request returned error OK"},
+        {R"({"status":"ok","authToken":7})",   KNoLogin, "ERROR Cannot find authToken"         },
+    };
+    const Case device[] = {
+        {"close",                                      KNoServer, "ERROR Error while executing request "    },
+        {"http500",                                    KNoServer, "ERROR Request returned error "           },
+        {R"({"status":"ok"})",                         KOdd,      " WARN No device data in getSwitchDetails"},
+        {R"({"status":"ok","device":{"state":"on"}})", KOdd,      "Get switch details OK"                   },
+        {KNotUtf8,                                     KNoText,   "failed to send DBus method response"     },
+    };
+    const Case deviceOfToggle[] = {
+        {R"({"status":"ok","device":{"state":1,"power":1}})", KNoServer, "ERROR Unknown device state"          },
+        {R"({"status":"ok"})",                                KNoServer, "ERROR No device contents"            },
+        {"close",                                             KNoServer, "ERROR Error while executing request "},
+    };
+    const Case switches[] = {
+        {"not-json",                                          KNoServer, "Request returned OK"                     },
+        {R"({"status":"ok"})",                                KNoServer, "ERROR Cannot find state in response json"},
+        {R"({"status":"ok","state":"dimmed"})",               KOff,      "Current switch state: dimmed"            },
+        {R"({"status":"no","error":"device.not.connected"})", KOffline,  "error no"                                },
+        {R"({"status":"no","error":"switch.not.allowed"})",   KAlready,  "error no"                                },
+        {R"({"status":"no","error":7})",                      KNoServer, "ERROR Request returned error no"         },
+    };
+    play("verify", verify, "dyndns", "IsNameTaken", {"free"});
+    play("set", set, "dyndns", "Configure", {true, "box"});
+    play("params", params, "voltaro", "Get", {"p-1"});
+    play("auth", auth, "voltaro", "Get", {"p-1"});
+    play("device", device, "voltaro", "Get", {"p-1"});
+    play("device", deviceOfToggle, "voltaro", "Set", {"p-1", "toggle"});
+    play("switch", switches, "voltaro", "Set", {"p-1", "on"});
+    voltaro("Set", {"p-1", "toggle"}, KOff, "IIIIIIIIIIIIIIIIIIIIIIIIIIIIIIII Voltaro Set finished");
     for (const char* secret : {"canary", "token-"}) {
         EXPECT_NE(gateway_.cloud->wire().find(secret), std::string::npos);
         EXPECT_EQ((gateway_.log.content() + readFile(KStore)).find(secret), std::string::npos) << secret;
