@@ -4,6 +4,7 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <span>
 
 #include "tests/daemon/daemon.h"
@@ -283,11 +284,14 @@ TEST_F(Services, HandleBadServerAnswersAndKeepTheAccountSecret) {
 
 TEST_F(Services, DescriptionsEqualTheInstalledFiles) {
     gateway_.start();
-    for (const std::string service : {"dyndns", "voltaro", "orvoservicesinfo"}) {
-        EXPECT_EQ(client_.call("/" + service, DBUS_INTERFACE_INTROSPECTABLE, "Introspect"),
-                  readFile(ORSM_SOURCE_FOLDER "/dbus/com.corvane.orsm." + service + ".xml"));
+    size_t services = 0;
+    for (const auto& file : std::filesystem::directory_iterator(ORSM_SOURCE_FOLDER "/dbus")) {
+        if (file.path().extension() != ".xml") continue;
+        const std::string path = "/" + file.path().stem().extension().string().substr(1);
+        EXPECT_EQ(client_.call(path, DBUS_INTERFACE_INTROSPECTABLE, "Introspect"), readFile(file.path())) << path;
+        ++services;
     }
-    EXPECT_EQ(gateway_.log.count(" INFO Enabling "), 3U);
+    EXPECT_EQ(gateway_.log.count(" INFO Enabling "), services);
     EXPECT_EQ(gateway_.log.count(" INFO Voltaro message bus created"), 1U);
 }
 
