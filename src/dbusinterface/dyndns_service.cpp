@@ -216,3 +216,5 @@ constexpr BusService KDynDnsService = {
 void handleDynDnsMethodCall(message_bus* bus, const char* method, const char* firstArgument, DBusMessage* call) {
     dispatchMethodCall(KDynDnsService, bus, method, firstArgument, call);
 }
+
+bool enableDbusForDynDns(struct event_base* base) { return offerService(KDynDnsService, base); }

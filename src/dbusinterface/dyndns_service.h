@@ -12,7 +12,7 @@ extern message_bus* iDynDnsMessageBus;  // null while the service is not offered
 extern const BusService KDynDnsService;
 
 /// As offerService. Main thread, before the bus thread runs.
-[[nodiscard]] inline bool enableDbusForDynDns(struct event_base* base) { return offerService(KDynDnsService, base); }
+[[nodiscard]] bool enableDbusForDynDns(struct event_base* base);
 
 /// The service's method callback; takes `call` over. Bus thread; blocks for data-model exchanges, IsNameTaken and
 /// Configure for their server request too, and Configure for the GatewayClient before it.

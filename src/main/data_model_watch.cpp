@@ -1,6 +1,7 @@
 #include "src/main/data_model_watch.h"
 
 #include <cstring>
+#include <utility>
 
 #include "common/log/one_text_format.h"
 #include "src/dbusinterface/data_model_names.h"
@@ -177,9 +178,8 @@ void pcbObjectChanged(const char* path, object_t* object) {
     for (const WatchedParameter& watched : KWatched) {
         if (!*watched.initValueRead && strcmp(path, watched.object) == 0) handleInitialValue(watched, object);
     }
-    if (!iInitialValuesCallback || !areInitialValuesSent()) return;
-    iInitialValuesCallback();
-    iInitialValuesCallback = nullptr;
+    if (!areInitialValuesSent()) return;
+    if (const auto callback = std::exchange(iInitialValuesCallback, nullptr)) callback();
 }
 
 // What a change of this parameter causes; null for one that is not watched.

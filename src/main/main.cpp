@@ -29,6 +29,8 @@ static constexpr char KLogModule[] = "src/main";
 
 static constexpr const char* KOrsmVersion = ORSM_VERSION;
 
+static struct event_base* iEventBase;  // the bus thread's; lives as long as the process
+
 // What a reconciliation asks for before it synchronizes.
 static void renewWatch() {
     renewParameterWatch();
@@ -52,22 +54,21 @@ static void renewWatch() {
 
 // The rest of the start, after the pid file. Returns the exit status only when it fails before the bus thread runs.
 static int serve() {
-    static event_base* base;  // lives as long as the process
-    base = event_base_new();
-    if (!base) {
+    iEventBase = event_base_new();
+    if (!iEventBase) {
         LOG(ERROR, "Cannot start event loop");
         return 1;
     }
-    iPipeForPcbChanges = createPipeForProvidingChangesInDataModel(base);
+    iPipeForPcbChanges = createPipeForProvidingChangesInDataModel(iEventBase);
     if (!iPipeForPcbChanges) {
         LOG(ERROR, "Cannot create pipe for listening pcb changes");
         return 1;
     }
-    if (!enableDbusPublicInterface(base)) {
+    if (!enableDbusPublicInterface(iEventBase)) {
         LOG(ERROR, "Cannot enable dbus");
         return 1;
     }
-    if (!startBusThread(base)) {
+    if (!startBusThread(iEventBase)) {
         LOG(ERROR, "Could not create thread for dbus handling");
         return 1;
     }

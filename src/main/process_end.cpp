@@ -21,6 +21,7 @@ static constexpr suseconds_t KEndMicroseconds = 800'000;
 static constexpr unsigned KLongestEndSeconds = 3;
 
 static std::atomic<int> iEndStatus = 0;
+static std::atomic<bool> iEndIsLimited = false;
 
 extern "C" void __lsan_do_leak_check() __attribute__((weak));
 
@@ -32,8 +33,26 @@ void endAtOnce(int status) {
 // A system log that has stopped reading can block both threads.
 static void endAtTheLimit(int) { endAtOnce(iEndStatus); }
 
-static void limitTheEnd(int status) {
-    iEndStatus = status;
+static void handleSignal(int signalNumber, void (*handler)(int)) {
+    struct sigaction action = {};
+    action.sa_handler = handler;
+    action.sa_flags = SA_RESTART;
+    sigaction(signalNumber, &action, nullptr);
+}
+
+static void handleEndSignals(void (*handler)(int)) {
+    handleSignal(SIGTERM, handler);
+    handleSignal(SIGINT, handler);
+}
+
+// Once: a second signal does not put the end off.
+static void limitTheWholeEnd() {
+    if (iEndIsLimited.exchange(true)) return;
+    handleSignal(SIGALRM, endAtTheLimit);
+    alarm(KLongestEndSeconds);
+}
+
+static void limitTheRest() {
     itimerval limit = {};
     limit.it_value.tv_usec = KEndMicroseconds;
     setitimer(ITIMER_REAL, &limit, nullptr);
@@ -46,8 +65,10 @@ static void checkForLeaks() {
 }
 
 void endProcess(int status) {
+    iEndStatus = status;
+    limitTheWholeEnd();
     closeGateForever();
-    limitTheEnd(status);
+    limitTheRest();
     putConnectionModeBack(iPcbContext);
     releaseParameterWatch();
     releaseCgNatCheck();
@@ -59,26 +80,13 @@ void endProcess(int status) {
     endAtOnce(status);
 }
 
-static void handleSignal(int signalNumber, void (*handler)(int)) {
-    struct sigaction action = {};
-    action.sa_handler = handler;
-    action.sa_flags = SA_RESTART;
-    sigaction(signalNumber, &action, nullptr);
-}
-
-static void handleEndSignals(void (*handler)(int)) {
-    handleSignal(SIGTERM, handler);
-    handleSignal(SIGINT, handler);
-    handleSignal(SIGALRM, endAtTheLimit);
-}
-
 void endAtOnceOnSignals() {
     handleEndSignals([](int) { endAtOnce(0); });
 }
 
 void endLoopOnSignals() {
     handleEndSignals([](int) {
-        alarm(KLongestEndSeconds);
+        limitTheWholeEnd();
         endPcbDataModelEventLoop();
     });
 }

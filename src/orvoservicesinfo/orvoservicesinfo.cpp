@@ -49,3 +49,7 @@ void handleOrvoServicesInfoMethodCall(message_bus* bus, const char* method, cons
                                       DBusMessage* call) {
     dispatchMethodCall(KOrvoServicesInfoService, bus, method, firstArgument, call);
 }
+
+bool enableDbusForOrvoServicesInfo(struct event_base* base) { return offerService(KOrvoServicesInfoService, base); }
+
+void disableDbusForOrvoServicesInfo() { withdrawService(KOrvoServicesInfoService); }

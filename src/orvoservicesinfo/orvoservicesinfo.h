@@ -18,10 +18,8 @@ extern message_bus* iOrvoServicesInfoMessageBus;  // null while the service is n
 extern const BusService KOrvoServicesInfoService;
 
 /// As offerService and withdrawService.
-[[nodiscard]] inline bool enableDbusForOrvoServicesInfo(struct event_base* base) {
-    return offerService(KOrvoServicesInfoService, base);
-}
-inline void disableDbusForOrvoServicesInfo() { withdrawService(KOrvoServicesInfoService); }
+[[nodiscard]] bool enableDbusForOrvoServicesInfo(struct event_base* base);
+void disableDbusForOrvoServicesInfo();
 
 /// The service's method callback; takes `call` over. Bus thread; blocks until the reply is written.
 void handleOrvoServicesInfoMethodCall(message_bus* bus, const char* method, const char* firstArgument,

@@ -62,8 +62,8 @@ void dispatchMethodCall(const BusService& service, message_bus* bus, const char*
         return message_bus_send_no_reply(bus, call);
     }
     const Reply reply = method->answer({call, firstArgument});
-    (void)(reply.text ? message_bus_send_string_reply(bus, call, reply.text)
-                      : message_bus_send_bool_reply(bus, call, reply.flag));
+    (void)(reply.isText ? message_bus_send_string_reply(bus, call, reply.text)
+                        : message_bus_send_bool_reply(bus, call, reply.flag));
     for (const char* line : reply.linesAfter) {
         if (line) LOG(INFO, "%s", line);
     }

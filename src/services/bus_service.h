@@ -16,17 +16,24 @@ struct MethodCall {
 };
 
 /// What a method answers: a text that lives as long as the program, a text that is released after it was sent, or a
-/// boolean; and at most two lines that are logged at INFO once the answer was sent.
+/// boolean; and at most two lines that are logged at INFO once the answer was sent. A text that is null is answered
+/// with an error.
 struct Reply {
-    const char* text = nullptr;  // null for a boolean
-    OwnedText owned;
+    bool isText;
     bool flag = false;
-    const char* linesAfter[2] = {};
+    OwnedText owned;
+    const char* text = nullptr;
+    const char* linesAfter[2];
 
-    Reply(const char* fixed, const char* line = nullptr, const char* secondLine = nullptr)
-        : text(fixed), linesAfter{line, secondLine} {}
-    Reply(OwnedText built, const char* line) : text(built.get()), owned(std::move(built)), linesAfter{line, nullptr} {}
-    Reply(bool value, const char* line = nullptr) : flag(value), linesAfter{line, nullptr} {}
+    Reply(const char* fixed, const char* first = nullptr, const char* second = nullptr)
+        : isText(true), text(fixed), linesAfter{first, second} {}
+    Reply(OwnedText built, const char* first = nullptr, const char* second = nullptr)
+        : isText(true), owned(std::move(built)), text(owned.get()), linesAfter{first, second} {}
+    Reply(bool value, const char* first = nullptr, const char* second = nullptr)
+        : isText(false), flag(value), linesAfter{first, second} {}
+    // An owner's text would be gone when it is sent: hand the owner over.
+    Reply(char*, const char* = nullptr, const char* = nullptr) = delete;
+    Reply(std::nullptr_t, const char* = nullptr, const char* = nullptr) = delete;
 };
 
 /// What a step of a method answers when it fails: the reply's text; null when the next step may follow.

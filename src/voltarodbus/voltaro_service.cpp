@@ -232,3 +232,7 @@ constexpr BusService KVoltaroService = {
 void handleVoltaroMethodCall(message_bus* bus, const char* method, const char* firstArgument, DBusMessage* call) {
     dispatchMethodCall(KVoltaroService, bus, method, firstArgument, call);
 }
+
+int enableDbusForVoltaro(struct event_base* base) { return offerService(KVoltaroService, base) ? 1 : 0; }
+
+void disableDbusForVoltaro() { withdrawService(KVoltaroService); }

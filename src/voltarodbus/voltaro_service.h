@@ -10,9 +10,9 @@ extern message_bus* iVoltaroMessageBus;  // null while the service is not offere
 
 extern const BusService KVoltaroService;
 
-/// As offerService and withdrawService.
-[[nodiscard]] inline bool enableDbusForVoltaro(struct event_base* base) { return offerService(KVoltaroService, base); }
-inline void disableDbusForVoltaro() { withdrawService(KVoltaroService); }
+/// As offerService (1 or 0) and withdrawService.
+[[nodiscard]] int enableDbusForVoltaro(struct event_base* base);
+void disableDbusForVoltaro();
 
 /// The service's method callback; takes `call` over. Bus thread; Set and Get block for three or four requests of up to
 /// 30 s each, EnableBackend for its exchanges and the save.

@@ -131,6 +131,7 @@ TEST(Log, CategoryThresholdOverridesGlobalThreshold) {
         {"enabled=True level=TRACE",                                                   "5555"},
         {"enabled=true level=quiet category.a=WARN category.a=DEBUG category.c=TRACE", "3503"},
         {"enabled=yess level=TRACE",                                                   "5555"},
+        {"level=TRACE",                                                                "5555"},
         {"enabled=true enabled=no category.a=TRACE level=TRACE",                       "5555"},
     };
     for (const auto& [words, expected] : cases) {

@@ -30,7 +30,7 @@ TEST(Methods, MatchDescriptionAndPolicy) {
         }
         // The same from the description: each argument of a method has its type before its direction.
         std::string rows, line;
-        for (std::istringstream text(descriptionOf(service->interface)); std::getline(text, line);) {
+        for (std::istringstream text(textOrEmpty(descriptionOf(service->interface))); std::getline(text, line);) {
             const size_t method = line.find("<method name=\""), in = line.find("\" direction=\"in\"");
             if (method != std::string::npos) rows += line.substr(method + 14, line.rfind('"') - method - 14) + "(";
             if (in != std::string::npos) rows += line[in - 1];
