@@ -156,8 +156,10 @@ TEST(Agreement, ReconciliationRepairsDifferences) {
         gateway.run(configuration);
     };
     const auto call = [&](const char* method, const BusArguments& arguments, const char* line) {
-        gateway.client.call("/dyndns", "", method, arguments);
-        gateway.log.next(line);
+        EXPECT_TRUE(waitFor([&] {  // again when a synchronization comes between
+            gateway.client.call("/dyndns", "", method, arguments);
+            return gateway.log.count(line) > 0;
+        }));
     };
     const char* const hourly = "synchronize.interval=3600\n";
     set("Simulation.Objects", "Refused", "NeMo.Intf.data.Query.1");
@@ -185,18 +187,16 @@ TEST(Agreement, ReconciliationRepairsDifferences) {
         gateway.cloud->order({"fault", "get", "http500", "0"});
         gateway.cloud->order({"take", "first"});
         call("SetEnabled", {false}, "Failed to configure DynDNS: NAME_TAKEN");
-        call("Configure", {false, "old"}, "Dyn DNS Configure finished");
+        call("Configure", {false, "old"}, "Dyn DNS Configure OK: ");
         gateway.cloud->order({"register", "HA-1", "new", "true"});
         gateway.step("U/moved");
     });
     comesTo("second", "false", [&] {  // a new HA-ID, whose synchronization waits when the daemon ends
         gateway.step("D-");
         gateway.step("H2");
-        gateway.log.next("DNS server is not yet ready");
         restart(hourly, [&] { set("DNS.Server", "Status", "true"); });
     });
     comesTo("third", "true", [&] {  // a watch and a check that failed at the start, and a switch that nobody took
-        gateway.cloud->order({"register", "HA-2", "third", "true"});
         set("NMC.HomeAutomation", "Enable", "false");
         set("Simulation.Objects", "Refused", "NMC.HomeAutomation");
         set("Simulation.Functions", "Failing", "hasFlag");
@@ -205,6 +205,7 @@ TEST(Agreement, ReconciliationRepairsDifferences) {
         set("Simulation.Objects", "Refused", "");
         set("Simulation.Functions", "Failing", "");
         gateway.log.next("HA is disabled");
+        gateway.cloud->order({"register", "HA-2", "third", "true"});
         set("NMC.HomeAutomation", "Enable", "true");
     });
     comesTo("", "false", [&] { restart(hourly, [&] { set("NeMo.Intf.data", "Flags", "cgnat"); }); });

@@ -103,6 +103,7 @@ class Sync : public testing::Test {
         iBusPcbClient = easyCreatePcbDataModelClient();
         iBusEventBase = event_base_new();
         EXPECT_TRUE(easySetPcbParamBoolValue(iBusPcbClient, getPcbObjectPathForDynDns(), "SyncNotFinished", 0));
+        set("OrvoService.GatewayClient", "ConnectionStatus", "true");
         react(EVENT_APP_SERVER_URL_INIT, "");
         react(EVENT_HA_ENABLE_INIT, "true");
         react(EVENT_DNS_SERVER_STATUS_INIT, "1");
@@ -215,7 +216,6 @@ TEST_F(Sync, GuardWaitsRestoresTheModeAndGivesUpInTime) {
 }
 
 TEST_F(Sync, StoresAnAnswerOrRetries) {
-    set("OrvoService.GatewayClient", "ConnectionStatus", "true");
     // A fault or a body comes to this name and this switch; with a line of an error the step is tried again.
     const auto comesTo = [&](const std::string& answer, const char* name, const char* enable, const char* error) {
         SCOPED_TRACE(answer);
@@ -237,7 +237,6 @@ TEST_F(Sync, StoresAnAnswerOrRetries) {
 }
 
 TEST_F(Sync, OwedPushGoesOutFirstUntilItIsForgotten) {
-    set("OrvoService.GatewayClient", "ConnectionStatus", "true");
     set("OrvoService.DynDNS", "HostName", "box");
     set("OrvoService.DynDNS", "Enable", "true");
     cloud_->order({"take", "box"});
