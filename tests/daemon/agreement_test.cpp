@@ -145,56 +145,78 @@ TEST(Agreement, ReconciliationRepairsDifferences) {
         gateway.log.next(" INFO Synchronizing DynDNS because its interval has passed");
         gateway.settle();  // it is over, and the next one is far enough
         disturb();
-        gateway.haId = gateway.get("NMC.HomeAutomation", "HA-ID");
         EXPECT_TRUE(waitFor([&] {
             return gateway.get("OrvoService.DynDNS", "HostName") == name &&
                    gateway.get("OrvoService.DynDNS", "Enable") == enable && (!*name || gateway.agrees());
         }));
     };
-    const auto restart = [&](const char* configuration) {
+    const auto restart = [&](const char* configuration, const auto&... meanwhile) {
         EXPECT_EQ(gateway.end(), 0);
+        (meanwhile(), ...);
         gateway.run(configuration);
     };
+    const auto call = [&](const char* method, const BusArguments& arguments, const char* line) {
+        EXPECT_TRUE(waitFor([&] {  // again when a synchronization comes between
+            gateway.client.call("/dyndns", "", method, arguments);
+            return gateway.log.count(line) > 0;
+        }));
+    };
     const char* const hourly = "synchronize.interval=3600\n";
+    set("Simulation.Objects", "Refused", "NeMo.Intf.data.Query.1");
     gateway.run(hourly);
+    gateway.log.next("Listening to changes in: NeMo.Intf.data.Query.2");  // in place of the refused one
     comesTo("box", "true", [&] { set("OrvoService.DynDNS", "HostName", "other"); });
-    comesTo("new", "true", [&] { gateway.cloud->order({"register", "HA-1", "new", "true"}); });
-    comesTo("new", "true", [&] { unlink(KStore); });
-    comesTo("new", "false", [&] {  // a push that the server did not take
-        gateway.cloud->fault("set", "http500");
-        gateway.client.call("/dyndns", "", "SetEnabled", {false});
-        gateway.log.next("Failed to configure DynDNS: INTERNAL_ERROR");
+    comesTo("first", "true", [&] {  // a name whose registration was not answered
+        gateway.cloud->fault("set", "half");
+        call("Configure", {true, "first"}, "ERROR Dyn DNS Configure error");
     });
-    comesTo("second", "false", [&] {  // a new HA-ID while the daemon is down
-        EXPECT_EQ(gateway.end(), 0);
-        set("NMC.HomeAutomation", "HA-ID", "HA-2");
-        gateway.run(hourly);
-    });
-    comesTo("third", "true", [&] {  // an object that comes after the start
-        gateway.cloud->order({"register", "HA-2", "third", "true"});
-        set("Simulation.Objects", "Refused", "NMC.HomeAutomation");
+    comesTo("first", "false", [&] {  // a switch that is not in the file yet
+        call("SetEnabled", {false}, "Dyn DNS Configure OK: ");
         restart(hourly);
-        gateway.log.next("ERROR Request failed, error - ");
-        set("Simulation.Objects", "Refused", "");
     });
-    comesTo("third", "true", [&] {  // the first check failed, and a client's switch had no server to go to
-        set("Simulation.Functions", "Failing", "hasFlag");
+    comesTo("first", "false", [&] {  // a switch that is taken for the first value: nothing is loaded over it
+        unlink(KStore);
+        restart(hourly, [&] { set("OrvoService.DynDNS", "Enable", "true"); });
+    });
+    comesTo("first", "true", [&] {  // a push that the server did not take
+        gateway.cloud->order({"take", "first"});
+        call("SetEnabled", {true}, "Failed to configure DynDNS: NAME_TAKEN");
+        gateway.cloud->order({"free", "first"});
+    });
+    comesTo("new", "true", [&] {  // another server, and a push that no client waits for any more
+        gateway.cloud->order({"fault", "get", "http500", "0"});
+        gateway.cloud->order({"take", "first"});
+        call("SetEnabled", {false}, "Failed to configure DynDNS: NAME_TAKEN");
+        call("Configure", {false, "old"}, "Dyn DNS Configure OK: ");
+        gateway.cloud->order({"register", "HA-1", "new", "true"});
+        gateway.step("U/moved");
+    });
+    comesTo("second", "false", [&] {  // a new HA-ID, whose synchronization waits when the daemon ends
+        gateway.step("D-");
+        gateway.step("H2");
+        restart(hourly, [&] { set("DNS.Server", "Status", "true"); });
+    });
+    comesTo("third", "true", [&] {  // a watch and a check that failed at the start, and a switch that nobody took
         set("NMC.HomeAutomation", "Enable", "false");
+        set("Simulation.Objects", "Refused", "NMC.HomeAutomation");
+        set("Simulation.Functions", "Failing", "hasFlag");
         restart(hourly);
-        gateway.log.next("ERROR Request failed, error - ");
-        gateway.client.call("/dyndns", "", "SetEnabled", {true});
+        call("SetEnabled", {true}, "No possibility to setup dyn dns on server");
+        set("Simulation.Objects", "Refused", "");
         set("Simulation.Functions", "Failing", "");
         gateway.log.next("HA is disabled");
+        gateway.cloud->order({"register", "HA-2", "third", "true"});
         set("NMC.HomeAutomation", "Enable", "true");
     });
-    comesTo("", "false", [&] {  // a check that failed
+    comesTo("", "false", [&] { restart(hourly, [&] { set("NeMo.Intf.data", "Flags", "cgnat"); }); });
+    comesTo("third", "true", [&] {  // a check that failed
         set("Simulation.Functions", "Failing", "hasFlag");
-        set("NeMo.Intf.data", "Flags", "cgnat");
+        set("NeMo.Intf.data", "Flags", "");
         set("DNS.Server", "Status", "1");
         gateway.log.next("ERROR Request failed, error - ");
         set("Simulation.Functions", "Failing", "");
     });
-    comesTo("third", "true", [&] { set("NeMo.Intf.data", "Flags", ""); });
+    comesTo("", "false", [&] { set("NeMo.Intf.data", "Flags", "cgnat"); });
 
     // Without the key an hour passes, and nothing is asked.
     restart("");

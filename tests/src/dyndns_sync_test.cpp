@@ -104,6 +104,7 @@ class Sync : public testing::Test {
         iBusPcbClient = easyCreatePcbDataModelClient();
         iBusEventBase = event_base_new();
         EXPECT_TRUE(easySetPcbParamBoolValue(iBusPcbClient, getPcbObjectPathForDynDns(), "SyncNotFinished", 0));
+        set("OrvoService.GatewayClient", "ConnectionStatus", "true");
         react(EVENT_APP_SERVER_URL_INIT, "");
         react(EVENT_HA_ENABLE_INIT, "true");
         react(EVENT_DNS_SERVER_STATUS_INIT, "1");
@@ -154,11 +155,15 @@ TEST_F(Sync, AnInterruptedSynchronizationGoesOnWithTheInitialHaId) {
     bus_->send(SIGKILL);
     bus_->wait();
     react(EVENT_HA_ID_INIT, "short");
+    cloud_->order({"register", "short", "box", "true"});
     EXPECT_STREQ(getHomeAutomationId(), "short");
     log_.next("Cannot determine state of previous DynDNS synchronization");
     step();
     log_.next("Cannot set DynDNS enable value in PCB");
     EXPECT_EQ(armedDelay(), 5);
+    react(EVENT_HA_ENABLE_CHANGED, "true");
+    react(EVENT_DYNDNS_ENABLE_CHANGED, "true");  // not by that write any more
+    log_.next("Setup dyn dns on server waits for the synchronization");
 }
 
 TEST_F(Sync, SwitchesOffLocallyOnceAndOnlyIfItIsOn) {
@@ -212,7 +217,6 @@ TEST_F(Sync, GuardWaitsRestoresTheModeAndGivesUpInTime) {
 }
 
 TEST_F(Sync, StoresAnAnswerOrRetries) {
-    set("OrvoService.GatewayClient", "ConnectionStatus", "true");
     // A fault or a body comes to this name and this switch; with a line of an error the step is tried again.
     const auto comesTo = [&](const std::string& answer, const char* name, const char* enable, const char* error) {
         SCOPED_TRACE(answer);
@@ -231,4 +235,23 @@ TEST_F(Sync, StoresAnAnswerOrRetries) {
     comesTo(R"({"status":"SUCCESS","dynDNS":{"name":"b","enabled":"true"}})", "b", "false", "");
     comesTo(R"({"status":"SUCCESS","dynDNS":{"name":7,"enabled":true}})", "", "true", "");
     comesTo(R"({"status":"SUCCESS","dynDNS":"box"})", "", "false", "");
+}
+
+TEST_F(Sync, OwedPushGoesOutFirstUntilItIsForgotten) {
+    set("OrvoService.DynDNS", "HostName", "box");
+    set("OrvoService.DynDNS", "Enable", "true");
+    cloud_->order({"take", "box"});
+    cloud_->order({"register", "HA-2", "box", "false"});
+    react(EVENT_DYNDNS_ENABLE_CHANGED, "true");
+    reconcileDynDnsConfiguration();
+    step();
+    step();  // the retry
+    react(EVENT_HA_ID_CHANGED, "HA-2");
+    step();
+    set("OrvoService.DynDNS", "Enable", "true");
+    react(EVENT_DYNDNS_ENABLE_CHANGED, "true");
+    step();  // of another synchronization
+    reconcileDynDnsConfiguration();
+    step();
+    EXPECT_EQ(log_.count("Failed to configure DynDNS: NAME_TAKEN"), 4U);
 }
