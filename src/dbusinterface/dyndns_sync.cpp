@@ -24,6 +24,7 @@ struct event* iDynDnsSyncTimer;
 int iDynDnsSyncRetryInterval = KFirstRetryInterval;
 
 static bool iPushIsOwed = false;         // the last changed switch did not reach the server
+static bool iPushIsRefused = false;      // the server answered the last push, and did not take it
 static bool iPushesFirst = false;        // the synchronization under way sends it before it asks the server
 static bool iIsStoreIncomplete = false;  // a step's answer is stored in part, or perhaps not at all
 
@@ -65,12 +66,21 @@ void synchronizeDynDnsConfiguration() {
     LOG(INFO, "Sync dyndns timer started");
 }
 
+// Refused for a whole interval, it may be refused for ever, such as for a name that somebody else has taken meanwhile.
+// The server's record is stored then.
+static void giveUpPush() {
+    LOG(WARN, "Server refuses the switch, its registration will be stored");
+    forgetOwedPush();
+}
+
 void reconcileDynDnsConfiguration() {
-    iPushesFirst = true;
     if (isSyncDue()) {
         LOG(INFO, "Interval of DynDNS synchronization has passed, one is under way");
+        if (iPushesFirst && iPushIsOwed && iPushIsRefused) giveUpPush();
+        iPushesFirst = true;
         return;
     }
+    iPushesFirst = true;
     LOG(INFO, "Synchronizing DynDNS because its interval has passed");
     synchronizeDynDnsConfiguration();
 }
@@ -190,10 +200,12 @@ static bool pushRegistration() {
         return false;
     }
     LOG(INFO, "Dyn DNS Configure OK: %s", body.get());
-    return parseSuccessfulAnswer(body.get(), "Failed to configure DynDNS: %s") != nullptr;
+    iPushIsRefused = !parseSuccessfulAnswer(body.get(), "Failed to configure DynDNS: %s");
+    return !iPushIsRefused;
 }
 
 bool setupDynDnsOnServer() {
+    iPushIsRefused = false;
     iPushIsOwed = !pushRegistration();
     return !iPushIsOwed;
 }

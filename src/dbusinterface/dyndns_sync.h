@@ -49,7 +49,8 @@ void pushDynDnsEnable();
 void forgetOwedPush();
 
 /// Starts a synchronization that nothing has triggered, unless one is under way (logged). A push that the server did
-/// not take goes out before the server is asked. Bus thread.
+/// not take goes out before the server is asked; it is given up (logged) when the server has refused it until the next
+/// reconciliation. Bus thread.
 void reconcileDynDnsConfiguration();
 
 /// Switches DynDNS off in the data model if it is on as far as is known here, and saves the tree; the server is not

@@ -133,20 +133,6 @@ TEST_F(MessageBus, AnswersEveryCallWhenTheBusReadsSlowly) {
     }
 }
 
-TEST_F(MessageBus, RetriesACallAfterMemoryShortage) {
-    offer({"Two"});
-    static int refusals = 0;
-    const auto refuse = [](DBusConnection*, DBusMessage* message, void*) {
-        const bool isFirst = dbus_message_is_method_call(message, KName, "Two") && ++refusals == 1;
-        return isFirst ? DBUS_HANDLER_RESULT_NEED_MEMORY : DBUS_HANDLER_RESULT_NOT_YET_HANDLED;
-    };
-    dbus_connection_add_filter(bus->connection.get(), refuse, nullptr, nullptr);
-    DBusPendingCall* pending = send(newCall("Two"));
-    EXPECT_TRUE(pumpUntil([&] { return refusals == 1; }));  // not tried again in the same run
-    EXPECT_EQ(replyTo(pending), "true");
-    EXPECT_TRUE(pumpUntil([&] { return event_pending(bus->dispatchEvent.get(), EV_TIMEOUT, nullptr) == 0; }));
-}
-
 TEST_F(MessageBus, ClientGetsAnErrorWhenAReplyCannotBeSent) {
     offer({"Long", "Echo"});
     EXPECT_EQ(replyTo(send(newCall("Long"))), DBUS_ERROR_FAILED);

@@ -35,7 +35,6 @@ static bool isStruck(char call, const char* file) {
     const bool harmless =
         call == 'w' ? page.fault == KShortWrite || page.fault == EINTR : call == 'c' && strcmp(file, "/media") == 0;
     page.reported += !harmless;
-    ++page.struck;
     errno = page.fault;
     return true;
 }

@@ -9,20 +9,14 @@
 #include <atomic>
 #include <cstdint>
 
-/// The modules whose allocations can fail; the program itself has no name.
-constexpr const char* KModules[] = {"", "libcjson"};
-
 struct Steering {
-    std::atomic<unsigned> starved;              // 1 + the module whose allocations are counted and fail; 0 for none
-    std::atomic<unsigned> firstToFail, toFail;  // counted from 1; how many
-    std::atomic<unsigned> allocations, failed;  // of that module so far; how many failed
-    std::atomic<int> second;                    // microseconds that a timer's second takes; 0: a full second
-    std::atomic<bool> alsoLog;                  // calls for the log count, too
-    std::atomic<int> call, fault;               // which call meets what, from 1; 0: none
-    std::atomic<int> struck, reported;          // calls that got the fault; those whose failure the save must log
-    std::atomic<int> seen;                      // calls since `call` was set
-    char calls[100];                            // the first letter of each
-    char refused[16];                           // the call that always fails
+    std::atomic<int> second;       // microseconds that a timer's second takes; 0: a full second
+    std::atomic<bool> alsoLog;     // calls for the log count, too
+    std::atomic<int> call, fault;  // which call meets what, from 1; 0: none
+    std::atomic<int> reported;     // calls whose failure the save must log
+    std::atomic<int> seen;         // calls since `call` was set
+    char calls[100];               // the first letter of each
+    char refused[16];              // the call that always fails
 };
 
 constexpr int KKill = -1, KShortWrite = -2, KEnd = -3;  // what a call can meet besides an error number
@@ -46,7 +40,7 @@ inline void strike(int call, int fault, bool alsoLog = false) {
     page.call = 0;
     page.fault = fault;
     page.alsoLog = alsoLog;
-    page.seen = page.struck = page.reported = 0;
+    page.seen = page.reported = 0;
     std::fill(page.calls, page.calls + sizeof page.calls, '\0');
     page.call = call;
 }

@@ -12,6 +12,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size);
 using Target = void(std::string_view bytes);
 Target fuzzConfiguration, fuzzCalls, fuzzAnswers;
 
+/// The allocation that fails: of a module (empty: the program itself; null: none fails), after so many others (-1:
+/// none).
+extern struct Shortage {
+    const char* module;
+    int left;
+    bool failed;
+} iShortage;
+
 /// Ends the process, which is a finding, unless `holds`.
 inline void require(bool holds) {
     if (!holds) abort();

@@ -3,29 +3,23 @@
 
 #include <filesystem>
 
-#include "tests/daemon/steering.h"
 #include "tests/fuzz/fuzz.h"
 #include "tests/world/world.h"
 
 TEST(Fuzz, EveryCorpusInputPassesAlsoOutOfMemory) {
     size_t count = 0, failures = 0;
-    Steering& page = steering();
-    page.toFail = 1;
     for (const auto& file : std::filesystem::recursive_directory_iterator(ORSM_SOURCE_FOLDER "/tests/fuzz/corpus")) {
         if (file.is_directory()) continue;
         fprintf(stderr, "%s\n", file.path().c_str());  // the last name printed is the input that failed
         setenv("ORSM_FUZZ_TARGET", file.path().parent_path().filename().c_str(), 1);
         LLVMFuzzerInitialize(nullptr, nullptr);
         const std::string bytes = world::readFile(file.path());
-        for (const unsigned owner : {0U, 1U}) {  // of KModules
-            page.failed = 1;
-            for (unsigned number = 0; page.failed || number == 1; ++number) {
-                page.allocations = page.failed = 0;
-                page.firstToFail = number;
-                page.starved = owner + 1;
+        for (const char* module : {"", "libcjson"}) {
+            for (int number = -1; number < 1 || iShortage.failed; ++number) {
+                iShortage = {module, number, false};
                 LLVMFuzzerTestOneInput(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size());
-                page.starved = 0;
-                failures += page.failed;
+                iShortage.module = nullptr;
+                failures += iShortage.failed;
             }
         }
         ++count;

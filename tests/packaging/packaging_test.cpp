@@ -51,19 +51,12 @@ TEST(Installed, EachComponentHoldsExactlyItsFiles) {
                            "644 /usr/lib/sysusers.d/orvoservicemanager.conf",
                            dbus + "system-services/com.corvane.orsm.service"};
     EXPECT_EQ(install("systemd"), systemd);
-    const Words expected = {
-        "755 /usr/sbin/orvoservicemanager",
-        "644 /etc/orvoservicemanager.conf",
-        dbus + "system.d/com.corvane.orsm.conf",
-        interface + "dyndns.xml",
-        interface + "voltaro.xml",
-        interface + "orvoservicesinfo.xml",
-        share + "man/man8/orvoservicemanager.8.gz",
-        share + "man/man5/orvoservicemanager.conf.5.gz",
-        doc + "-standin/changelog.gz",
-        doc + "-standin/copyright",
-    };
-    EXPECT_EQ(install("daemon"), expected);
+    EXPECT_EQ(install("daemon"),
+              (Words{"755 /usr/sbin/orvoservicemanager", "644 /etc/orvoservicemanager.conf",
+                     dbus + "system.d/com.corvane.orsm.conf", interface + "dyndns.xml", interface + "voltaro.xml",
+                     interface + "orvoservicesinfo.xml", share + "man/man8/orvoservicemanager.8.gz",
+                     share + "man/man5/orvoservicemanager.conf.5.gz", doc + "-standin/changelog.gz",
+                     doc + "-standin/copyright"}));
 
     // With the platform's library, and a prefix of its own.
     const std::string build = "/var/run/gateway";

@@ -1,24 +1,5 @@
-// The stand-in for the platform's library where it promises more than a platform does, and pcb-ctl.
+// The stand-in's command line.
 #include "tests/platform/client.h"
-
-using namespace std::string_literals;
-
-TEST_F(Platform, DamagedFileChangesNothingAndNamesItsLine) {
-    const std::string good = "object OrvoService {\n    object DynDNS {\n        bool Enable = \"true\";\n";
-    const std::pair<std::string, const char*> cases[] = {
-        {"}\n",                   "line 4: '}' is missing\n"                   },
-        {"bool X = \"maybe\";}}", "line 4: the value is no boolean\n"          },
-        {"\0"s,                   "line 4: neither an object nor a parameter\n"},
-    };
-    object_t* const object = pcb_client_get_object(client.peer, "OrvoService", 0);
-    for (const auto& [rest, message] : cases) {
-        world::writeFile("/media/o.odl", good + rest);
-        testing::internal::CaptureStderr();
-        EXPECT_FALSE(datamodel_load(object_datamodel(object), "/media/o.odl", DATAMODEL_TEXT));
-        EXPECT_EQ(testing::internal::GetCapturedStderr(), "/media/o.odl: "s + message);
-        EXPECT_EQ(client.get(KDynDns, "Enable"), "false");
-    }
-}
 
 TEST_F(Platform, CtlPrintsValuesOrOneErrorLine) {
     const std::tuple<const char*, int, const char*> cases[] = {

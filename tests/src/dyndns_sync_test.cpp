@@ -238,20 +238,25 @@ TEST_F(Sync, StoresAnAnswerOrRetries) {
 }
 
 TEST_F(Sync, OwedPushGoesOutFirstUntilItIsForgotten) {
-    set("OrvoService.DynDNS", "HostName", "box");
-    set("OrvoService.DynDNS", "Enable", "true");
+    const auto pushes = [&](size_t count) { EXPECT_EQ(log_.count("Failed to configure DynDNS: NAME_TAKEN"), count); };
+    const auto change = [&] {
+        set("OrvoService.DynDNS", "HostName", "box");
+        set("OrvoService.DynDNS", "Enable", "true");
+        react(EVENT_DYNDNS_ENABLE_CHANGED, "true");
+        reconcileDynDnsConfiguration();
+        step();
+        step();  // the retry
+    };
     cloud_->order({"take", "box"});
     cloud_->order({"register", "HA-2", "box", "false"});
-    react(EVENT_DYNDNS_ENABLE_CHANGED, "true");
-    reconcileDynDnsConfiguration();
-    step();
-    step();  // the retry
+    change();
     react(EVENT_HA_ID_CHANGED, "HA-2");
     step();
-    set("OrvoService.DynDNS", "Enable", "true");
-    react(EVENT_DYNDNS_ENABLE_CHANGED, "true");
-    step();  // of another synchronization
+    change();
+    reconcileDynDnsConfiguration();  // refused for an interval
+    step();
     reconcileDynDnsConfiguration();
     step();
-    EXPECT_EQ(log_.count("Failed to configure DynDNS: NAME_TAKEN"), 4U);
+    EXPECT_EQ(log_.count("Failed to configure DynDNS: NAME_TAKEN"), 6U);
+    EXPECT_EQ(get("OrvoService.DynDNS", "Enable"), "false");
 }

@@ -1,14 +1,13 @@
-// Linked into the steered daemon, where an allocation fails on order. Compiled without sanitizers: these definitions
-// come before the sanitizer's own, which they call.
+// One allocation of the replayed code fails on order. Compiled without sanitizers: these definitions come before the
+// sanitizer's own, which they call.
 #include <dlfcn.h>
 #include <link.h>
 
 #include <cerrno>
 #include <cstdarg>
-#include <cstdlib>
 #include <cstring>
 
-#include "tests/daemon/steering.h"
+#include "tests/fuzz/fuzz.h"
 
 extern "C" {
 void* __interceptor_malloc(size_t);
@@ -18,6 +17,8 @@ char* __interceptor_strdup(const char*);
 int __interceptor_vasprintf(char**, const char*, va_list);
 }
 
+Shortage iShortage;
+
 // Whether the caller's code is in the module with this name (empty: in the program itself).
 static bool liesIn(const char* name, void* caller) {
     dl_find_object module;
@@ -26,18 +27,9 @@ static bool liesIn(const char* name, void* caller) {
     return *name ? strstr(library, name) != nullptr : !*library;
 }
 
-// Null until the constructor has run; allocations happen before that.
-static Steering* iSteering;
-
-[[gnu::constructor]] static void takePage() { iSteering = &steering(); }
-
 static bool fails(void* caller) {
-    if (!iSteering) return false;
-    const unsigned starved = iSteering->starved;
-    if (!starved || !liesIn(KModules[starved - 1], caller)) return false;
-    const unsigned number = ++iSteering->allocations, first = iSteering->firstToFail;
-    if (number < first || number - first >= iSteering->toFail) return false;
-    ++iSteering->failed;
+    if (!iShortage.module || !liesIn(iShortage.module, caller) || iShortage.left-- != 0) return false;
+    iShortage.failed = true;
     errno = ENOMEM;
     return true;
 }
