@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <cstdio>
 
 #include "common/gate/gate.h"
 #include "src/dbusinterface/gateway_client.h"
@@ -75,7 +74,6 @@ void endProcess(int status) {
     destroyPcbDataModelClient();
     cleanRequestsEngine();
     cleanOrvoServicesInfo();
-    fflush(nullptr);
     checkForLeaks();
     endAtOnce(status);
 }
