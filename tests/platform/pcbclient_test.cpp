@@ -272,9 +272,11 @@ TEST_F(Client, OffersMoreThanTheDaemonUses) {
                 addMapParameter(echo, "extra", map));
     freeMapParameter(map);
     request_t* const requests[] = {listenToCustomNotificationsFromPcbObject("OrvoService.DynDNS"),
+                                   listenToNotificationsFromPcbObject("OrvoService.DynDNS"),
                                    executePreparedPcbFunction(notify), executePreparedPcbFunction(echo)};
     EXPECT_EQ(run(3), (Texts{"custom OrvoService.DynDNS v", R"(Simulation.Functions notify {"returns":null})",
                              R"(Simulation.Functions echo {"returns":null,"number":"-1","flag":"true"})"}));
+    EXPECT_EQ(log_.count("Incomplete change notification"), 0U) << "a notification that is no change";
     for (request_t* request : requests) {
         freePcbRequestObject(request);
     }
