@@ -60,8 +60,8 @@ TEST(Installed, EachComponentHoldsExactlyItsFiles) {
 
     // With the platform's library, and a prefix of its own.
     const std::string build = "/var/run/gateway";
-    output({"cmake", "-S", ORSM_SOURCE_FOLDER, "-B", build, "-DORSM_PCB_LIBRARIES=pcb", "-DCMAKE_INSTALL_PREFIX=/opt/x",
-            "-DBUILD_TESTING=OFF"});
+    output({"cmake", "-G", "Ninja", "-S", ORSM_SOURCE_FOLDER, "-B", build, "-DORSM_PCB_LIBRARIES=pcb",
+            "-DCMAKE_INSTALL_PREFIX=/opt/x", "-DBUILD_TESTING=OFF"});
     EXPECT_EQ(install("systemd", build), systemd);
     EXPECT_EQ(found(readFile(KUnits + "orvoservicemanager.service"), "\nExecStart=(.*)"),
               Words{"/usr/bin/env -i /opt/x/sbin/orvoservicemanager -c /etc/opt/x/orvoservicemanager.conf"});
