@@ -169,9 +169,7 @@ static Reply answerConfigure(const MethodCall& call) {
     LOG(INFO, "Dyn DNS Configure requested");
     int enabled = 0;
     OwnedText name;
-    if (const Refusal refusal = readConfigureArguments(call.message, &enabled, &name)) {
-        return refusal;
-    }
+    if (const Refusal refusal = readConfigureArguments(call.message, &enabled, &name)) return refusal;
     if (const Refusal refusal = configureOnServer(enabled, name.get())) return refusal;
     forgetOwedPush();
     // The reply says what the server accepted, even when the data model refuses the values.

@@ -217,6 +217,7 @@ void pushDynDnsEnable() {
     }
     LOG(INFO, "Setup dyn dns on server waits for the synchronization");
     iPushIsOwed = true;
+    iPushIsRefused = false;  // that was an older switch
 }
 
 void forgetOwedPush() { iPushIsOwed = false; }
